@@ -1,0 +1,49 @@
+// The operating-system layer: memory status, files and paths. Every OS
+// dependent call of the library lives behind these functions.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+namespace frfcam::platform {
+
+#if defined(_WIN32)
+inline constexpr char kPathSeparator = '\\';
+#else
+inline constexpr char kPathSeparator = '/';
+#endif
+
+// Physical memory available to this process now, in bytes: the system's
+// available memory, capped by the control group's limit when there is one.
+std::uint64_t AvailablePhysicalMemory();
+
+// Parses the two sources of AvailablePhysicalMemory (exposed for tests):
+// the MemAvailable line of a meminfo text, and a cgroup limit/usage pair
+// ("max" meaning no limit). Return UINT64_MAX when nothing applies.
+std::uint64_t ParseMemAvailable(const std::string& meminfo);
+std::uint64_t CgroupHeadroom(const std::string& limit, const std::string& usage);
+
+// Opens a file for shared access (others may read; writers are denied where
+// the OS supports it). `path` is UTF-8. Returns null on failure.
+std::FILE* OpenFile(const std::string& path, const char* mode);
+
+// Seeks from the start of the file with a 64-bit offset; true on success.
+bool SeekTo(std::FILE* file, std::uint64_t offset);
+
+// Size of a file in bytes; false (and *size untouched) when it cannot be
+// queried. Never throws.
+bool FileSize(const std::string& path, std::uint64_t* size);
+
+// The parts of a path as the naming rule uses them. `drive` is empty on
+// systems without drive letters; `dir` keeps its trailing separator; `ext`
+// starts at the last dot of the final component (empty when there is none).
+struct PathParts {
+  std::string drive;
+  std::string dir;
+  std::string fname;
+  std::string ext;
+};
+PathParts SplitPath(const std::string& path);
+
+}  // namespace frfcam::platform

@@ -1,0 +1,1 @@
+#include "frfcam/frfcam.h"

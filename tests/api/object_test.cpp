@@ -1,0 +1,64 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "frfcam/frfcam.h"
+
+namespace {
+
+std::u16string TakeName(FrfMapCalcs* calcs) {
+  char16_t* raw = GetFrfMapCalcsName(calcs);
+  EXPECT_NE(raw, nullptr);
+  if (raw == nullptr) return {};
+  std::u16string s(raw);
+  std::free(raw);
+  return s;
+}
+
+TEST(ObjectExports, NameRoundTripsAsUtf16) {
+  FrfMapCalcs* calcs = CreateFrfMapCalcs("bridge \xC3\xA9\xE2\x82\xAC\xF0\x9F\x8E\xB5");
+  ASSERT_NE(calcs, nullptr);
+  EXPECT_EQ(TakeName(calcs), u"bridge \u00E9\u20AC\U0001F3B5");
+  SetFrfMapCalcsName(calcs, "");
+  EXPECT_EQ(TakeName(calcs), u"");
+  SetFrfMapCalcsName(calcs, "second");
+  EXPECT_EQ(TakeName(calcs), u"second");
+  DeleteFrfMapCalcs(calcs);
+}
+
+TEST(ObjectExports, InvalidUtf8BecomesReplacementCharacters) {
+  // A lone continuation byte, a truncated sequence, an overlong slash and an
+  // encoded surrogate: each offending byte gives one U+FFFD.
+  FrfMapCalcs* calcs = CreateFrfMapCalcs(
+      "a\x80"
+      "b\xE2\x82"
+      "c\xC0\xAF"
+      "d\xED\xA0\x80");
+  EXPECT_EQ(TakeName(calcs), u"a\uFFFDb\uFFFD\uFFFDc\uFFFD\uFFFDd\uFFFD\uFFFD\uFFFD");
+  DeleteFrfMapCalcs(calcs);
+}
+
+TEST(ObjectExports, NullArgumentsAreHarmless) {
+  DeleteFrfMapCalcs(nullptr);
+  EXPECT_EQ(GetFrfMapCalcsName(nullptr), nullptr);
+  SetFrfMapCalcsName(nullptr, "x");
+  FrfMapCalcs* calcs = CreateFrfMapCalcs(nullptr);
+  EXPECT_EQ(TakeName(calcs), u"");
+  SetFrfMapCalcsName(calcs, "kept");
+  SetFrfMapCalcsName(calcs, nullptr);
+  EXPECT_EQ(TakeName(calcs), u"");
+  DeleteFrfMapCalcs(calcs);
+}
+
+TEST(ObjectExports, ObjectsAreIndependent) {
+  FrfMapCalcs* a = CreateFrfMapCalcs("a");
+  FrfMapCalcs* b = CreateFrfMapCalcs("b");
+  SetFrfMapCalcsName(a, "changed");
+  EXPECT_EQ(TakeName(b), u"b");
+  DeleteFrfMapCalcs(a);
+  EXPECT_EQ(TakeName(b), u"b");
+  DeleteFrfMapCalcs(b);
+}
+
+}  // namespace

@@ -1,0 +1,54 @@
+#include "support/test_support.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace frfcam::test {
+
+namespace {
+std::string ReadWhole(const std::filesystem::path& p) {
+  std::ifstream in(p, std::ios::binary);
+  std::ostringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+}  // namespace
+
+ScratchDir::ScratchDir() {
+  static std::atomic<int> counter{0};
+  path_ = std::filesystem::temp_directory_path() /
+          ("frfcam-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
+  std::filesystem::remove_all(path_);
+  std::filesystem::create_directories(path_);
+}
+
+ScratchDir::~ScratchDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+CommandResult RunCommand(const std::string& command) {
+  ScratchDir dir;
+  const auto out = dir.path() / "out";
+  const auto err = dir.path() / "err";
+  const std::string full = command + " >" + out.string() + " 2>" + err.string();
+  CommandResult r;
+  const int raw = std::system(full.c_str());
+  r.status = (raw != -1 && WIFEXITED(raw)) ? WEXITSTATUS(raw) : -1;
+  r.out = ReadWhole(out);
+  r.err = ReadWhole(err);
+  return r;
+}
+
+bool HaveSystemPython(const char* module) {
+  const std::string cmd = std::string(FRFCAM_SYSTEM_PYTHON) + " -c 'import " + module + "'";
+  return RunCommand(cmd).status == 0;
+}
+
+}  // namespace frfcam::test

@@ -1,0 +1,36 @@
+// Helpers shared by the test programs: scratch folders and child processes.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace frfcam::test {
+
+// A fresh folder below the system temporary folder, removed with its content
+// when the object goes away.
+class ScratchDir {
+ public:
+  ScratchDir();
+  ~ScratchDir();
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+  std::string file(const std::string& name) const { return (path_ / name).string(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// Runs `command` through the shell; returns its exit status and what it wrote
+// to standard output (standard error goes to `err` when given).
+struct CommandResult {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+CommandResult RunCommand(const std::string& command);
+
+// True when the system interpreter with numpy is there for cross-checks.
+bool HaveSystemPython(const char* module);
+
+}  // namespace frfcam::test

@@ -1,0 +1,24 @@
+// The subcommands of the frfcam tool, one registration function per area.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <stdexcept>
+
+namespace frfcam::cli {
+
+// A failure that the tool reports as one line on stderr with exit code 1.
+struct CommandError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// Ends the tool with `code` after the command has reported what happened
+// (for example 130 after a cancelled render).
+struct ExitWith {
+  int code;
+};
+
+void RegisterCaptureCommands(CLI::App& app);    // synth, info
+void RegisterCubeCommands(CLI::App& app);       // render, map, delete
+void RegisterStabilityCommands(CLI::App& app);  // stability, synth-frf
+
+}  // namespace frfcam::cli

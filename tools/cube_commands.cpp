@@ -1,0 +1,7 @@
+#include "commands.h"
+
+namespace frfcam::cli {
+
+void RegisterCubeCommands(CLI::App& app) { (void)app; }
+
+}  // namespace frfcam::cli
