@@ -1,9 +1,58 @@
 #include "frfmap/frf_map_calcs.h"
 
+#include "frfmap/planner.h"
+#include "platform/platform.h"
+
 namespace frfcam::frfmap {
 
 FrfMapCalcs::FrfMapCalcs(std::string name) : name_(std::move(name)) {}
 
-FrfMapCalcs::~FrfMapCalcs() = default;
+FrfMapCalcs::~FrfMapCalcs() { ReleaseOpening(); }
+
+void FrfMapCalcs::ReleaseOpening() {
+  opened_ = false;
+  reader_.Close();
+  cubes_.Close();
+  kernel_.Release();
+}
+
+int FrfMapCalcs::OpenCube(const std::string& header_path) {
+  ReleaseOpening();
+  width_ = height_ = bins_ = 0;
+  total_pixels_ = block_pixels_ = sub_block_pixels_ = 0;
+  cubes_.Reset(header_path, CubeLayout{});
+
+  // Refuse what cannot be rendered before anything is planned or taken.
+  if (!reader_.Open(header_path)) return kOpenBadCapture;
+  const CaptureHeader& h = reader_.header();
+  const std::int32_t frames = h.frame_count();
+  if (h.width() == 0 || h.height() == 0 || frames < 1) return kOpenBadCapture;
+  if (!h.single_file() && h.frames_per_division() == 0) return kOpenBadCapture;
+  const auto bins = static_cast<std::uint32_t>(frames / 2 + 1);
+  const CubeLayout layout = CubeLayout::For(h.pixels(), bins);
+  if (layout.bins_per_file == 0 || layout.FileCount() > kMaxFileNumber) return kOpenBadCapture;
+
+  width_ = h.width();
+  height_ = h.height();
+  bins_ = bins;
+  total_pixels_ = static_cast<std::uint32_t>(h.pixels());
+  header_value_ = static_cast<float>(h.float_field());
+  cubes_.Reset(header_path, layout);
+
+  const std::uint64_t available = platform::AvailablePhysicalMemory();
+  block_pixels_ = PlanBlockPixels(width_, height_, frames, available);
+  sub_block_pixels_ = SubBlockPixels(frames, available);
+
+  if (!kernel_.Prepare(frames)) return kOpenNoTransform;
+  opened_ = true;
+  return kOpenOk;
+}
+
+unsigned FrfMapCalcs::GetCubeDims(unsigned* width, unsigned* height, unsigned* bins) const {
+  if (width != nullptr) *width = width_;
+  if (height != nullptr) *height = height_;
+  if (bins != nullptr) *bins = bins_;
+  return bins_;
+}
 
 }  // namespace frfcam::frfmap

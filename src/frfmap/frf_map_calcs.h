@@ -4,10 +4,39 @@
 #pragma once
 
 #include <atomic>
+#include <complex>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <vector>
+
+#include "frfmap/capture_reader.h"
+#include "frfmap/cube_files.h"
+#include "frfmap/spectrum_kernel.h"
 
 namespace frfcam::frfmap {
+
+// Results of OpenCube.
+enum OpenResult : int {
+  kOpenOk = 0,
+  kOpenNoTransform = 1,
+  kOpenNoMemory = -1,
+  kOpenBadCapture = 2,
+};
+
+// Results of RenderCube.
+enum RenderResult : int {
+  kRenderOk = 0,
+  kRenderCancelled = 1,
+  kRenderNoMemory = 2,  // also: not opened
+  kRenderWriteFailed = 3,
+};
+
+// ReadFRFMap's results besides 0 and short byte counts.
+inline constexpr int kReadNullMap = -8;
+inline constexpr int kReadNoMemory = -9;
+
+using ProgressFn = std::function<void(int percent)>;
 
 class FrfMapCalcs {
  public:
@@ -19,8 +48,42 @@ class FrfMapCalcs {
   const std::string& name() const { return name_; }
   void set_name(std::string name) { name_ = std::move(name); }
 
+  int OpenCube(const std::string& header_path);
+  // Writes width, height and bins (any pointer may be null); returns bins.
+  unsigned GetCubeDims(unsigned* width, unsigned* height, unsigned* bins) const;
+  int RenderCube(const ProgressFn& progress);
+  void CancelRender() noexcept { cancel_.store(1, std::memory_order_relaxed); }
+
+  void SetReference(const float* signal, int length);
+  int ReadFRFMap(int bin, float gain, unsigned char* map);
+
+  const std::vector<std::complex<float>>& reference() const { return reference_; }
+  std::uint32_t block_pixels() const { return block_pixels_; }
+
  private:
+  void ReleaseOpening();
+
   std::string name_;
+  CaptureReader reader_;
+  CubeFileSet cubes_;
+  SpectrumKernel kernel_;
+
+  // Render plan, set by OpenCube.
+  bool opened_ = false;
+  std::uint32_t total_pixels_ = 0;
+  std::uint32_t block_pixels_ = 0;
+  std::uint32_t sub_block_pixels_ = 0;
+  float header_value_ = 0.0f;  // carried from the header, not interpreted
+
+  std::atomic<std::uint8_t> cancel_{0};
+
+  std::vector<std::complex<float>> reference_;
+  // Working arrays of ReadFRFMap, kept between calls.
+  std::vector<std::complex<float>> plane_;
+
+  std::uint32_t width_ = 0;
+  std::uint32_t height_ = 0;
+  std::uint32_t bins_ = 0;
 };
 
 }  // namespace frfcam::frfmap

@@ -1,8 +1,11 @@
 #include "platform/platform.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -116,6 +119,56 @@ PathParts SplitPath(const std::string& path) {
     parts.ext = name.substr(dot);
   }
   return parts;
+}
+
+std::filesystem::path PathFromUtf8(const std::string& path) {
+  // Narrow paths are UTF-8 here; on Windows this would go through u8string.
+  return std::filesystem::path(path);
+}
+
+File& File::operator=(File&& other) noexcept {
+  if (this != &other) {
+    Close();
+    fd_ = other.fd_;
+    other.fd_ = -1;
+  }
+  return *this;
+}
+
+bool File::Open(const std::string& path, Mode mode) {
+  Close();
+  const int flags = mode == Mode::kRead ? O_RDONLY : (O_WRONLY | O_CREAT | O_TRUNC);
+  fd_ = ::open(path.c_str(), flags | O_CLOEXEC, 0666);
+  return fd_ >= 0;
+}
+
+void File::Close() {
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
+}
+
+std::size_t File::ReadAt(std::uint64_t offset, void* data, std::size_t size) const {
+  std::size_t done = 0;
+  auto* p = static_cast<char*>(data);
+  while (fd_ >= 0 && done < size) {
+    const ssize_t r = ::pread(fd_, p + done, size - done, static_cast<off_t>(offset + done));
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) break;
+    done += static_cast<std::size_t>(r);
+  }
+  return done;
+}
+
+std::size_t File::WriteAt(std::uint64_t offset, const void* data, std::size_t size) const {
+  std::size_t done = 0;
+  const auto* p = static_cast<const char*>(data);
+  while (fd_ >= 0 && done < size) {
+    const ssize_t r = ::pwrite(fd_, p + done, size - done, static_cast<off_t>(offset + done));
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) break;  // EFBIG, ENOSPC, EIO: the caller sees a short write
+    done += static_cast<std::size_t>(r);
+  }
+  return done;
 }
 
 }  // namespace frfcam::platform

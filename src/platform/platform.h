@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 
 namespace frfcam::platform {
@@ -45,5 +46,38 @@ struct PathParts {
   std::string ext;
 };
 PathParts SplitPath(const std::string& path);
+
+// A file-system path from a UTF-8 string.
+std::filesystem::path PathFromUtf8(const std::string& path);
+
+}  // namespace frfcam::platform
+
+namespace frfcam::platform {
+
+// A file opened for positioned reads or writes (no shared file position, no
+// user-space buffering), so large transfers go straight between the caller's
+// memory and the OS.
+class File {
+ public:
+  enum class Mode { kRead, kCreate };  // kCreate truncates or creates, for writing
+  File() = default;
+  ~File() { Close(); }
+  File(File&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+  File& operator=(File&& other) noexcept;
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  // UTF-8 path. False when the file cannot be opened.
+  bool Open(const std::string& path, Mode mode);
+  bool is_open() const { return fd_ >= 0; }
+  void Close();
+
+  // Bytes transferred; fewer than asked on end of file or error.
+  std::size_t ReadAt(std::uint64_t offset, void* data, std::size_t size) const;
+  std::size_t WriteAt(std::uint64_t offset, const void* data, std::size_t size) const;
+
+ private:
+  int fd_ = -1;
+};
 
 }  // namespace frfcam::platform

@@ -1,0 +1,34 @@
+#include "frfmap/capture_header.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "platform/platform.h"
+
+namespace frfcam::frfmap {
+
+double CaptureHeader::float_field() const {
+  double v;
+  std::memcpy(&v, &bytes[format::kFloatFieldOffset], sizeof v);
+  return v;
+}
+
+std::uint64_t CaptureHeader::frame_bytes() const {
+  const std::uint64_t p = pixels();
+  if (packed12()) return p * 3 / 2;
+  if (pixel_format() == format::kPixelFormat16Bit) return p * 2;
+  return p;
+}
+
+bool CaptureHeader::Load(const std::string& path) {
+  std::FILE* f = platform::OpenFile(path, "rb");
+  if (f == nullptr) return false;
+  std::array<std::uint8_t, format::kHeaderSize> buf{};
+  const std::size_t got = std::fread(buf.data(), 1, buf.size(), f);
+  std::fclose(f);
+  if (got != buf.size()) return false;
+  bytes = buf;
+  return true;
+}
+
+}  // namespace frfcam::frfmap

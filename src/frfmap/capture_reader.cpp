@@ -1,0 +1,172 @@
+#include "frfmap/capture_reader.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "frfmap/naming.h"
+#include "frfmap/unpack.h"
+#include "platform/platform.h"
+
+namespace frfcam::frfmap {
+
+bool CaptureReader::Open(const std::string& header_path) {
+  Close();
+  header_ = CaptureHeader{};
+  header_path_ = header_path;
+  return header_.Load(header_path);
+}
+
+void CaptureReader::Close() {
+  for (CachedFile& c : division_) {
+    if (c.file != nullptr) std::fclose(c.file);
+    c = CachedFile{};
+  }
+  if (single_ != nullptr) std::fclose(single_);
+  single_ = nullptr;
+  single_tried_ = false;
+  single_size_ = 0;
+  cap_header_.fill(0);
+}
+
+std::FILE* CaptureReader::DivisionHandle(unsigned d) {
+  CachedFile& slot = division_[d % division_.size()];
+  if (slot.file != nullptr && slot.number == d) return slot.file;
+  if (slot.file != nullptr) std::fclose(slot.file);
+  slot.number = d;
+  slot.file = platform::OpenFile(DataFilePath(header_path_, DataFile::kDivision, d), "rb");
+  return slot.file;
+}
+
+bool CaptureReader::ReadBlock(std::uint64_t first, std::uint32_t n, std::int32_t frames,
+                              std::uint16_t* samples, std::uint8_t* records) {
+  if (n == 0) return true;
+  if (first + n > header_.pixels()) return false;
+  if (!header_.single_file() && header_.frames_per_division() == 0) return false;
+  std::uint8_t* record = (first == 0) ? records : nullptr;
+  for (std::int32_t f = 0; f < frames; ++f) {
+    std::uint16_t* row = samples + static_cast<std::size_t>(f) * n;
+    const bool ok = header_.single_file() ? ReadSingleFrame(f, first, n, row, record)
+                                          : ReadDivisionFrame(f, first, n, row, record);
+    if (!ok) return false;
+    if (record != nullptr) record += format::kFrameRecordSize;
+  }
+  return true;
+}
+
+bool CaptureReader::ReadDivisionFrame(std::int32_t f, std::uint64_t first, std::uint32_t n,
+                                      std::uint16_t* row, std::uint8_t* record) {
+  const std::uint64_t frame_bytes = header_.frame_bytes();
+  const FileOffset at =
+      LocateFrame(static_cast<std::uint32_t>(f), frame_bytes, header_.frames_per_division());
+  std::FILE* file = DivisionHandle(at.file);
+  if (file == nullptr) return false;
+
+  // Bytes that hold the run: for 12-bit data whole groups around it, so
+  // that a run may start at any pixel.
+  std::uint64_t begin, end;
+  if (header_.packed12()) {
+    begin = first / 2 * 3;
+    end = Packed12Bytes(first + n);
+  } else {
+    begin = first;
+    end = first + n;
+  }
+  const std::uint64_t skip = (record != nullptr) ? 0 : format::kFrameRecordSize + begin;
+  if (!platform::SeekTo(file, at.offset + skip)) return false;
+  if (record != nullptr &&
+      std::fread(record, 1, format::kFrameRecordSize, file) != format::kFrameRecordSize) {
+    return false;
+  }
+  if (record != nullptr && begin != 0 && !platform::SeekTo(file, at.offset + 16 + begin)) {
+    return false;
+  }
+  const std::size_t count = static_cast<std::size_t>(end - begin);
+  if (bytes_.size() < count) bytes_.resize(count);
+  if (std::fread(bytes_.data(), 1, count, file) != count) return false;
+  if (header_.packed12()) {
+    Unpack12(bytes_.data(), first - begin / 3 * 2, n, row);
+  } else {
+    Expand8(bytes_.data(), n, row);
+  }
+  return true;
+}
+
+bool CaptureReader::OpenSingleFile() {
+  if (single_tried_) return single_ != nullptr;
+  single_tried_ = true;
+  const std::string path = DataFilePath(header_path_, DataFile::kSingle, 0);
+  if (!platform::FileSize(path, &single_size_)) return false;
+  single_ = platform::OpenFile(path, "rb");
+  if (single_ == nullptr) return false;
+  if (std::fread(cap_header_.data(), 1, cap_header_.size(), single_) != cap_header_.size()) {
+    std::fclose(single_);
+    single_ = nullptr;
+    return false;
+  }
+  return true;
+}
+
+bool CaptureReader::ReadSingleFrame(std::int32_t f, std::uint64_t first, std::uint32_t n,
+                                    std::uint16_t* row, std::uint8_t* record) {
+  using namespace format;
+  if (!OpenSingleFile()) return false;
+  const std::uint8_t* h = cap_header_.data();
+  const std::uint8_t packing = h[kCapPackingOffset];
+  const std::uint32_t width = LoadU16(h + kCapRowWidthOffset);
+  const std::uint32_t rows = LoadU16(h + kCapRowCountOffset);
+  const std::uint32_t slots = LoadU32(h + kCapSlotCountOffset);
+  const std::uint32_t slot_size = LoadU32(h + kCapSlotSizeOffset);
+  // Only the five-samples-per-word packing is understood, and its rows must
+  // be those of the capture header.
+  if (packing != kCapPacking5In8 || slots == 0 || width != header_.width() ||
+      rows != header_.height()) {
+    return false;
+  }
+  const std::uint32_t row_bytes = CapRowBytes(packing, width);
+  const std::uint64_t pixel_bytes = static_cast<std::uint64_t>(rows) * row_bytes;
+  if (slot_size < pixel_bytes + kCapTrailerSize) return false;
+
+  const std::uint32_t slot =
+      ((LoadU32(h + kCapFirstSlotOffset) + static_cast<std::uint32_t>(f)) % slots) -
+      LoadU32(h + kCapSubtractSlotOffset);
+  const std::uint64_t pos =
+      static_cast<std::uint64_t>(slot) * slot_size + LoadU32(h + kCapSlot0Offset);
+  if (pos + slot_size > single_size_) return false;
+
+  // The trailer: an empty slot (index word zero) is an error in any block.
+  std::uint8_t trailer[kCapTrailerSize];
+  if (!platform::SeekTo(single_, pos + slot_size - kCapTrailerSize) ||
+      std::fread(trailer, 1, sizeof trailer, single_) != sizeof trailer) {
+    return false;
+  }
+  const std::uint32_t index = LoadBE32(trailer + 4 * kCapTrailerIndexWord);
+  if (index == 0) return false;
+  if (record != nullptr) {
+    StoreU32(record, index);
+    StoreU32(record + 4, LoadBE32(trailer + 4 * kCapTrailerTimeWord));
+    StoreU32(record + 8, LoadBE32(trailer + 4 * kCapTrailerCounterWord) & 0xFFFFFF);
+    StoreU32(record + 12, 0);
+  }
+
+  // Read the whole rows that the run touches, then pick the run out of them.
+  const std::uint64_t row0 = first / width;
+  const std::uint64_t row1 = (first + n - 1) / width;
+  const std::size_t count = static_cast<std::size_t>((row1 - row0 + 1) * row_bytes);
+  if (bytes_.size() < count) bytes_.resize(count);
+  if (!platform::SeekTo(single_, pos + row0 * row_bytes) ||
+      std::fread(bytes_.data(), 1, count, single_) != count) {
+    return false;
+  }
+  std::uint64_t q = first;
+  while (q < first + n) {
+    const std::uint64_t r = q / width;
+    const std::uint64_t col = q % width;
+    const std::uint64_t take = std::min<std::uint64_t>(width - col, first + n - q);
+    Unpack5In8(bytes_.data() + (r - row0) * row_bytes, col, take, row);
+    row += take;
+    q += take;
+  }
+  return true;
+}
+
+}  // namespace frfcam::frfmap

@@ -1,0 +1,73 @@
+// The capture reader: the brightness of a run of pixels in every frame of a
+// capture, as 16-bit samples on the 12-bit scale, from division files or a
+// single ".cap" file. File handles are cached for the life of a render.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "frfmap/capture_format.h"
+#include "frfmap/capture_header.h"
+#include "frfmap/layout.h"
+
+namespace frfcam::frfmap {
+
+class CaptureReader {
+ public:
+  CaptureReader() = default;
+  ~CaptureReader() { Close(); }
+  CaptureReader(const CaptureReader&) = delete;
+  CaptureReader& operator=(const CaptureReader&) = delete;
+
+  // Reads the header at `header_path` and derives the sizes; closes anything
+  // an earlier opening held. Returns whether a whole header could be read
+  // (on failure the header is all zero).
+  bool Open(const std::string& header_path);
+
+  const CaptureHeader& header() const { return header_; }
+  const std::string& header_path() const { return header_path_; }
+
+  // Fills `samples` with `frames` rows of `n` samples (row f holds pixels
+  // first .. first + n - 1 of frame f) and, when first == 0 and `records` is
+  // not null, `records` with each frame's 16-byte record. False on any
+  // failure: a data file that cannot be opened, a failed seek, a short read,
+  // a frame beyond the single file's end, an empty ".cap" slot, a run past
+  // the frame. Rows already filled keep their values.
+  bool ReadBlock(std::uint64_t first, std::uint32_t n, std::int32_t frames, std::uint16_t* samples,
+                 std::uint8_t* records);
+
+  // Closes every cached handle; the header stays.
+  void Close();
+
+ private:
+  bool ReadDivisionFrame(std::int32_t f, std::uint64_t first, std::uint32_t n, std::uint16_t* row,
+                         std::uint8_t* record);
+  bool OpenSingleFile();
+  bool ReadSingleFrame(std::int32_t f, std::uint64_t first, std::uint32_t n, std::uint16_t* row,
+                       std::uint8_t* record);
+  std::FILE* DivisionHandle(unsigned d);
+
+  CaptureHeader header_;
+  std::string header_path_;
+
+  // Division files: a direct-mapped cache of open handles by file number,
+  // so every file is opened once per render however many there are.
+  struct CachedFile {
+    unsigned number = 0;
+    std::FILE* file = nullptr;
+  };
+  std::array<CachedFile, kHandleTableSize> division_{};
+
+  // The single file, opened on first use.
+  std::FILE* single_ = nullptr;
+  bool single_tried_ = false;
+  std::uint64_t single_size_ = 0;
+  std::array<std::uint8_t, format::kCapHeaderSize> cap_header_{};
+
+  std::vector<std::uint8_t> bytes_;  // one run of stored bytes
+};
+
+}  // namespace frfcam::frfmap

@@ -1,0 +1,72 @@
+#include "frfmap/cube_files.h"
+
+#include <filesystem>
+
+#include "frfmap/naming.h"
+
+namespace frfcam::frfmap {
+
+void CubeFileSet::Reset(const std::string& header_path, const CubeLayout& layout) {
+  Close();
+  header_path_ = header_path;
+  layout_ = layout;
+  mode_ = Mode::kRead;
+}
+
+void CubeFileSet::Close() {
+  for (auto& f : files_) f.Close();
+  tried_.fill(false);
+}
+
+void CubeFileSet::SetMode(Mode mode) {
+  if (mode != mode_) Close();
+  mode_ = mode;
+}
+
+const platform::File* CubeFileSet::FileFor(std::uint32_t bin) {
+  if (layout_.bins_per_file == 0) return nullptr;
+  const unsigned n = layout_.Locate(bin).file;
+  if (n == 0 || n > kMaxFileNumber) return nullptr;
+  // One attempt per file and mode: a file that cannot be opened stays
+  // unopened until the set is reset, as a failed write or read is final.
+  if (!tried_[n]) {
+    tried_[n] = true;
+    files_[n].Open(
+        DataFilePath(header_path_, DataFile::kCube, n),
+        mode_ == Mode::kWrite ? platform::File::Mode::kCreate : platform::File::Mode::kRead);
+  }
+  return files_[n].is_open() ? &files_[n] : nullptr;
+}
+
+bool CubeFileSet::WriteInPlane(std::uint32_t bin, std::uint64_t offset, const void* data,
+                               std::size_t size) {
+  const platform::File* f = FileFor(bin);
+  if (f == nullptr) return false;
+  return f->WriteAt(layout_.Locate(bin).offset + offset, data, size) == size;
+}
+
+std::size_t CubeFileSet::ReadPlane(std::uint32_t bin, void* data, std::size_t size) {
+  const platform::File* f = FileFor(bin);
+  if (f == nullptr) return 0;
+  return f->ReadAt(layout_.Locate(bin).offset, data, size);
+}
+
+std::size_t DeleteCubeFiles(const std::string& folder) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  std::size_t removed = 0;
+  fs::recursive_directory_iterator it(platform::PathFromUtf8(folder),
+                                      fs::directory_options::skip_permission_denied, ec);
+  const fs::recursive_directory_iterator end;
+  while (!ec && it != end) {
+    const fs::directory_entry& entry = *it;
+    std::error_code entry_ec;
+    if (entry.path().extension() == ".fft" && !entry.is_directory(entry_ec)) {
+      if (fs::remove(entry.path(), entry_ec)) ++removed;
+    }
+    it.increment(ec);
+  }
+  return removed;
+}
+
+}  // namespace frfcam::frfmap

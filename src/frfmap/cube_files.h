@@ -1,0 +1,53 @@
+// The cube file set: the numbered ".fft" files of a capture, each holding
+// whole bin planes, with their handles cached by file number.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+#include "frfmap/layout.h"
+#include "platform/platform.h"
+
+namespace frfcam::frfmap {
+
+class CubeFileSet {
+ public:
+  enum class Mode { kRead, kWrite };
+
+  // Forgets (closes) every handle and starts over for the capture whose
+  // header is `header_path`.
+  void Reset(const std::string& header_path, const CubeLayout& layout);
+  void Close();
+
+  const CubeLayout& layout() const { return layout_; }
+
+  // Switches between reading and writing; handles of the other mode are
+  // closed first. Writing creates (truncates) each file on first use.
+  void SetMode(Mode mode);
+
+  // The file that holds `bin`, opened on first use; null when it cannot be
+  // opened or the bin is beyond the addressable files (1 .. 127).
+  const platform::File* FileFor(std::uint32_t bin);
+
+  // Writes `size` bytes at byte `offset` of bin `bin`'s plane; false on a
+  // short write or a file that cannot be created.
+  bool WriteInPlane(std::uint32_t bin, std::uint64_t offset, const void* data, std::size_t size);
+  // Reads up to `size` bytes from the start of bin `bin`'s plane; returns the
+  // bytes read (0 when the file cannot be opened).
+  std::size_t ReadPlane(std::uint32_t bin, void* data, std::size_t size);
+
+ private:
+  std::string header_path_;
+  CubeLayout layout_;
+  Mode mode_ = Mode::kRead;
+  std::array<platform::File, kHandleTableSize> files_;
+  std::array<bool, kHandleTableSize> tried_{};
+};
+
+// Removes every regular file whose extension is exactly ".fft" anywhere below
+// `folder`. Errors (a missing folder, an entry that cannot be removed) are
+// skipped; returns the number of files removed.
+std::size_t DeleteCubeFiles(const std::string& folder);
+
+}  // namespace frfcam::frfmap

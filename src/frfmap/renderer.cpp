@@ -1,0 +1,149 @@
+// RenderCube: the capture is walked in blocks of whole rows. Three stages
+// overlap so that the disk and the cores work at once: a reader thread fills
+// the next block's samples, the calling thread transforms the current block
+// on the worker pool (and reports progress), a writer thread stores the
+// previous block's spectra into the cube files. Two buffers per stage
+// boundary keep every stage busy.
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <thread>
+
+#include "frfmap/fft.h"
+#include "frfmap/frf_map_calcs.h"
+#include "frfmap/handoff.h"
+
+namespace frfcam::frfmap {
+
+namespace {
+
+constexpr int kSlots = 2;
+
+struct Block {
+  std::uint32_t start = 0;
+  std::uint32_t n = 0;
+};
+
+}  // namespace
+
+int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
+  cancel_.store(0, std::memory_order_relaxed);
+  if (!opened_) return kRenderNoMemory;
+  opened_ = false;  // a render consumes its opening
+
+  const std::int32_t frames = kernel_.frames();
+  const std::uint32_t bins = kernel_.bins();
+  const std::uint32_t block = std::min(block_pixels_, total_pixels_);
+  const std::size_t raw_count = static_cast<std::size_t>(frames) * block;
+  const std::size_t spec_count = static_cast<std::size_t>(bins) * block;
+
+  std::array<FftBuffer<std::uint16_t>, kSlots> raw;
+  std::array<FftBuffer<std::complex<float>>, kSlots> spectra;
+  FftBuffer<std::uint8_t> records = AllocateFftBuffer<std::uint8_t>(16ull * frames);
+  bool memory_ok = static_cast<bool>(records) && kernel_.Acquire();
+  for (int s = 0; s < kSlots && memory_ok; ++s) {
+    raw[s] = AllocateFftBuffer<std::uint16_t>(raw_count);
+    spectra[s] = AllocateFftBuffer<std::complex<float>>(spec_count);
+    memory_ok = raw[s] && spectra[s];
+  }
+  if (!memory_ok) {
+    kernel_.Release();
+    reader_.Close();
+    return kRenderNoMemory;
+  }
+
+  std::vector<Block> blocks;
+  for (std::uint32_t start = 0; start < total_pixels_; start += block) {
+    blocks.push_back({start, std::min(block, total_pixels_ - start)});
+  }
+  cubes_.SetMode(CubeFileSet::Mode::kWrite);
+
+  Handoff raw_free, raw_full, spec_free, spec_full;
+  for (int s = 0; s < kSlots; ++s) {
+    raw_free.Push(s);
+    spec_free.Push(s);
+  }
+  std::atomic<bool> write_failed{false};
+
+  // Reader: frames that cannot be read render as zero brightness rather than
+  // as whatever an earlier block left in the buffer.
+  std::thread reader([&] {
+    for (const Block& b : blocks) {
+      const std::optional<int> slot = raw_free.Pop();
+      if (!slot) break;
+      std::uint16_t* dst = raw[*slot].get();
+      if (!reader_.ReadBlock(b.start, b.n, frames, dst, records.get())) {
+        std::memset(dst, 0, static_cast<std::size_t>(frames) * b.n * sizeof(std::uint16_t));
+      }
+      raw_full.Push(*slot);
+    }
+    raw_full.Close();
+  });
+
+  // Writer: each bin's run of the block goes to its place in that bin's plane.
+  std::thread writer([&] {
+    std::size_t index = 0;
+    while (const std::optional<int> slot = spec_full.Pop()) {
+      const Block& b = blocks[index++];
+      const std::complex<float>* src = spectra[*slot].get();
+      for (std::uint32_t bin = 0; bin < bins && !write_failed.load(); ++bin) {
+        if (!cubes_.WriteInPlane(bin, static_cast<std::uint64_t>(b.start) * kSpectrumValueBytes,
+                                 src + static_cast<std::size_t>(bin) * b.n,
+                                 static_cast<std::size_t>(b.n) * kSpectrumValueBytes)) {
+          write_failed.store(true);
+        }
+      }
+      spec_free.Push(*slot);
+      if (write_failed.load()) break;
+    }
+    spec_free.Close();
+  });
+
+  int status = kRenderOk;
+  std::uint32_t done = 0;
+  int last_percent = -1;
+  const std::uint32_t sub_block = std::max<std::uint32_t>(sub_block_pixels_, 1);
+  try {
+    for (std::size_t i = 0; i < blocks.size(); ++i) {
+      const std::optional<int> in = raw_full.Pop();
+      const std::optional<int> out = in ? spec_free.Pop() : std::nullopt;
+      if (!in || !out || write_failed.load()) break;
+      const Block& b = blocks[i];
+      for (std::uint32_t first = 0; first < b.n; first += sub_block) {
+        if (cancel_.load(std::memory_order_relaxed) != 0) break;
+        const std::uint32_t last = std::min(b.n, first + sub_block);
+        kernel_.Transform(raw[*in].get(), b.n, first, last, spectra[*out].get(), cancel_);
+        done += last - first;
+        const int percent =
+            static_cast<int>(static_cast<std::uint64_t>(done) * 100 / total_pixels_);
+        if (percent != last_percent && cancel_.load(std::memory_order_relaxed) == 0) {
+          last_percent = percent;
+          if (progress) progress(percent);
+        }
+      }
+      raw_free.Push(*in);
+      // A block interrupted by a cancel is incomplete and is not written.
+      if (cancel_.load(std::memory_order_relaxed) != 0) break;
+      spec_full.Push(*out);
+    }
+  } catch (const std::bad_alloc&) {
+    status = kRenderNoMemory;
+  } catch (...) {
+    status = kRenderNoMemory;
+  }
+
+  raw_free.Close();
+  spec_full.Close();
+  reader.join();
+  writer.join();
+
+  kernel_.Release();
+  reader_.Close();
+  cubes_.Close();
+
+  if (write_failed.load()) return kRenderWriteFailed;
+  if (status != kRenderOk) return status;
+  return cancel_.load(std::memory_order_relaxed) != 0 ? kRenderCancelled : kRenderOk;
+}
+
+}  // namespace frfcam::frfmap

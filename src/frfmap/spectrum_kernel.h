@@ -1,0 +1,54 @@
+// The per-pixel transform of a render: every pixel's time series through a
+// forward real DFT scaled by 1/F, from frame-major samples to bin-major
+// spectra.
+#pragma once
+
+#include <atomic>
+#include <complex>
+#include <cstdint>
+#include <memory>
+
+#include "frfmap/fft.h"
+
+namespace frfcam::frfmap {
+
+class SpectrumKernel {
+ public:
+  SpectrumKernel();
+  ~SpectrumKernel();
+  SpectrumKernel(const SpectrumKernel&) = delete;
+  SpectrumKernel& operator=(const SpectrumKernel&) = delete;
+
+  // Plans transforms of `frames` samples; false when that is impossible.
+  bool Prepare(std::int32_t frames);
+  bool prepared() const { return static_cast<bool>(plan_); }
+  std::int32_t frames() const { return frames_; }
+  std::uint32_t bins() const { return static_cast<std::uint32_t>(frames_ / 2 + 1); }
+
+  // Takes the per-thread working memory for a render; false when it cannot
+  // be had. Release() gives it back (also done by Prepare and the destructor).
+  bool Acquire();
+  void Release();
+
+  // Transforms pixels [first, last) of a block of `n` pixels: `samples` holds
+  // frames rows of n samples, `spectra` receives bins rows of n values. Runs
+  // in parallel; pixels not yet started when `cancel` becomes non-zero are
+  // skipped (their spectra are then undefined).
+  void Transform(const std::uint16_t* samples, std::uint32_t n, std::uint32_t first,
+                 std::uint32_t last, std::complex<float>* spectra,
+                 const std::atomic<std::uint8_t>& cancel) const;
+
+  // Pixels gathered per transform call: 16 pixels make 8 complex series.
+  static constexpr std::uint32_t kPanelPixels = 16;
+
+ private:
+  struct Workspaces;
+  void TransformPanel(const std::uint16_t* samples, std::uint32_t n, std::uint32_t p0,
+                      std::uint32_t count, std::complex<float>* spectra, fftwf_complex* work) const;
+
+  std::int32_t frames_ = 0;
+  FftPlan plan_;
+  std::unique_ptr<Workspaces> workspaces_;
+};
+
+}  // namespace frfcam::frfmap
