@@ -80,9 +80,14 @@ bool CaptureReader::ReadDivisionFrame(std::int32_t f, std::uint64_t first, std::
   if (record != nullptr && begin != 0 && !platform::SeekTo(file, at.offset + 16 + begin)) {
     return false;
   }
+  // A frame of an odd pixel count ends with the high byte of its last
+  // sample alone; the missing low bits read as zero.
   const std::size_t count = static_cast<std::size_t>(end - begin);
+  const std::size_t stored = static_cast<std::size_t>(std::min(end, frame_bytes) - begin);
   if (bytes_.size() < count) bytes_.resize(count);
-  if (std::fread(bytes_.data(), 1, count, file) != count) return false;
+  if (std::fread(bytes_.data(), 1, stored, file) != stored) return false;
+  std::fill(bytes_.begin() + static_cast<std::ptrdiff_t>(stored),
+            bytes_.begin() + static_cast<std::ptrdiff_t>(count), std::uint8_t{0});
   if (header_.packed12()) {
     Unpack12(bytes_.data(), first - begin / 3 * 2, n, row);
   } else {

@@ -1,0 +1,182 @@
+// The reader against the writer: samples and frame records read back equal
+// what was written, whatever the storage form and wherever a run starts.
+#include "frfmap/capture_reader.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <vector>
+
+#include "frfmap/capture_writer.h"
+#include "frfmap/naming.h"
+#include "support/test_support.h"
+
+namespace frfcam::frfmap {
+namespace {
+
+using test::ScratchDir;
+
+std::uint16_t Sample(std::int32_t f, std::size_t p) {
+  std::uint32_t h = static_cast<std::uint32_t>(f) * 2654435761u ^ static_cast<std::uint32_t>(p) * 40503u;
+  h ^= h >> 13;
+  h *= 0x5bd1e995u;
+  return static_cast<std::uint16_t>((h >> 7) & 0xFFF);
+}
+
+// What a capture holds for a written sample: 8-bit data keeps the top eight
+// bits; the last sample of a 12-bit frame with an odd pixel count keeps its
+// high byte only.
+std::uint16_t Stored(const CaptureSpec& spec, std::int32_t f, std::size_t p) {
+  const std::size_t pixels = static_cast<std::size_t>(spec.width) * spec.height;
+  const std::uint16_t s = Sample(f, p);
+  if (spec.pixel_format != format::kPixelFormat12BitPacked) return s & 0xFF0;
+  if (!spec.single_file && pixels % 2 == 1 && p == pixels - 1) return s & 0xFF0;
+  return s;
+}
+
+std::string Write(const ScratchDir& dir, const CaptureSpec& spec) {
+  const std::string header = dir.file("cap.hdr");
+  const std::size_t pixels = static_cast<std::size_t>(spec.width) * spec.height;
+  std::string error;
+  const bool ok = WriteCapture(
+      header, spec,
+      [&](std::int32_t f, std::uint16_t* s) {
+        for (std::size_t p = 0; p < pixels; ++p) s[p] = Sample(f, p);
+      },
+      &error);
+  EXPECT_TRUE(ok) << error;
+  return header;
+}
+
+void ExpectRun(CaptureReader& reader, const CaptureSpec& spec, std::uint64_t first,
+               std::uint32_t n) {
+  std::vector<std::uint16_t> out(static_cast<std::size_t>(spec.frames) * n, 0xFFFF);
+  ASSERT_TRUE(reader.ReadBlock(first, n, spec.frames, out.data(), nullptr))
+      << "run " << first << "+" << n;
+  for (std::int32_t f = 0; f < spec.frames; ++f) {
+    for (std::uint32_t i = 0; i < n; ++i) {
+      ASSERT_EQ(out[static_cast<std::size_t>(f) * n + i], Stored(spec, f, first + i))
+          << "frame " << f << " pixel " << first + i;
+    }
+  }
+}
+
+CaptureSpec Spec(std::uint16_t w, std::uint16_t h, std::int32_t frames, std::uint32_t format,
+                 std::uint32_t per_file) {
+  CaptureSpec s;
+  s.width = w;
+  s.height = h;
+  s.frames = frames;
+  s.fps = 1000.0;
+  s.pixel_format = format;
+  s.frames_per_file = per_file;
+  return s;
+}
+
+TEST(CaptureReader, ReadsBackEveryFormatAndRun) {
+  for (const std::uint32_t fmt : {format::kPixelFormat12BitPacked, format::kPixelFormat8Bit}) {
+    for (const auto& [w, h] : {std::pair<int, int>{7, 5}, {8, 3}, {1, 1}, {13, 2}}) {
+      ScratchDir dir;
+      // Frames per file 4 of 10: frames 3 and 4 straddle the first boundary.
+      const CaptureSpec spec = Spec(static_cast<std::uint16_t>(w), static_cast<std::uint16_t>(h),
+                                    10, fmt, 4);
+      const std::string header = Write(dir, spec);
+      CaptureReader reader;
+      ASSERT_TRUE(reader.Open(header));
+      EXPECT_EQ(reader.header().width(), w);
+      EXPECT_EQ(reader.header().frame_count(), 10);
+      const std::uint32_t pixels = static_cast<std::uint32_t>(w * h);
+      ExpectRun(reader, spec, 0, pixels);
+      for (std::uint64_t first : {1u, 2u, 3u, 5u}) {
+        if (first >= pixels) continue;
+        ExpectRun(reader, spec, first, pixels - static_cast<std::uint32_t>(first));
+        ExpectRun(reader, spec, first, 1);
+      }
+      // Whole rows, the way a render asks.
+      for (std::uint32_t row = 0; row < static_cast<std::uint32_t>(h); ++row) {
+        ExpectRun(reader, spec, static_cast<std::uint64_t>(row) * w, static_cast<std::uint32_t>(w));
+      }
+    }
+  }
+}
+
+TEST(CaptureReader, FrameRecordsComeWithRunsFromPixelZeroOnly) {
+  ScratchDir dir;
+  const CaptureSpec spec = Spec(6, 4, 9, format::kPixelFormat12BitPacked, 4);
+  CaptureReader reader;
+  ASSERT_TRUE(reader.Open(Write(dir, spec)));
+  std::vector<std::uint16_t> samples(9 * 24);
+  std::vector<std::uint8_t> records(9 * 16, 0xEE);
+  ASSERT_TRUE(reader.ReadBlock(0, 24, 9, samples.data(), records.data()));
+  for (int f = 0; f < 9; ++f) {
+    EXPECT_EQ(format::LoadU32(&records[f * 16]), static_cast<std::uint32_t>(f + 1)) << f;
+    EXPECT_EQ(format::LoadU32(&records[f * 16 + 4]), static_cast<std::uint32_t>(f * 1000)) << f;
+  }
+  std::vector<std::uint8_t> untouched(9 * 16, 0xEE);
+  ASSERT_TRUE(reader.ReadBlock(6, 18, 9, samples.data(), untouched.data()));
+  EXPECT_EQ(untouched, std::vector<std::uint8_t>(9 * 16, 0xEE));
+}
+
+TEST(CaptureReader, SingleFileRingThatWraps) {
+  for (const std::uint32_t fmt : {format::kPixelFormat12BitPacked, format::kPixelFormat8Bit}) {
+    ScratchDir dir;
+    CaptureSpec spec = Spec(11, 3, 7, fmt, 500);
+    spec.single_file = true;
+    spec.ring_slots = 9;
+    spec.first_slot = 5;  // frames 4.. live in slots 0..
+    CaptureReader reader;
+    ASSERT_TRUE(reader.Open(Write(dir, spec)));
+    ASSERT_TRUE(reader.header().single_file());
+    ExpectRun(reader, spec, 0, 33);
+    ExpectRun(reader, spec, 4, 20);
+    ExpectRun(reader, spec, 22, 11);
+    std::vector<std::uint16_t> samples(7 * 33);
+    std::vector<std::uint8_t> records(7 * 16);
+    ASSERT_TRUE(reader.ReadBlock(0, 33, 7, samples.data(), records.data()));
+    for (int f = 0; f < 7; ++f) EXPECT_EQ(format::LoadU32(&records[f * 16]), f + 1u);
+  }
+}
+
+TEST(CaptureReader, DamagedDataGivesAFailedRead) {
+  ScratchDir dir;
+  const CaptureSpec spec = Spec(8, 4, 10, format::kPixelFormat12BitPacked, 4);
+  const std::string header = Write(dir, spec);
+  std::vector<std::uint16_t> samples(10 * 32);
+  CaptureReader reader;
+  ASSERT_TRUE(reader.Open(header));
+  EXPECT_FALSE(reader.ReadBlock(0, 33, 10, samples.data(), nullptr)) << "run past the frame";
+
+  // The last division file cut inside its last frame.
+  const std::string last = DataFilePath(header, DataFile::kDivision, 3);
+  std::filesystem::resize_file(last, std::filesystem::file_size(last) - 5);
+  ASSERT_TRUE(reader.Open(header));
+  EXPECT_FALSE(reader.ReadBlock(0, 32, 10, samples.data(), nullptr));
+  EXPECT_TRUE(reader.ReadBlock(0, 32, 8, samples.data(), nullptr)) << "earlier frames still read";
+
+  std::filesystem::remove(DataFilePath(header, DataFile::kDivision, 2));
+  ASSERT_TRUE(reader.Open(header));
+  EXPECT_FALSE(reader.ReadBlock(0, 32, 10, samples.data(), nullptr));
+
+  CaptureReader missing;
+  EXPECT_FALSE(missing.Open(dir.file("nothing.hdr")));
+  EXPECT_EQ(missing.header().width(), 0);
+}
+
+TEST(CaptureReader, TruncatedSingleFileGivesAFailedRead) {
+  ScratchDir dir;
+  CaptureSpec spec = Spec(10, 2, 6, format::kPixelFormat12BitPacked, 500);
+  spec.single_file = true;
+  const std::string header = Write(dir, spec);
+  const std::string cap = DataFilePath(header, DataFile::kSingle, 0);
+  std::filesystem::resize_file(cap, std::filesystem::file_size(cap) - 1);
+  CaptureReader reader;
+  ASSERT_TRUE(reader.Open(header));
+  std::vector<std::uint16_t> samples(6 * 20);
+  EXPECT_FALSE(reader.ReadBlock(0, 20, 6, samples.data(), nullptr));
+  std::filesystem::remove(cap);
+  ASSERT_TRUE(reader.Open(header));
+  EXPECT_FALSE(reader.ReadBlock(0, 20, 6, samples.data(), nullptr));
+}
+
+}  // namespace
+}  // namespace frfcam::frfmap
