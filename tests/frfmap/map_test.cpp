@@ -1,0 +1,161 @@
+// FRF maps from a cube written by hand: rounding, saturation, gain and the
+// reference division.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <complex>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <vector>
+
+#include "frfcam/frfcam.h"
+#include "frfmap/frf_map_calcs.h"
+#include "support/test_support.h"
+
+namespace frfcam::frfmap {
+namespace {
+
+using test::ScratchDir;
+namespace fs = std::filesystem;
+
+constexpr std::uint16_t kW = 4, kH = 2;
+constexpr std::int32_t kFrames = 4;  // bins 0, 1, 2
+
+// A header for a 4 x 2, 4-frame capture and a cube of three planes whose
+// bin b, pixel p holds planes[b][p].
+std::string WriteCube(const ScratchDir& dir,
+                      const std::vector<std::vector<std::complex<float>>>& planes) {
+  const std::string header = dir.file("m.hdr");
+  std::vector<char> h(2998, 0);
+  h[176] = kW;
+  h[178] = kH;
+  h[180] = 1;
+  h[464] = 10;
+  h[468] = kFrames;
+  std::ofstream(header, std::ios::binary).write(h.data(), static_cast<std::streamsize>(h.size()));
+  fs::create_directories(dir.path() / "m");
+  std::ofstream cube(dir.path() / "m" / "m_0001.fft", std::ios::binary);
+  for (const auto& plane : planes) {
+    cube.write(reinterpret_cast<const char*>(plane.data()),
+               static_cast<std::streamsize>(plane.size() * sizeof(plane[0])));
+  }
+  return header;
+}
+
+using Plane = std::vector<std::complex<float>>;
+const float kNaN = std::numeric_limits<float>::quiet_NaN();
+
+struct Opened {
+  explicit Opened(const std::string& header) : calcs(CreateFrfMapCalcs("maps")) {
+    EXPECT_EQ(OpenCube(calcs, header.c_str()), 0);
+  }
+  ~Opened() { DeleteFrfMapCalcs(calcs); }
+  std::vector<unsigned char> Map(int bin, float gain, int* result = nullptr) {
+    std::vector<unsigned char> m(kW * kH, 77);
+    const int r = ReadFRFMap(calcs, bin, gain, m.data());
+    if (result != nullptr)
+      *result = r;
+    else
+      EXPECT_EQ(r, 0);
+    return m;
+  }
+  ::FrfMapCalcs* calcs;
+};
+
+TEST(ReadFRFMap, RoundsTiesToEvenAndSaturates) {
+  ScratchDir dir;
+  const Plane zero(kW * kH);
+  const Plane bin1 = {{2.5f, 0},  {0, 3.5f}, {255.5f, 0}, {0.6f * 2.5f, 0.8f * 2.5f},
+                      {1e30f, 0}, {kNaN, 0}, {254.4f, 0}, {0.49f, 0}};
+  Opened o(WriteCube(dir, {zero, bin1, zero}));
+  using V = std::vector<unsigned char>;
+  EXPECT_EQ(o.Map(1, 1.0f), (V{2, 4, 255, 2, 255, 0, 254, 0}));
+  EXPECT_EQ(o.Map(1, 2.0f), (V{5, 7, 255, 5, 255, 0, 255, 1}));
+  EXPECT_EQ(o.Map(1, -1.0f), V(8, 0));
+  EXPECT_EQ(o.Map(0, 1.0f), V(8, 0));
+}
+
+TEST(ReadFRFMap, DividesByTheReferenceAtThatBin) {
+  ScratchDir dir;
+  const Plane plane = {{1, 0}, {0, 2}, {3, 4}, {10, 0}, {0, 0}, {1, 1}, {6, 8}, {20, 0}};
+  Opened o(WriteCube(dir, {plane, plane, plane}));
+  const std::vector<unsigned char> plain = o.Map(1, 10.0f);
+  EXPECT_EQ(plain, (std::vector<unsigned char>{10, 20, 50, 100, 0, 14, 100, 200}));
+
+  // A unit impulse of 4 samples has the flat spectrum 1/4: the map is 4x.
+  const float impulse[4] = {1, 0, 0, 0};
+  SetReference(o.calcs, impulse, 4);
+  EXPECT_EQ(o.Map(1, 10.0f), (std::vector<unsigned char>{40, 80, 200, 255, 0, 57, 255, 255}));
+
+  // A constant has a spectrum only at bin 0: bins 1 and 2 read unreferenced.
+  const float constant[4] = {2, 2, 2, 2};
+  SetReference(o.calcs, constant, 4);
+  EXPECT_EQ(o.Map(1, 10.0f), plain);
+  EXPECT_EQ(o.Map(0, 10.0f), (std::vector<unsigned char>{5, 10, 25, 50, 0, 7, 50, 100}));
+
+  // Bins at or past the reference's length read unreferenced too.
+  SetReference(o.calcs, impulse, 1);
+  EXPECT_EQ(o.Map(1, 10.0f), plain);
+
+  // Length 0 clears; a negative length or a null signal keeps what was set.
+  SetReference(o.calcs, impulse, 4);
+  SetReference(o.calcs, impulse, -3);
+  SetReference(o.calcs, nullptr, 4);
+  EXPECT_EQ(o.Map(2, 1.0f)[3], 40);
+  SetReference(o.calcs, impulse, 0);
+  EXPECT_EQ(o.Map(2, 1.0f)[3], 10);
+}
+
+TEST(ReadFRFMap, UnreadablePlanesLeaveTheMapUntouched) {
+  ScratchDir dir;
+  const Plane plane(kW * kH, {1, 0});
+  const std::string header = WriteCube(dir, {plane, plane});  // bin 2 missing
+  Opened o(header);
+  int r = -1;
+  EXPECT_EQ(o.Map(2, 1.0f, &r), std::vector<unsigned char>(8, 77));
+  EXPECT_EQ(r, 0);
+  EXPECT_EQ(o.Map(-1, 1.0f, &r), std::vector<unsigned char>(8, 77));
+  EXPECT_EQ(r, 0);
+  EXPECT_EQ(o.Map(1, 1.0f)[0], 1);
+
+  // Half a plane: the count of bytes that could be read.
+  fs::resize_file(dir.path() / "m" / "m_0001.fft", 64 + 20);
+  Opened cut(header);
+  EXPECT_EQ(cut.Map(1, 1.0f, &r), std::vector<unsigned char>(8, 77));
+  EXPECT_EQ(r, 20);
+
+  fs::remove(dir.path() / "m" / "m_0001.fft");
+  Opened gone(header);
+  EXPECT_EQ(gone.Map(0, 1.0f, &r), std::vector<unsigned char>(8, 77));
+  EXPECT_EQ(r, 0);
+
+  unsigned char map[8];
+  EXPECT_EQ(ReadFRFMap(o.calcs, 0, 1.0f, nullptr), FRFCAM_MAP_NULL_ARGUMENT);
+  EXPECT_EQ(ReadFRFMap(nullptr, 0, 1.0f, map), FRFCAM_MAP_NULL_ARGUMENT);
+  ::FrfMapCalcs* unopened = CreateFrfMapCalcs("u");
+  EXPECT_EQ(ReadFRFMap(unopened, 0, 1.0f, map), 0);
+  DeleteFrfMapCalcs(unopened);
+}
+
+TEST(SetReference, FillsTheLowerHalfOfItsLength) {
+  FrfMapCalcs calcs("ref");
+  const float signal[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+  calcs.SetReference(signal, 8);
+  const auto& ref = calcs.reference();
+  ASSERT_EQ(ref.size(), 8u);
+  EXPECT_FLOAT_EQ(ref[0].real(), 4.5f);  // the mean
+  for (std::size_t k = 1; k <= 4; ++k) {
+    std::complex<double> want;
+    for (int t = 0; t < 8; ++t)
+      want += static_cast<double>(signal[t]) * std::polar(1.0, -2 * M_PI * k * t / 8);
+    EXPECT_NEAR(ref[k].real(), want.real() / 8, 1e-5) << k;
+    EXPECT_NEAR(ref[k].imag(), want.imag() / 8, 1e-5) << k;
+  }
+  for (std::size_t k = 5; k < 8; ++k) EXPECT_EQ(ref[k], std::complex<float>{}) << k;
+  calcs.SetReference(signal, 0);
+  EXPECT_TRUE(calcs.reference().empty());
+}
+
+}  // namespace
+}  // namespace frfcam::frfmap

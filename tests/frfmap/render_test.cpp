@@ -1,0 +1,327 @@
+// Rendering through the C interface: cube files byte for byte against a
+// double-precision DFT, progress, cancellation and the failure codes.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cmath>
+#include <complex>
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "frfcam/frfcam.h"
+#include "frfmap/capture_writer.h"
+#include "frfmap/naming.h"
+#include "support/test_support.h"
+
+namespace frfcam::frfmap {
+namespace {
+
+using test::ScratchDir;
+namespace fs = std::filesystem;
+
+std::uint16_t Sample(std::int32_t f, std::size_t p) {
+  // A mean, a tone per pixel and a little hash noise.
+  const double tone = 900.0 * std::sin(0.37 * (f + 1) * (1.0 + static_cast<double>(p % 5)));
+  const std::uint32_t h =
+      (static_cast<std::uint32_t>(f) * 2654435761u) ^ (static_cast<std::uint32_t>(p) * 97u);
+  return static_cast<std::uint16_t>(std::lround(2000.0 + tone) + (h >> 28));
+}
+
+struct Capture {
+  std::string header;
+  CaptureSpec spec;
+  std::vector<std::vector<double>> series;  // [pixel][frame], as stored
+};
+
+Capture Make(const ScratchDir& dir, std::uint16_t w, std::uint16_t h, std::int32_t frames,
+             std::uint32_t fmt, std::uint32_t per_file, bool single = false) {
+  Capture c;
+  c.header = dir.file("cap.hdr");
+  c.spec.width = w;
+  c.spec.height = h;
+  c.spec.frames = frames;
+  c.spec.fps = 500.0;
+  c.spec.pixel_format = fmt;
+  c.spec.frames_per_file = per_file;
+  c.spec.single_file = single;
+  const std::size_t pixels = static_cast<std::size_t>(w) * h;
+  c.series.assign(pixels, std::vector<double>(static_cast<std::size_t>(frames)));
+  std::string error;
+  EXPECT_TRUE(WriteCapture(
+      c.header, c.spec,
+      [&](std::int32_t f, std::uint16_t* s) {
+        for (std::size_t p = 0; p < pixels; ++p) s[p] = Sample(f, p);
+      },
+      &error))
+      << error;
+  for (std::size_t p = 0; p < pixels; ++p) {
+    for (std::int32_t f = 0; f < frames; ++f) {
+      std::uint16_t v = Sample(f, p);
+      const bool lone_high_byte = fmt == 1 && !single && pixels % 2 == 1 && p == pixels - 1;
+      if (fmt != 1 || lone_high_byte) v &= 0xFF0;
+      c.series[p][static_cast<std::size_t>(f)] = v;
+    }
+  }
+  return c;
+}
+
+// Reads bin b of pixel p straight from the cube files by the documented layout.
+std::complex<float> CubeValue(const Capture& c, std::uint32_t b, std::size_t p) {
+  const std::uint64_t plane = static_cast<std::uint64_t>(c.spec.width) * c.spec.height * 8;
+  const std::uint64_t per_file = 2147483648ull / plane;
+  const std::string path =
+      DataFilePath(c.header, DataFile::kCube, static_cast<unsigned>(b / per_file + 1));
+  std::ifstream in(path, std::ios::binary);
+  in.seekg(static_cast<std::streamoff>((b % per_file) * plane + p * 8));
+  float v[2] = {NAN, NAN};
+  in.read(reinterpret_cast<char*>(v), sizeof v);
+  return {v[0], v[1]};
+}
+
+std::complex<double> Dft(const std::vector<double>& x, std::uint32_t k) {
+  const double n = static_cast<double>(x.size());
+  std::complex<double> sum;
+  for (std::size_t t = 0; t < x.size(); ++t) {
+    sum += x[t] * std::polar(1.0, -2.0 * M_PI * static_cast<double>(k * t % x.size()) / n);
+  }
+  return sum / n;
+}
+
+void ExpectCubeMatchesDft(const Capture& c) {
+  const std::uint32_t bins = static_cast<std::uint32_t>(c.spec.frames / 2 + 1);
+  for (std::size_t p = 0; p < c.series.size(); ++p) {
+    for (std::uint32_t b = 0; b < bins; ++b) {
+      const std::complex<double> want = Dft(c.series[p], b);
+      const std::complex<float> got = CubeValue(c, b, p);
+      // Single precision over sums of up to F terms of ~4000.
+      ASSERT_NEAR(got.real(), want.real(), 2e-3) << "pixel " << p << " bin " << b;
+      ASSERT_NEAR(got.imag(), want.imag(), 2e-3) << "pixel " << p << " bin " << b;
+    }
+  }
+  // Exactly the planes of the cube, nothing more.
+  const std::uint64_t plane = c.series.size() * 8;
+  EXPECT_EQ(fs::file_size(DataFilePath(c.header, DataFile::kCube, 1)), bins * plane);
+}
+
+std::vector<int> g_progress;
+std::thread::id g_caller;
+bool g_on_caller = true;
+void Record(int percent) {
+  g_progress.push_back(percent);
+  g_on_caller = g_on_caller && std::this_thread::get_id() == g_caller;
+}
+
+int OpenAndRender(const std::string& header, ProgressCallback progress = Record) {
+  FrfMapCalcs* calcs = CreateFrfMapCalcs("render");
+  int result = OpenCube(calcs, header.c_str());
+  if (result == 0) result = RenderCube(calcs, progress);
+  DeleteFrfMapCalcs(calcs);
+  return result;
+}
+
+TEST(RenderCube, ValuesAreTheScaledDftForEveryShapeOfCapture) {
+  struct Case {
+    std::uint16_t w, h;
+    std::int32_t frames;
+    std::uint32_t fmt, per_file;
+    bool single;
+  };
+  const Case cases[] = {
+      {5, 3, 13, 1, 4, false},    // odd width and pixel count, prime F, four division files
+      {6, 4, 16, 1, 16, false},   // even F: the Nyquist bin
+      {7, 2, 9, 0, 3, false},     // 8-bit
+      {3, 3, 1, 1, 5, false},     // F = 1: bin 0 only
+      {4, 1, 2, 1, 5, false},     // F = 2, a single row
+      {17, 3, 11, 1, 500, true},  // single-file capture
+      {40, 9, 31, 1, 7, false},   // more than one panel per row
+  };
+  for (const Case& k : cases) {
+    SCOPED_TRACE(testing::Message() << k.w << "x" << k.h << " F=" << k.frames << " fmt " << k.fmt
+                                    << (k.single ? " single" : ""));
+    ScratchDir dir;
+    const Capture c = Make(dir, k.w, k.h, k.frames, k.fmt, k.per_file, k.single);
+    ASSERT_EQ(OpenAndRender(c.header), 0);
+    ExpectCubeMatchesDft(c);
+  }
+}
+
+TEST(RenderCube, ProgressIsWholePercentagesOnTheCallingThreadEndingAtHundred) {
+  ScratchDir dir;
+  const Capture c = Make(dir, 64, 48, 20, 1, 8);
+  g_progress.clear();
+  g_caller = std::this_thread::get_id();
+  g_on_caller = true;
+  FrfMapCalcs* calcs = CreateFrfMapCalcs("p");
+  ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
+  CancelRenderCube(calcs);  // before the render: no effect
+  EXPECT_EQ(RenderCube(calcs, Record), 0);
+  ASSERT_FALSE(g_progress.empty());
+  EXPECT_EQ(g_progress.back(), 100);
+  for (std::size_t i = 1; i < g_progress.size(); ++i) EXPECT_LT(g_progress[i - 1], g_progress[i]);
+  EXPECT_TRUE(g_on_caller);
+  // The opening is spent: a second render is refused and touches nothing.
+  fs::remove(DataFilePath(c.header, DataFile::kCube, 1));
+  EXPECT_EQ(RenderCube(calcs, nullptr), 2);
+  EXPECT_FALSE(fs::exists(DataFilePath(c.header, DataFile::kCube, 1)));
+  DeleteFrfMapCalcs(calcs);
+  // And a null callback is allowed.
+  EXPECT_EQ(OpenAndRender(c.header, nullptr), 0);
+}
+
+// Cancels from another thread while the render waits in its first progress
+// report, so the cancel lands between a block's transform and its write.
+struct Canceller {
+  FrfMapCalcs* calcs = nullptr;
+  std::mutex m;
+  std::condition_variable cv;
+  bool asked = false, done = false;
+};
+Canceller* g_canceller = nullptr;
+void CancelOnFirstReport(int) {
+  Canceller& c = *g_canceller;
+  std::unique_lock<std::mutex> lock(c.m);
+  if (c.asked) return;
+  c.asked = true;
+  c.cv.notify_all();
+  c.cv.wait(lock, [&] { return c.done; });
+}
+
+TEST(RenderCube, CancelFromAnotherThreadLeavesTheBlockUnwritten) {
+  ScratchDir dir;
+  const Capture c = Make(dir, 32, 16, 24, 1, 10);
+  Canceller canceller;
+  canceller.calcs = CreateFrfMapCalcs("c");
+  g_canceller = &canceller;
+  ASSERT_EQ(OpenCube(canceller.calcs, c.header.c_str()), 0);
+  std::thread other([&] {
+    std::unique_lock<std::mutex> lock(canceller.m);
+    canceller.cv.wait(lock, [&] { return canceller.asked; });
+    CancelRenderCube(canceller.calcs);
+    canceller.done = true;
+    canceller.cv.notify_all();
+  });
+  EXPECT_EQ(RenderCube(canceller.calcs, CancelOnFirstReport), 1);
+  other.join();
+  EXPECT_FALSE(fs::exists(DataFilePath(c.header, DataFile::kCube, 1)));
+  // The object is usable again after a new opening.
+  ASSERT_EQ(OpenCube(canceller.calcs, c.header.c_str()), 0);
+  EXPECT_EQ(RenderCube(canceller.calcs, nullptr), 0);
+  DeleteFrfMapCalcs(canceller.calcs);
+  ExpectCubeMatchesDft(c);
+}
+
+TEST(RenderCube, WriteFailureReturnsThree) {
+  // In a child process limited to small files, with SIGXFSZ ignored so that
+  // the oversize write fails instead of killing the process.
+  if (const char* header = std::getenv("FRFCAM_WRITE_LIMIT_CHILD")) {
+    std::_Exit(OpenAndRender(header, nullptr));
+  }
+  ScratchDir dir;
+  const Capture c = Make(dir, 64, 64, 40, 1, 40);  // a 688 KiB cube
+  const std::string self = fs::read_symlink("/proc/self/exe").string();
+  const test::CommandResult r =
+      test::RunCommand("trap '' XFSZ; ulimit -f 256; FRFCAM_WRITE_LIMIT_CHILD=" + c.header + " " +
+                       self + " --gtest_filter=RenderCube.WriteFailureReturnsThree");
+  EXPECT_EQ(r.status, 3) << r.out << r.err;
+}
+
+void WriteHeader(const std::string& path, std::uint16_t w, std::uint16_t h, std::int32_t frames,
+                 std::uint32_t per_file, std::size_t size = 2998) {
+  std::vector<std::uint8_t> b(size, 0);
+  auto put = [&](std::size_t at, std::uint64_t v, int bytes) {
+    for (int i = 0; i < bytes; ++i)
+      if (at + i < b.size()) b[at + i] = static_cast<std::uint8_t>(v >> (8 * i));
+  };
+  put(176, w, 2);
+  put(178, h, 2);
+  put(180, 1, 4);
+  put(464, per_file, 4);
+  put(468, static_cast<std::uint32_t>(frames), 4);
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
+}
+
+TEST(OpenCube, RefusesCapturesItCannotRender) {
+  ScratchDir dir;
+  const std::string h = dir.file("h.hdr");
+  FrfMapCalcs* calcs = CreateFrfMapCalcs("bad");
+  unsigned w = 9, hh = 9, bins = 9;
+  EXPECT_EQ(OpenCube(calcs, dir.file("missing.hdr").c_str()), 2);
+  EXPECT_EQ(GetCubeDims(calcs, &w, &hh, &bins), 0u);
+  EXPECT_EQ(w + hh + bins, 0u);
+  const struct {
+    std::uint16_t w, h;
+    std::int32_t frames;
+    std::uint32_t per_file;
+    std::size_t size;
+  } bad[] = {
+      {0, 10, 10, 5, 2998},          // no width
+      {10, 0, 10, 5, 2998},          // no height
+      {10, 10, 0, 5, 2998},          // no frames
+      {10, 10, -4, 5, 2998},         // negative frame count
+      {10, 10, 10, 0, 2998},         // no frames per division file
+      {20000, 20000, 10, 5, 2998},   // a plane over 2 GiB
+      {16384, 16384, 300, 5, 2998},  // one plane per file, 151 files
+      {10, 10, 10, 5, 2000},         // short header
+  };
+  for (const auto& k : bad) {
+    WriteHeader(h, k.w, k.h, k.frames, k.per_file, k.size);
+    EXPECT_EQ(OpenCube(calcs, h.c_str()), 2) << k.w << "x" << k.h << " F=" << k.frames;
+    EXPECT_EQ(RenderCube(calcs, nullptr), 2);
+  }
+  EXPECT_EQ(OpenCube(calcs, nullptr), 2);
+  EXPECT_EQ(OpenCube(nullptr, h.c_str()), 2);
+  EXPECT_EQ(RenderCube(nullptr, nullptr), 2);
+  // 127 files of one plane each is the most that is addressable.
+  WriteHeader(h, 16384, 16384, 252, 5);
+  EXPECT_EQ(OpenCube(calcs, h.c_str()), 0);
+  EXPECT_EQ(GetCubeDims(calcs, &w, &hh, &bins), 127u);
+  EXPECT_EQ(w, 16384u);
+  DeleteFrfMapCalcs(calcs);
+}
+
+TEST(GetCubeDims, ReportsTheOpenedCapture) {
+  ScratchDir dir;
+  const std::string h = dir.file("h.hdr");
+  WriteHeader(h, 1000, 1000, 1000, 500);
+  FrfMapCalcs* calcs = CreateFrfMapCalcs("dims");
+  EXPECT_EQ(GetCubeDims(calcs, nullptr, nullptr, nullptr), 0u);
+  ASSERT_EQ(OpenCube(calcs, h.c_str()), 0);
+  unsigned w = 0, hh = 0, bins = 0;
+  EXPECT_EQ(GetCubeDims(calcs, &w, &hh, &bins), 501u);
+  EXPECT_EQ(w, 1000u);
+  EXPECT_EQ(hh, 1000u);
+  EXPECT_EQ(bins, 501u);
+  DeleteFrfMapCalcs(calcs);
+  EXPECT_EQ(GetCubeDims(nullptr, &w, &hh, &bins), 0u);
+  EXPECT_EQ(w, 0u);
+}
+
+TEST(DeleteCube, RemovesCubeFilesBelowAFolderOnly) {
+  ScratchDir dir;
+  const fs::path root = dir.path() / "runs";
+  fs::create_directories(root / "sub" / "deeper.fft");
+  for (const char* name : {"a_0001.fft", "a_0001.div", "sub/b_0002.fft", "c.FFT", "a.hdr", "a.cap",
+                           "sub/deeper.fft/x_0001.fft"}) {
+    std::ofstream(root / name) << "x";
+  }
+  DeleteCube(nullptr, root.string().c_str());
+  EXPECT_FALSE(fs::exists(root / "a_0001.fft"));
+  EXPECT_FALSE(fs::exists(root / "sub/b_0002.fft"));
+  EXPECT_FALSE(fs::exists(root / "sub/deeper.fft/x_0001.fft"));
+  for (const char* kept : {"a_0001.div", "c.FFT", "a.hdr", "a.cap", "sub/deeper.fft"}) {
+    EXPECT_TRUE(fs::exists(root / kept)) << kept;
+  }
+  DeleteCube(nullptr, (root / "does-not-exist").string().c_str());
+  DeleteCube(nullptr, nullptr);
+}
+
+}  // namespace
+}  // namespace frfcam::frfmap
