@@ -1,7 +1,240 @@
+// render: turns a capture into its cube; map: writes the FRF map of one bin
+// as a PNG; delete: removes cube files below a folder.
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
 #include "commands.h"
+#include "frfcam/frfcam.h"
+#include "frfmap/capture_header.h"
+#include "frfmap/cube_files.h"
+#include "frfmap/fft.h"
+#include "frfmap/layout.h"
+#include "png_writer.h"
 
 namespace frfcam::cli {
 
-void RegisterCubeCommands(CLI::App& app) { (void)app; }
+namespace {
+
+// The object a Ctrl-C cancels; CancelRenderCube only stores to an atomic
+// byte, which is safe in a signal handler.
+std::atomic<::FrfMapCalcs*> g_rendering{nullptr};
+extern "C" void OnInterrupt(int) {
+  if (::FrfMapCalcs* c = g_rendering.load()) CancelRenderCube(c);
+}
+
+struct Calcs {
+  Calcs() : c(CreateFrfMapCalcs("frfcam")) {
+    if (c == nullptr) throw CommandError("out of memory");
+  }
+  ~Calcs() { DeleteFrfMapCalcs(c); }
+  ::FrfMapCalcs* c;
+};
+
+void Open(::FrfMapCalcs* c, const std::string& header) {
+  switch (OpenCube(c, header.c_str())) {
+    case FRFCAM_OPEN_OK:
+      return;
+    case FRFCAM_OPEN_NO_TRANSFORM:
+      throw CommandError(header + ": the transform for this frame count cannot be prepared");
+    case FRFCAM_OPEN_NO_MEMORY:
+      throw CommandError(header + ": not enough memory");
+    default:
+      throw CommandError(header + ": not a capture that can be rendered (see 'frfcam info " +
+                         header + "')");
+  }
+}
+
+bool g_tty = false;
+int g_last_shown = -1;
+void ShowProgress(int percent) {
+  if (g_tty) {
+    const int width = 40;
+    const int filled = percent * width / 100;
+    std::fprintf(stderr, "\r[%s%s] %3d%%", std::string(filled, '#').c_str(),
+                 std::string(width - filled, ' ').c_str(), percent);
+  } else if (percent / 10 != g_last_shown / 10 || percent == 100) {
+    std::fprintf(stderr, "%d%%\n", percent);
+  }
+  g_last_shown = percent;
+  std::fflush(stderr);
+}
+
+void RunRender(const std::string& header) {
+  Calcs calcs;
+  Open(calcs.c, header);
+  unsigned w = 0, h = 0, bins = 0;
+  GetCubeDims(calcs.c, &w, &h, &bins);
+  g_tty = ::isatty(2) != 0;
+  g_rendering.store(calcs.c);
+  struct sigaction sa = {};
+  sa.sa_handler = OnInterrupt;
+  struct sigaction previous = {};
+  sigaction(SIGINT, &sa, &previous);
+  const auto start = std::chrono::steady_clock::now();
+  const int result = RenderCube(calcs.c, ShowProgress);
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  sigaction(SIGINT, &previous, nullptr);
+  g_rendering.store(nullptr);
+  if (g_tty) std::fputc('\n', stderr);
+
+  switch (result) {
+    case FRFCAM_RENDER_OK: {
+      const double bytes = 8.0 * w * h * bins;
+      std::printf("rendered %ux%u pixels, %u bins (%.1f MB of cube) in %.2f s: %.0f MB/s\n", w, h,
+                  bins, bytes / 1e6, seconds, bytes / 1e6 / seconds);
+      return;
+    }
+    case FRFCAM_RENDER_CANCELLED:
+      std::fprintf(stderr, "frfcam: render cancelled after %.2f s; the cube is incomplete\n",
+                   seconds);
+      throw ExitWith{130};
+    case FRFCAM_RENDER_WRITE_FAILED:
+      throw CommandError("writing the cube files failed (disk full or file size limit?)");
+    default:
+      throw CommandError("not enough memory to render");
+  }
+}
+
+std::vector<float> ReadReference(const std::string& path) {
+  std::ifstream in(path);
+  if (!in) throw CommandError("cannot read reference file " + path);
+  std::vector<float> values;
+  std::string line;
+  int number = 0;
+  while (std::getline(in, line)) {
+    ++number;
+    if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+    try {
+      std::size_t used = 0;
+      values.push_back(std::stof(line, &used));
+      if (line.find_first_not_of(" \t\r", used) != std::string::npos)
+        throw std::invalid_argument("");
+    } catch (const std::exception&) {
+      throw CommandError(path + ":" + std::to_string(number) + ": not a number: " + line);
+    }
+  }
+  if (values.empty()) throw CommandError(path + ": no values");
+  return values;
+}
+
+struct MapOptions {
+  std::string header;
+  int bin = -1;
+  double freq = -1;
+  double fps = 0;
+  double gain = 0;  // 0: scale so that the brightest pixels just saturate
+  std::string reference;
+  std::string output;
+};
+
+void RunMap(const MapOptions& o) {
+  frfmap::CaptureHeader header;
+  if (!header.Load(o.header)) throw CommandError("cannot read capture header " + o.header);
+  Calcs calcs;
+  Open(calcs.c, o.header);
+  unsigned w = 0, h = 0, bins = 0;
+  GetCubeDims(calcs.c, &w, &h, &bins);
+  const int frames = header.frame_count();
+
+  int bin = o.bin;
+  if (bin < 0) {
+    const double fps = o.fps > 0 ? o.fps : header.float_field();
+    if (!(fps > 0)) throw CommandError("--freq needs --fps (the header holds no frame rate)");
+    bin = static_cast<int>(std::lround(o.freq * frames / fps));
+  }
+  if (bin < 0 || static_cast<unsigned>(bin) >= bins) {
+    throw CommandError("bin " + std::to_string(bin) + " is outside the cube's 0.." +
+                       std::to_string(bins - 1));
+  }
+
+  std::vector<float> reference;
+  if (!o.reference.empty()) {
+    reference = ReadReference(o.reference);
+    if (static_cast<int>(reference.size()) != frames) {
+      std::fprintf(stderr,
+                   "frfcam: warning: the reference has %zu samples, the capture %d frames\n",
+                   reference.size(), frames);
+    }
+    SetReference(calcs.c, reference.data(), static_cast<int>(reference.size()));
+  }
+
+  float gain = static_cast<float>(o.gain);
+  if (gain == 0.0f) {
+    // Unit gain first, then scale so that the 99.5th percentile of the
+    // unsaturated magnitudes maps to 255.
+    std::vector<unsigned char> probe(static_cast<std::size_t>(w) * h);
+    float g = 1.0f;
+    for (int round = 0; round < 8; ++round) {
+      if (ReadFRFMap(calcs.c, bin, g, probe.data()) != 0) break;
+      std::vector<unsigned char> sorted(probe);
+      const std::size_t at = sorted.size() * 995 / 1000;
+      std::nth_element(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(at),
+                       sorted.end());
+      const int v = sorted[at];
+      if (v >= 128 && v < 255) {
+        g *= 255.0f / static_cast<float>(v);
+        break;
+      }
+      g *= v == 0 ? 256.0f : (v == 255 ? 1.0f / 16.0f : 200.0f / static_cast<float>(v));
+    }
+    gain = g;
+  }
+
+  std::vector<unsigned char> map(static_cast<std::size_t>(w) * h);
+  const int result = ReadFRFMap(calcs.c, bin, gain, map.data());
+  if (result != 0) {
+    throw CommandError("cannot read bin " + std::to_string(bin) +
+                       " from the cube files (has the capture been rendered?)");
+  }
+  WriteGrayPng(o.output, map.data(), w, h);
+  const double fps = o.fps > 0 ? o.fps : header.float_field();
+  std::printf("wrote %s: bin %d", o.output.c_str(), bin);
+  if (fps > 0) std::printf(" (%.2f Hz)", bin * fps / frames);
+  std::printf(", gain %g, %ux%u\n", gain, w, h);
+}
+
+}  // namespace
+
+void RegisterCubeCommands(CLI::App& app) {
+  auto* render = app.add_subcommand("render", "Render a capture's cube (per-pixel spectra)");
+  static std::string render_header;
+  render->add_option("capture", render_header, "Capture header file")->required();
+  render->callback([] { RunRender(render_header); });
+
+  static MapOptions map;
+  auto* m = app.add_subcommand("map", "Write the FRF map of one frequency bin as a PNG");
+  m->add_option("capture", map.header, "Capture header file (rendered)")->required();
+  auto* bin = m->add_option("--bin", map.bin, "Frequency bin")->check(CLI::NonNegativeNumber);
+  auto* freq = m->add_option("--freq", map.freq, "Frequency in Hz (nearest bin)")
+                   ->check(CLI::NonNegativeNumber);
+  bin->excludes(freq);
+  m->add_option("--fps", map.fps, "Frame rate (default: the header's)")->check(CLI::PositiveNumber);
+  m->add_option("--gain", map.gain, "Gain on the magnitudes (default: automatic)");
+  m->add_option("--reference", map.reference,
+                "Reference signal: one float per line, as many as frames");
+  m->add_option("-o,--output", map.output, "PNG file to write")->required();
+  m->callback([] {
+    if (map.bin < 0 && map.freq < 0) throw CommandError("map needs --bin or --freq");
+    RunMap(map);
+  });
+
+  static std::string folder;
+  auto* del = app.add_subcommand("delete", "Delete every cube file (.fft) below a folder");
+  del->add_option("folder", folder, "Folder")->required();
+  del->callback([] {
+    const std::size_t n = frfmap::DeleteCubeFiles(folder);
+    std::printf("removed %zu cube file%s below %s\n", n, n == 1 ? "" : "s", folder.c_str());
+  });
+}
 
 }  // namespace frfcam::cli

@@ -18,8 +18,8 @@ bool CaptureReader::Open(const std::string& header_path) {
 
 void CaptureReader::Close() {
   for (CachedFile& c : division_) {
-    if (c.file != nullptr) std::fclose(c.file);
-    c = CachedFile{};
+    c.file.Close();
+    c.number = 0;
   }
   if (single_ != nullptr) std::fclose(single_);
   single_ = nullptr;
@@ -28,13 +28,13 @@ void CaptureReader::Close() {
   cap_header_.fill(0);
 }
 
-std::FILE* CaptureReader::DivisionHandle(unsigned d) {
+const platform::MappedFile* CaptureReader::Division(unsigned d) {
   CachedFile& slot = division_[d % division_.size()];
-  if (slot.file != nullptr && slot.number == d) return slot.file;
-  if (slot.file != nullptr) std::fclose(slot.file);
-  slot.number = d;
-  slot.file = platform::OpenFile(DataFilePath(header_path_, DataFile::kDivision, d), "rb");
-  return slot.file;
+  if (!slot.file.is_open() || slot.number != d) {
+    slot.number = d;
+    slot.file.Open(DataFilePath(header_path_, DataFile::kDivision, d));
+  }
+  return slot.file.is_open() ? &slot.file : nullptr;
 }
 
 bool CaptureReader::ReadBlock(std::uint64_t first, std::uint32_t n, std::int32_t frames,
@@ -58,7 +58,7 @@ bool CaptureReader::ReadDivisionFrame(std::int32_t f, std::uint64_t first, std::
   const std::uint64_t frame_bytes = header_.frame_bytes();
   const FileOffset at =
       LocateFrame(static_cast<std::uint32_t>(f), frame_bytes, header_.frames_per_division());
-  std::FILE* file = DivisionHandle(at.file);
+  const platform::MappedFile* file = Division(at.file);
   if (file == nullptr) return false;
 
   // Bytes that hold the run: for 12-bit data whole groups around it, so
@@ -71,28 +71,30 @@ bool CaptureReader::ReadDivisionFrame(std::int32_t f, std::uint64_t first, std::
     begin = first;
     end = first + n;
   }
-  const std::uint64_t skip = (record != nullptr) ? 0 : format::kFrameRecordSize + begin;
-  if (!platform::SeekTo(file, at.offset + skip)) return false;
-  if (record != nullptr &&
-      std::fread(record, 1, format::kFrameRecordSize, file) != format::kFrameRecordSize) {
-    return false;
+  // A short file fails the read like a short read would.
+  const std::uint64_t pixels_at = at.offset + format::kFrameRecordSize;
+  const std::uint64_t stored_end = std::min(end, frame_bytes);
+  if (pixels_at + stored_end > file->size()) return false;
+  if (record != nullptr) {
+    std::memcpy(record, file->data() + at.offset, format::kFrameRecordSize);
   }
-  if (record != nullptr && begin != 0 && !platform::SeekTo(file, at.offset + 16 + begin)) {
-    return false;
+  const std::uint8_t* src = file->data() + pixels_at + begin;
+  if (!header_.packed12()) {
+    Expand8(src, n, row);
+    return true;
   }
-  // A frame of an odd pixel count ends with the high byte of its last
-  // sample alone; the missing low bits read as zero.
-  const std::size_t count = static_cast<std::size_t>(end - begin);
-  const std::size_t stored = static_cast<std::size_t>(std::min(end, frame_bytes) - begin);
-  if (bytes_.size() < count) bytes_.resize(count);
-  if (std::fread(bytes_.data(), 1, stored, file) != stored) return false;
-  std::fill(bytes_.begin() + static_cast<std::ptrdiff_t>(stored),
-            bytes_.begin() + static_cast<std::ptrdiff_t>(count), std::uint8_t{0});
-  if (header_.packed12()) {
-    Unpack12(bytes_.data(), first - begin / 3 * 2, n, row);
-  } else {
-    Expand8(bytes_.data(), n, row);
+  if (end > frame_bytes) {
+    // A frame of an odd pixel count ends with the high byte of its last
+    // sample alone; the missing low bits read as zero.
+    const std::size_t count = static_cast<std::size_t>(end - begin);
+    const std::size_t stored = static_cast<std::size_t>(stored_end - begin);
+    if (bytes_.size() < count) bytes_.resize(count);
+    std::memcpy(bytes_.data(), src, stored);
+    std::fill(bytes_.begin() + static_cast<std::ptrdiff_t>(stored),
+              bytes_.begin() + static_cast<std::ptrdiff_t>(count), std::uint8_t{0});
+    src = bytes_.data();
   }
+  Unpack12(src, first % 2, n, row);
   return true;
 }
 

@@ -12,6 +12,7 @@
 #include "frfmap/capture_format.h"
 #include "frfmap/capture_header.h"
 #include "frfmap/layout.h"
+#include "platform/platform.h"
 
 namespace frfcam::frfmap {
 
@@ -48,16 +49,16 @@ class CaptureReader {
   bool OpenSingleFile();
   bool ReadSingleFrame(std::int32_t f, std::uint64_t first, std::uint32_t n, std::uint16_t* row,
                        std::uint8_t* record);
-  std::FILE* DivisionHandle(unsigned d);
+  const platform::MappedFile* Division(unsigned d);
 
   CaptureHeader header_;
   std::string header_path_;
 
-  // Division files: a direct-mapped cache of open handles by file number,
-  // so every file is opened once per render however many there are.
+  // Division files, mapped: a direct-mapped cache by file number, so every
+  // file is opened once per render however many there are.
   struct CachedFile {
     unsigned number = 0;
-    std::FILE* file = nullptr;
+    platform::MappedFile file;
   };
   std::array<CachedFile, kHandleTableSize> division_{};
 

@@ -1,6 +1,7 @@
 #include "platform/platform.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -169,6 +170,37 @@ std::size_t File::WriteAt(std::uint64_t offset, const void* data, std::size_t si
     done += static_cast<std::size_t>(r);
   }
   return done;
+}
+
+bool MappedFile::Open(const std::string& path) {
+  Close();
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  struct stat st;
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    ::close(fd);
+    return false;
+  }
+  size_ = static_cast<std::uint64_t>(st.st_size);
+  if (size_ > 0) {
+    void* p = ::mmap(nullptr, size_, PROT_READ, MAP_SHARED, fd, 0);
+    if (p == MAP_FAILED) {
+      ::close(fd);
+      size_ = 0;
+      return false;
+    }
+    data_ = static_cast<const std::uint8_t*>(p);
+  }
+  ::close(fd);  // the mapping keeps the file
+  open_ = true;
+  return true;
+}
+
+void MappedFile::Close() {
+  if (data_ != nullptr) ::munmap(const_cast<std::uint8_t*>(data_), size_);
+  data_ = nullptr;
+  size_ = 0;
+  open_ = false;
 }
 
 }  // namespace frfcam::platform

@@ -81,3 +81,30 @@ class File {
 };
 
 }  // namespace frfcam::platform
+
+namespace frfcam::platform {
+
+// A whole file mapped read-only into memory, so readers take bytes straight
+// from the page cache without a copy.
+class MappedFile {
+ public:
+  MappedFile() = default;
+  ~MappedFile() { Close(); }
+  MappedFile(const MappedFile&) = delete;
+  MappedFile& operator=(const MappedFile&) = delete;
+
+  // UTF-8 path. False when the file cannot be opened or mapped; an empty
+  // file maps to no bytes and succeeds.
+  bool Open(const std::string& path);
+  void Close();
+  bool is_open() const { return open_; }
+  const std::uint8_t* data() const { return data_; }
+  std::uint64_t size() const { return size_; }
+
+ private:
+  const std::uint8_t* data_ = nullptr;
+  std::uint64_t size_ = 0;
+  bool open_ = false;
+};
+
+}  // namespace frfcam::platform

@@ -1,0 +1,62 @@
+// Reading a whole 12-bit capture through the capture reader in row blocks,
+// against plain fread of the same files in the same run.
+#include <cstdio>
+#include <vector>
+
+#include "bench_support.h"
+#include "frfmap/capture_reader.h"
+#include "frfmap/naming.h"
+
+using namespace frfcam;
+
+int main(int argc, char** argv) {
+  const std::uint16_t w = 512, h = 512;
+  const std::int32_t frames = argc > 1 ? std::atoi(argv[1]) : 1000;
+  const std::string dir = bench::BenchDir("reader");
+  const std::string header = bench::SynthesiseCapture(dir, "cap", w, h, frames, 500);
+  const std::uint64_t frame_bytes = static_cast<std::uint64_t>(w) * h * 3 / 2;
+  const double total_bytes = static_cast<double>((frame_bytes + 16) * frames);
+  const unsigned files = static_cast<unsigned>((frames + 499) / 500);
+
+  // Plain fread of every division file in 8 MiB pieces.
+  std::vector<char> chunk(8 << 20);
+  auto plain = [&] {
+    for (unsigned d = 1; d <= files; ++d) {
+      const std::string path = frfmap::DataFilePath(header, frfmap::DataFile::kDivision, d);
+      std::FILE* f = std::fopen(path.c_str(), "rb");
+      while (f != nullptr && std::fread(chunk.data(), 1, chunk.size(), f) == chunk.size()) {
+      }
+      if (f != nullptr) std::fclose(f);
+    }
+  };
+  // The reader in blocks of 64 rows, unpacking every sample.
+  const std::uint32_t rows = 64;
+  std::vector<std::uint16_t> samples(static_cast<std::size_t>(frames) * w * rows);
+  std::vector<std::uint8_t> records(16ull * frames);
+  auto reader = [&] {
+    frfmap::CaptureReader r;
+    r.Open(header);
+    for (std::uint32_t y = 0; y < h; y += rows) {
+      if (!r.ReadBlock(static_cast<std::uint64_t>(y) * w, w * rows, frames, samples.data(),
+                       records.data())) {
+        std::fprintf(stderr, "read failed\n");
+        std::exit(1);
+      }
+    }
+  };
+
+  plain();  // warm the page cache
+  std::vector<double> t_plain, t_reader;
+  for (int i = 0; i < 5; ++i) {
+    t_plain.push_back(bench::Seconds(plain));
+    t_reader.push_back(bench::Seconds(reader));
+  }
+  const double p = bench::Median(t_plain), r = bench::Median(t_reader);
+  std::printf("capture %ux%u, %d frames, 12-bit packed: %.0f MB\n", w, h, frames,
+              total_bytes / 1e6);
+  std::printf("fread of the files:        %.3f s  %7.0f MB/s\n", p, total_bytes / 1e6 / p);
+  std::printf("reader, %u-row blocks:      %.3f s  %7.0f MB/s\n", rows, r, total_bytes / 1e6 / r);
+  std::printf("reader / fread throughput: %.2f\n", p / r);
+  bench::RemoveDir(dir);
+  return 0;
+}

@@ -1,0 +1,73 @@
+// Shared pieces of the benchmarks: timing, medians and synthetic captures.
+#pragma once
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "frfmap/capture_writer.h"
+#include "frfmap/synthetic_scene.h"
+
+namespace frfcam::bench {
+
+inline double Seconds(const std::function<void()>& f) {
+  const auto t0 = std::chrono::steady_clock::now();
+  f();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
+inline double Median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
+}
+
+// A 12-bit capture of the synthetic plate, written once per run.
+inline std::string SynthesiseCapture(const std::string& dir, const std::string& name,
+                                     std::uint16_t w, std::uint16_t h, std::int32_t frames,
+                                     std::uint32_t frames_per_file) {
+  const std::string header = dir + "/" + name + ".hdr";
+  frfmap::SceneSpec scene;
+  scene.width = w;
+  scene.height = h;
+  scene.frames = frames;
+  scene.fps = 2000.0;
+  const frfmap::PlateScene plate(scene);
+  frfmap::CaptureSpec spec;
+  spec.width = w;
+  spec.height = h;
+  spec.frames = frames;
+  spec.fps = scene.fps;
+  spec.pixel_format = 1;
+  spec.frames_per_file = frames_per_file;
+  std::string error;
+  if (!frfmap::WriteCapture(
+          header, spec, [&](std::int32_t f, std::uint16_t* s) { plate.Frame(f, s); }, &error)) {
+    std::fprintf(stderr, "cannot write the capture: %s\n", error.c_str());
+    std::exit(1);
+  }
+  return header;
+}
+
+// A scratch folder for one benchmark run, below $FRFCAM_BENCH_DIR or /tmp.
+inline std::string BenchDir(const char* name) {
+  const char* base = std::getenv("FRFCAM_BENCH_DIR");
+  std::string dir = std::string(base != nullptr ? base : "/tmp") + "/frfcam-bench-" + name + "-" +
+                    std::to_string(::getpid());
+  std::string cmd = "rm -rf '" + dir + "' && mkdir -p '" + dir + "'";
+  if (std::system(cmd.c_str()) != 0) std::exit(1);
+  return dir;
+}
+
+inline void RemoveDir(const std::string& dir) {
+  const std::string cmd = "rm -rf '" + dir + "'";
+  if (std::system(cmd.c_str()) != 0) std::fprintf(stderr, "could not remove %s\n", dir.c_str());
+}
+
+}  // namespace frfcam::bench
