@@ -26,22 +26,28 @@ class CubeFileSet {
   // closed first. Writing creates (truncates) each file on first use.
   void SetMode(Mode mode);
 
-  // The file that holds `bin`, opened on first use; null when it cannot be
-  // opened or the bin is beyond the addressable files (1 .. 127).
-  const platform::File* FileFor(std::uint32_t bin);
-
   // Writes `size` bytes at byte `offset` of bin `bin`'s plane; false on a
   // short write or a file that cannot be created.
   bool WriteInPlane(std::uint32_t bin, std::uint64_t offset, const void* data, std::size_t size);
-  // Reads up to `size` bytes from the start of bin `bin`'s plane; returns the
-  // bytes read (0 when the file cannot be opened).
-  std::size_t ReadPlane(std::uint32_t bin, void* data, std::size_t size);
+  // Bin `bin`'s plane in read mode, mapped: the bytes of the plane that the
+  // file holds (fewer than a plane when it is cut short, none when it cannot
+  // be opened).
+  struct PlaneView {
+    const std::uint8_t* data = nullptr;
+    std::size_t size = 0;
+  };
+  PlaneView MapPlane(std::uint32_t bin);
 
  private:
+  // In write mode, the file that holds `bin`, created on first use; null
+  // when it cannot be created or the bin is beyond the files 1 .. 127.
+  const platform::File* FileFor(std::uint32_t bin);
+
   std::string header_path_;
   CubeLayout layout_;
   Mode mode_ = Mode::kRead;
-  std::array<platform::File, kHandleTableSize> files_;
+  std::array<platform::File, kHandleTableSize> files_;         // writing
+  std::array<platform::MappedFile, kHandleTableSize> mapped_;  // reading
   std::array<bool, kHandleTableSize> tried_{};
 };
 

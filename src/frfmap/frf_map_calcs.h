@@ -78,8 +78,6 @@ class FrfMapCalcs {
   std::atomic<std::uint8_t> cancel_{0};
 
   std::vector<std::complex<float>> reference_;
-  // Working arrays of ReadFRFMap, kept between calls.
-  std::vector<std::complex<float>> plane_;
 
   std::uint32_t width_ = 0;
   std::uint32_t height_ = 0;

@@ -1,24 +1,59 @@
 // FRF maps: one bin plane of the cube, divided by the reference spectrum at
 // that bin, as gained magnitudes quantised to 8 bits.
+#include <algorithm>
 #include <cmath>
 
 #include "frfmap/fft.h"
 #include "frfmap/frf_map_calcs.h"
+#include "platform/platform.h"
 
 namespace frfcam::frfmap {
 
 namespace {
 
-// Rounds to nearest with ties to even and saturates to 0..255 (negative
-// values and NaN give 0). Adding and subtracting 1.5 * 2^23 leaves the
-// integer nearest to v, ties to even, in the default rounding mode; written
-// without branches so that the loop vectorises.
-inline std::uint8_t Quantise(float v) {
+// The map in chunks of two passes that each vectorise well: the gained
+// magnitude of every value (`Magnitude` gives |v| or |v / d|), rounded to
+// nearest with ties to even and saturated to 0..255 in floats (negative
+// values and NaN give 0; adding and subtracting 1.5 * 2^23 leaves the
+// nearest integer in the default rounding mode), then narrowed to bytes.
+template <class Magnitude>
+[[gnu::always_inline]] inline void QuantiseChunks(const float* __restrict v, std::size_t pixels,
+                                                  float gain, std::uint8_t* __restrict map,
+                                                  Magnitude magnitude) {
+  constexpr std::size_t kChunk = 256;
   constexpr float kMagic = 12582912.0f;
-  float c = v > 0.0f ? v : 0.0f;
-  c = c < 255.0f ? c : 255.0f;
-  c = (c + kMagic) - kMagic;
-  return static_cast<std::uint8_t>(static_cast<int>(c));
+  float rounded[kChunk];
+  for (std::size_t p0 = 0; p0 < pixels; p0 += kChunk) {
+    const std::size_t n = std::min(kChunk, pixels - p0);
+    const float* w = v + 2 * p0;
+    for (std::size_t i = 0; i < n; ++i) {
+      float c = std::max(0.0f, magnitude(w[2 * i], w[2 * i + 1]) * gain);  // NaN: 0
+      c = std::min(255.0f, c);
+      rounded[i] = (c + kMagic) - kMagic;
+    }
+    for (std::size_t i = 0; i < n; ++i) {
+      map[p0 + i] = static_cast<std::uint8_t>(static_cast<int>(rounded[i]));
+    }
+  }
+}
+
+FRFCAM_VECTOR_CLONES void QuantiseMagnitudes(const float* __restrict v, std::size_t pixels,
+                                             float gain, std::uint8_t* __restrict map) {
+  QuantiseChunks(v, pixels, gain, map,
+                 [](float re, float im) { return std::sqrt(re * re + im * im); });
+}
+
+// The quotient by the reference value d, as a plain complex division.
+FRFCAM_VECTOR_CLONES void QuantiseQuotients(const float* __restrict v, std::size_t pixels,
+                                            std::complex<float> d, float gain,
+                                            std::uint8_t* __restrict map) {
+  const float dr = d.real(), di = d.imag();
+  const float inv_norm = 1.0f / (dr * dr + di * di);
+  QuantiseChunks(v, pixels, gain, map, [=](float re, float im) {
+    const float qr = (re * dr + im * di) * inv_norm;
+    const float qi = (im * dr - re * di) * inv_norm;
+    return std::sqrt(qr * qr + qi * qi);
+  });
 }
 
 }  // namespace
@@ -37,36 +72,19 @@ int FrfMapCalcs::ReadFRFMap(int bin, float gain, unsigned char* map) {
   const CubeLayout& layout = cubes_.layout();
   if (bin < 0 || layout.plane_bytes == 0) return 0;
   const std::size_t pixels = static_cast<std::size_t>(width_) * height_;
-  plane_.resize(pixels);
 
+  // The plane is read where the page cache holds it, without a copy.
   cubes_.SetMode(CubeFileSet::Mode::kRead);
-  const std::size_t want = pixels * kSpectrumValueBytes;
-  const std::size_t got = cubes_.ReadPlane(static_cast<std::uint32_t>(bin), plane_.data(), want);
-  if (got != want) return static_cast<int>(got);
+  const CubeFileSet::PlaneView plane = cubes_.MapPlane(static_cast<std::uint32_t>(bin));
+  if (plane.size != pixels * kSpectrumValueBytes) return static_cast<int>(plane.size);
+  const float* values = reinterpret_cast<const float*>(plane.data);
 
   // A zero reference value, or a bin beyond the reference, reads unreferenced.
-  std::complex<float> divisor;
-  bool divide = false;
-  if (static_cast<std::size_t>(bin) < reference_.size() &&
-      reference_[static_cast<std::size_t>(bin)] != std::complex<float>{}) {
-    divisor = reference_[static_cast<std::size_t>(bin)];
-    divide = true;
-  }
-  const float* __restrict v = reinterpret_cast<const float*>(plane_.data());
-  if (divide) {
-    const float dr = divisor.real(), di = divisor.imag();
-    const float inv_norm = 1.0f / (dr * dr + di * di);
-    for (std::size_t p = 0; p < pixels; ++p) {
-      const float re = v[2 * p], im = v[2 * p + 1];
-      const float qr = (re * dr + im * di) * inv_norm;
-      const float qi = (im * dr - re * di) * inv_norm;
-      map[p] = Quantise(std::sqrt(qr * qr + qi * qi) * gain);
-    }
+  const std::size_t b = static_cast<std::size_t>(bin);
+  if (b < reference_.size() && reference_[b] != std::complex<float>{}) {
+    QuantiseQuotients(values, pixels, reference_[b], gain, map);
   } else {
-    for (std::size_t p = 0; p < pixels; ++p) {
-      const float re = v[2 * p], im = v[2 * p + 1];
-      map[p] = Quantise(std::sqrt(re * re + im * im) * gain);
-    }
+    QuantiseMagnitudes(values, pixels, gain, map);
   }
   return 0;
 }

@@ -1,5 +1,13 @@
 // The operating-system layer: memory status, files and paths. Every OS
 // dependent call of the library lives behind these functions.
+
+// Function versions for several instruction sets, chosen at load time, for
+// the few pixel loops where wider vectors pay.
+#if defined(__GNUC__) && defined(__x86_64__) && defined(__ELF__) && !defined(__clang__)
+#define FRFCAM_VECTOR_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
+#else
+#define FRFCAM_VECTOR_CLONES
+#endif
 #pragma once
 
 #include <cstdint>
@@ -85,7 +93,8 @@ class File {
 namespace frfcam::platform {
 
 // A whole file mapped read-only into memory, so readers take bytes straight
-// from the page cache without a copy.
+// from the page cache without a copy. The file must not be truncated while it
+// is mapped (the OS signals an access past its new end).
 class MappedFile {
  public:
   MappedFile() = default;

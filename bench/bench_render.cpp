@@ -1,0 +1,137 @@
+// The render against the copy floor: reading the capture's division files and
+// writing as many bytes as the cube, sequentially, measured in the same run.
+// Also ReadFRFMap against reading a plane's bytes.
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <vector>
+
+#include "bench_support.h"
+#include "frfcam/frfcam.h"
+#include "frfmap/naming.h"
+#include "platform/platform.h"
+
+using namespace frfcam;
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Figures {
+  double floor, render;
+};
+
+void ReadAll(const std::string& header, unsigned files, std::vector<char>& chunk) {
+  for (unsigned d = 1; d <= files; ++d) {
+    const std::string path = frfmap::DataFilePath(header, frfmap::DataFile::kDivision, d);
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    while (f != nullptr && std::fread(chunk.data(), 1, chunk.size(), f) == chunk.size()) {
+    }
+    if (f != nullptr) std::fclose(f);
+  }
+}
+
+// Reads the division files, then writes `bytes` sequentially in 2 GiB files.
+void CopyFloor(const std::string& header, unsigned files, std::uint64_t bytes,
+               const std::string& out_dir, std::vector<char>& chunk) {
+  ReadAll(header, files, chunk);
+  std::uint64_t left = bytes;
+  for (int n = 1; left > 0; ++n) {
+    std::FILE* f = std::fopen((out_dir + "/floor_" + std::to_string(n) + ".bin").c_str(), "wb");
+    std::uint64_t in_file = 0;
+    while (left > 0 && in_file < (2ull << 30)) {
+      const std::size_t now = static_cast<std::size_t>(std::min<std::uint64_t>(left, chunk.size()));
+      std::fwrite(chunk.data(), 1, now, f);
+      left -= now;
+      in_file += now;
+    }
+    std::fclose(f);
+  }
+}
+
+void Clean(const std::string& header, const std::string& out_dir) {
+  for (const auto& e : fs::directory_iterator(out_dir)) fs::remove(e.path());
+  ::FrfMapCalcs* c = nullptr;
+  DeleteCube(c, frfmap::DataFolder(header).c_str());
+  ::sync();  // every timed run starts with no dirty pages of an earlier one
+}
+
+Figures Measure(const std::string& dir, const char* name, std::int32_t frames, int runs) {
+  const std::uint16_t w = 512, h = 512;
+  const std::string header = bench::SynthesiseCapture(dir, name, w, h, frames, 500);
+  const unsigned files = static_cast<unsigned>((frames + 499) / 500);
+  const std::uint64_t cube_bytes = 8ull * w * h * (frames / 2 + 1);
+  const std::string out_dir = dir + "/floor";
+  fs::create_directories(out_dir);
+  std::vector<char> chunk(8 << 20);
+  ReadAll(header, files, chunk);  // warm the input
+
+  std::vector<double> floor, render;
+  for (int i = 0; i < runs; ++i) {
+    Clean(header, out_dir);
+    floor.push_back(bench::Seconds([&] { CopyFloor(header, files, cube_bytes, out_dir, chunk); }));
+    Clean(header, out_dir);
+    render.push_back(bench::Seconds([&] {
+      ::FrfMapCalcs* c = CreateFrfMapCalcs("bench");
+      if (OpenCube(c, header.c_str()) != 0 || RenderCube(c, nullptr) != 0) {
+        std::fprintf(stderr, "render failed\n");
+        std::exit(1);
+      }
+      DeleteFrfMapCalcs(c);
+    }));
+  }
+  const Figures f{bench::Median(floor), bench::Median(render)};
+  const double in_mb = ((w * h * 3.0 / 2 + 16) * frames) / 1e6;
+  std::printf("%dx%d, %d frames: read %.0f MB, write %.0f MB\n", w, h, frames, in_mb,
+              cube_bytes / 1e6);
+  std::printf("  copy floor (read + write, sequential): %6.2f s\n", f.floor);
+  std::printf("  OpenCube + RenderCube:                 %6.2f s   render / floor = %.2f\n",
+              f.render, f.render / f.floor);
+  return f;
+}
+
+void MeasureMaps(const std::string& dir) {
+  const std::string header = bench::SynthesiseCapture(dir, "maps", 512, 512, 400, 500);
+  ::FrfMapCalcs* c = CreateFrfMapCalcs("maps");
+  if (OpenCube(c, header.c_str()) != 0 || RenderCube(c, nullptr) != 0) std::exit(1);
+  if (OpenCube(c, header.c_str()) != 0) std::exit(1);
+  const std::size_t plane = 512 * 512 * 8;
+  std::vector<unsigned char> map(512 * 512);
+  std::vector<char> bytes(plane);
+  platform::File cube;
+  cube.Open(frfmap::DataFilePath(header, frfmap::DataFile::kCube, 1), platform::File::Mode::kRead);
+  const int bins = 201, rounds = 5;
+  std::vector<double> t_map, t_read;
+  for (int r = 0; r < rounds; ++r) {
+    t_read.push_back(bench::Seconds([&] {
+      for (int b = 0; b < bins; ++b)
+        cube.ReadAt(static_cast<std::uint64_t>(b) * plane, bytes.data(), plane);
+    }));
+    t_map.push_back(bench::Seconds([&] {
+      for (int b = 0; b < bins; ++b) ReadFRFMap(c, b, 2.0f, map.data());
+    }));
+  }
+  const double m = bench::Median(t_map) / bins, rd = bench::Median(t_read) / bins;
+  std::printf("512x512 map: ReadFRFMap %.3f ms, reading the plane's bytes %.3f ms: ratio %.2f\n",
+              m * 1e3, rd * 1e3, m / rd);
+  DeleteFrfMapCalcs(c);
+}
+
+}  // namespace
+
+// Arguments: [runs] (default 3), or "maps" for the map figures alone.
+int main(int argc, char** argv) {
+  const std::string dir = bench::BenchDir("render");
+  if (argc > 1 && std::string(argv[1]) == "maps") {
+    MeasureMaps(dir);
+    bench::RemoveDir(dir);
+    return 0;
+  }
+  const int runs = argc > 1 ? std::atoi(argv[1]) : 3;
+  const Figures even = Measure(dir, "even", 2000, runs);
+  const Figures prime = Measure(dir, "prime", 1999, runs);
+  std::printf("prime-length render / 2000-frame render = %.2f\n", prime.render / even.render);
+  MeasureMaps(dir);
+  bench::RemoveDir(dir);
+  return 0;
+}
