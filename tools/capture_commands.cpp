@@ -1,7 +1,316 @@
+// synth: writes a synthetic capture of a vibrating plate; info: describes a
+// capture's header and the data files it implies.
+#include <algorithm>
+#include <array>
+#include <cinttypes>
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <string>
+
 #include "commands.h"
+#include "frfmap/capture_format.h"
+#include "frfmap/capture_header.h"
+#include "frfmap/capture_writer.h"
+#include "frfmap/layout.h"
+#include "frfmap/naming.h"
+#include "frfmap/synthetic_scene.h"
+#include "platform/platform.h"
 
 namespace frfcam::cli {
 
-void RegisterCaptureCommands(CLI::App& app) { (void)app; }
+namespace {
+
+using frfmap::DataFile;
+using frfmap::DataFilePath;
+namespace format = frfmap::format;
+
+struct SynthOptions {
+  std::string header;
+  long long width = 256;
+  long long height = 192;
+  long long frames = 1000;
+  double fps = 2000.0;
+  int bits = 12;
+  long long frames_per_file = 500;
+  bool single_file = false;
+  long long ring_slots = 0;
+  long long first_slot = 0;
+  double noise = 6.0;
+  std::uint64_t seed = 1;
+};
+
+std::string ReferencePath(const std::string& header) {
+  const platform::PathParts p = platform::SplitPath(header);
+  return p.drive + p.dir + p.fname + "_reference.txt";
+}
+
+std::string Bytes(std::uint64_t n) { return std::to_string(n) + " bytes"; }
+
+std::string ShortNumber(double v) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.6g", v);
+  return buf;
+}
+
+void CheckRange(const char* name, long long v, long long lo, long long hi) {
+  if (v < lo || v > hi) {
+    throw CommandError(std::string(name) + " must lie in " + std::to_string(lo) + ".." +
+                       std::to_string(hi) + ", got " + std::to_string(v));
+  }
+}
+
+void RunSynth(const SynthOptions& o) {
+  CheckRange("--width", o.width, 1, 65535);
+  CheckRange("--height", o.height, 1, 65535);
+  CheckRange("--frames", o.frames, 1, INT32_MAX);
+  CheckRange("--frames-per-file", o.frames_per_file, 1, UINT32_MAX);
+  CheckRange("--ring-slots", o.ring_slots, 0, UINT32_MAX);
+  CheckRange("--first-slot", o.first_slot, 0, UINT32_MAX);
+  if (!(o.fps > 0.0) || !std::isfinite(o.fps)) {
+    throw CommandError("--fps must be positive, got " + ShortNumber(o.fps));
+  }
+  if (o.bits != 12 && o.bits != 8) {
+    throw CommandError("--format must be 12 or 8, got " + std::to_string(o.bits));
+  }
+  if (!(o.noise >= 0.0) || !std::isfinite(o.noise)) {
+    throw CommandError("--noise must not be negative");
+  }
+  if (!o.single_file && (o.ring_slots != 0 || o.first_slot != 0)) {
+    throw CommandError("--ring-slots and --first-slot need --single-file");
+  }
+
+  frfmap::SceneSpec scene_spec;
+  scene_spec.width = static_cast<std::uint16_t>(o.width);
+  scene_spec.height = static_cast<std::uint16_t>(o.height);
+  scene_spec.fps = o.fps;
+  scene_spec.frames = static_cast<std::int32_t>(o.frames);
+  scene_spec.noise = o.noise;
+  scene_spec.seed = o.seed;
+  const frfmap::PlateScene scene(scene_spec);
+
+  frfmap::CaptureSpec spec;
+  spec.width = scene_spec.width;
+  spec.height = scene_spec.height;
+  spec.frames = scene_spec.frames;
+  spec.fps = o.fps;
+  spec.pixel_format = o.bits == 12 ? format::kPixelFormat12BitPacked : format::kPixelFormat8Bit;
+  spec.frames_per_file = static_cast<std::uint32_t>(o.frames_per_file);
+  spec.single_file = o.single_file;
+  spec.ring_slots = static_cast<std::uint32_t>(o.ring_slots);
+  spec.first_slot = static_cast<std::uint32_t>(o.first_slot);
+
+  std::string error;
+  const bool ok = frfmap::WriteCapture(
+      o.header, spec, [&](std::int32_t f, std::uint16_t* s) { scene.Frame(f, s); }, &error);
+  if (!ok) throw CommandError(error);
+
+  const std::string reference = ReferencePath(o.header);
+  {
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> out(platform::OpenFile(reference, "w"),
+                                                        &std::fclose);
+    if (!out) throw CommandError("cannot create " + reference);
+    for (float v : scene.excitation()) std::fprintf(out.get(), "%.9g\n", v);
+    if (std::fflush(out.get()) != 0 || std::ferror(out.get())) {
+      throw CommandError("cannot write " + reference);
+    }
+  }
+
+  std::uint64_t data_bytes = 0;
+  unsigned files = 0;
+  if (spec.single_file) {
+    platform::FileSize(DataFilePath(o.header, DataFile::kSingle, 0), &data_bytes);
+    files = 1;
+  } else {
+    files = static_cast<unsigned>((o.frames + o.frames_per_file - 1) / o.frames_per_file);
+    for (unsigned d = 1; d <= files; ++d) {
+      std::uint64_t size = 0;
+      platform::FileSize(DataFilePath(o.header, DataFile::kDivision, d), &size);
+      data_bytes += size;
+    }
+  }
+  std::printf("wrote %s: %lld x %lld pixels, %lld frames at %s fps, %s\n", o.header.c_str(),
+              o.width, o.height, o.frames, ShortNumber(o.fps).c_str(),
+              o.bits == 12 ? "12-bit packed" : "8-bit");
+  const std::string layout =
+      spec.single_file
+          ? "single file"
+          : std::to_string(files) + (files == 1 ? " division file" : " division files");
+  std::printf("data: %s (%s, %s)\n", frfmap::DataFolder(o.header).c_str(), layout.c_str(),
+              Bytes(data_bytes).c_str());
+  for (std::size_t k = 0; k < scene.modes().size(); ++k) {
+    const frfmap::PlateMode& m = scene.modes()[k];
+    std::printf("mode %zu: %s Hz, damping %s, shape (%d,%d)\n", k + 1,
+                ShortNumber(m.frequency_hz).c_str(), ShortNumber(m.damping).c_str(), m.m, m.n);
+  }
+  std::printf("reference: %s (%zu samples)\n", reference.c_str(), scene.excitation().size());
+}
+
+void PrintFile(const std::string& path, std::uint64_t expected) {
+  std::uint64_t size = 0;
+  if (!platform::FileSize(path, &size)) {
+    std::printf("  %s  missing\n", path.c_str());
+    return;
+  }
+  const char* note = size < expected   ? "  (short: expected "
+                     : size > expected ? "  (expected "
+                                       : "";
+  if (*note != '\0') {
+    std::printf("  %s  %s%s%s)\n", path.c_str(), Bytes(size).c_str(), note,
+                Bytes(expected).c_str());
+  } else {
+    std::printf("  %s  %s\n", path.c_str(), Bytes(size).c_str());
+  }
+}
+
+std::string FormatName(std::uint32_t pixel_format) {
+  if (pixel_format == format::kPixelFormat12BitPacked) return "12-bit packed";
+  if (pixel_format == format::kPixelFormat16Bit) return "16-bit, read one byte per pixel";
+  return "8-bit";
+}
+
+void PrintSingleFile(const std::string& path) {
+  std::uint64_t size = 0;
+  if (!platform::FileSize(path, &size)) {
+    std::printf("  %s  missing\n", path.c_str());
+    return;
+  }
+  std::printf("  %s  %s\n", path.c_str(), Bytes(size).c_str());
+  std::array<std::uint8_t, format::kCapHeaderSize> head{};
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> in(platform::OpenFile(path, "rb"), &std::fclose);
+  if (!in || std::fread(head.data(), 1, head.size(), in.get()) != head.size()) {
+    std::printf("    shorter than its %zu-byte file header\n", format::kCapHeaderSize);
+    return;
+  }
+  const std::uint8_t packing = head[format::kCapPackingOffset];
+  const std::uint16_t width = format::LoadU16(&head[format::kCapRowWidthOffset]);
+  const std::uint16_t rows = format::LoadU16(&head[format::kCapRowCountOffset]);
+  const std::uint32_t slots = format::LoadU32(&head[format::kCapSlotCountOffset]);
+  const std::uint32_t slot_size = format::LoadU32(&head[format::kCapSlotSizeOffset]);
+  const std::uint64_t pixel_bytes =
+      static_cast<std::uint64_t>(rows) * format::CapRowBytes(packing, width);
+  const std::string code = packing >= 33 && packing < 127
+                               ? "'" + std::string(1, static_cast<char>(packing)) + "'"
+                               : std::to_string(packing);
+  std::printf("    packing code %s, %u rows of %u pixels (%s per frame)\n", code.c_str(), rows,
+              width, Bytes(pixel_bytes).c_str());
+  std::printf("    ring of %u slots of %s, first slot %u, slot 0 at byte %u, subtracted %u\n",
+              slots, Bytes(slot_size).c_str(), format::LoadU32(&head[format::kCapFirstSlotOffset]),
+              format::LoadU32(&head[format::kCapSlot0Offset]),
+              format::LoadU32(&head[format::kCapSubtractSlotOffset]));
+}
+
+void RunInfo(const std::string& path) {
+  std::uint64_t size = 0;
+  if (!platform::FileSize(path, &size)) {
+    throw CommandError("cannot read header " + path + ": no such file");
+  }
+  if (size < format::kHeaderSize) {
+    throw CommandError(path + " is not a capture header: " + Bytes(size) + ", expected " +
+                       std::to_string(format::kHeaderSize));
+  }
+  frfmap::CaptureHeader h;
+  if (!h.Load(path)) throw CommandError("cannot read header " + path);
+
+  const std::int32_t frames = h.frame_count();
+  const std::uint32_t fpd = h.frames_per_division();
+  const std::uint64_t frame_bytes = h.frame_bytes();
+  std::printf("header            %s\n", path.c_str());
+  std::printf("width             %u\n", h.width());
+  std::printf("height            %u\n", h.height());
+  std::printf("pixel format      %u (%s)\n", h.pixel_format(),
+              FormatName(h.pixel_format()).c_str());
+  std::printf("frames            %d\n", frames);
+  std::printf("frames per file   %u\n", fpd);
+  std::printf("float field       %s (frame rate of synthetic captures)\n",
+              ShortNumber(h.float_field()).c_str());
+  std::printf("single file       %s\n", h.single_file() ? "yes" : "no");
+  std::printf("frame bytes S     %" PRIu64 " (%s bytes per pixel)\n", frame_bytes,
+              ShortNumber(h.bytes_per_pixel()).c_str());
+  const std::uint32_t bins = frames > 0 ? static_cast<std::uint32_t>(frames) / 2 + 1 : 0;
+  std::printf("bins              %u\n", bins);
+
+  if (h.single_file()) {
+    std::printf("data file:\n");
+    PrintSingleFile(DataFilePath(path, DataFile::kSingle, 0));
+  } else if (fpd == 0) {
+    std::printf("data files: none can be addressed with 0 frames per file\n");
+  } else if (frames > 0) {
+    const auto count =
+        static_cast<std::uint32_t>((static_cast<std::uint64_t>(frames) + fpd - 1) / fpd);
+    std::printf("data files (%u):\n", count);
+    const std::uint32_t shown = std::min(count, frfmap::kMaxFileNumber);
+    for (std::uint32_t d = 1; d <= shown; ++d) {
+      const std::uint32_t first = (d - 1) * fpd;
+      const std::uint32_t records = std::min(fpd, static_cast<std::uint32_t>(frames) - first);
+      PrintFile(DataFilePath(path, DataFile::kDivision, d),
+                records * (frame_bytes + format::kFrameRecordSize));
+    }
+    if (count > shown) {
+      std::printf("  ... %u more, beyond the %u files that can be read\n", count - shown, shown);
+    }
+  }
+
+  const frfmap::CubeLayout cube = frfmap::CubeLayout::For(h.pixels(), bins);
+  if (bins == 0 || cube.bins_per_file == 0) {
+    std::printf("cube files: none (%s)\n", bins == 0 ? "no frames" : "a plane exceeds 2 GiB");
+    return;
+  }
+  const unsigned cubes = cube.FileCount();
+  std::printf("cube files (%u, %u bins per file):\n", cubes, cube.bins_per_file);
+  const unsigned shown = std::min(cubes, frfmap::kMaxFileNumber);
+  for (unsigned c = 1; c <= shown; ++c) {
+    const std::uint32_t planes = std::min(cube.bins_per_file, bins - (c - 1) * cube.bins_per_file);
+    PrintFile(DataFilePath(path, DataFile::kCube, c),
+              static_cast<std::uint64_t>(planes) * cube.plane_bytes);
+  }
+  if (cubes > shown) {
+    std::printf("  ... %u more, beyond the %u files that can be addressed\n", cubes - shown, shown);
+  }
+}
+
+}  // namespace
+
+void RegisterCaptureCommands(CLI::App& app) {
+  auto synth_options = std::make_shared<SynthOptions>();
+  CLI::App* synth = app.add_subcommand(
+      "synth",
+      "Write a synthetic capture of a vibrating plate: the header OUT.hdr, its frame data in "
+      "the folder OUT/, and the excitation force as OUT_reference.txt (one value per frame), "
+      "the reference signal for 'map --reference'.");
+  synth->add_option("header", synth_options->header, "Header file to write (e.g. OUT.hdr)")
+      ->required();
+  synth->add_option("--width", synth_options->width, "Image width in pixels (1..65535)")
+      ->capture_default_str();
+  synth->add_option("--height", synth_options->height, "Image height in pixels (1..65535)")
+      ->capture_default_str();
+  synth->add_option("--frames", synth_options->frames, "Number of frames")->capture_default_str();
+  synth->add_option("--fps", synth_options->fps, "Frame rate in Hz")->capture_default_str();
+  synth->add_option("--format", synth_options->bits, "Bits per pixel: 12 (packed) or 8")
+      ->capture_default_str();
+  synth->add_option("--frames-per-file", synth_options->frames_per_file, "Frames per division file")
+      ->capture_default_str();
+  synth->add_flag("--single-file", synth_options->single_file,
+                  "Write one ring-buffer .cap file instead of division files");
+  synth
+      ->add_option("--ring-slots", synth_options->ring_slots,
+                   "With --single-file: slots in the ring (0: one per frame)")
+      ->capture_default_str();
+  synth
+      ->add_option("--first-slot", synth_options->first_slot,
+                   "With --single-file: slot of the first frame, so the ring wraps")
+      ->capture_default_str();
+  synth->add_option("--noise", synth_options->noise, "Camera noise, standard deviation in counts")
+      ->capture_default_str();
+  synth->add_option("--seed", synth_options->seed, "Seed of the texture, force and noise")
+      ->capture_default_str();
+  synth->callback([synth_options] { RunSynth(*synth_options); });
+
+  auto info_path = std::make_shared<std::string>();
+  CLI::App* info = app.add_subcommand(
+      "info", "Describe a capture: header fields, derived sizes and the data and cube files");
+  info->add_option("header", *info_path, "Capture header file")->required();
+  info->callback([info_path] { RunInfo(*info_path); });
+}
 
 }  // namespace frfcam::cli
