@@ -32,6 +32,22 @@ struct EstimationResult {
 
 // frequencies: angular frequency of each line (rad/s); frf: the single FRF;
 // frfMatrix: lines x channels; orders: only min and max are used.
+//
+// Every order from min to max is fitted, in ascending order; the first only
+// seeds the classification. The fit is a least-squares complex
+// frequency-domain fit with unity weights of a common real denominator in
+// z = exp(i 2 pi (f - fMin) dt), dt = 1 / (2 (fMax - fMin)).
+// flag1: frfNum is the highest order's fitted model of `frf` (its numerator
+//        over the common denominator) at every line; empty when clear.
+// flag2: `frf` takes part in the denominator fit as one more channel after
+//        the columns of frfMatrix; when clear only the columns do.
+// Sizes: frfMatrix has frequencies.size() rows (an empty matrix means no
+// channels) and, when a flag is set, frf has frequencies.size() values;
+// otherwise std::invalid_argument is thrown. Orders below 1 have no poles.
+// Memory grows as lines x max order and channels x (max order)^2, so the
+// caller bounds the orders. Degenerate data (no lines, a band of zero width,
+// non-finite samples, no channels, fewer lines than coefficients) gives
+// orders without poles, never a failure.
 EstimationResult Estimate(const RealVector& frequencies, const ComplexVector& frf,
                           const ComplexMatrix& frfMatrix, const std::vector<std::int32_t>& orders,
                           double frequencyTolerance, double dampingTolerance, bool flag1,

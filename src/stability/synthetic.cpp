@@ -108,7 +108,11 @@ SyntheticFrfs SynthesizeFrfs(const SyntheticSystem& system) {
         const double zeta = system.modes[r].damping;
         h += out.residues[c][r] / (iw * iw + 2.0 * zeta * wr * iw + wr * wr);
       }
-      if (c == 0) h += out.upperResidual + out.lowerResidual / (iw * iw);
+      if (c == 0) {
+        h += out.upperResidual;
+        // Only a non-zero term is added, so that a 0 Hz line stays finite.
+        if (out.lowerResidual != 0.0) h += out.lowerResidual / (iw * iw);
+      }
       out.matrix(k, c) = h;
       energy += std::norm(h);
     }

@@ -96,6 +96,10 @@ TEST(Synthetic, NoiseHasRequestedLevelAndIsReproducible) {
 
 TEST(Synthetic, DegenerateAndInvalidSystems) {
   SyntheticSystem s = TwoModes();
+  s.fMinHz = 0.0;  // a 0 Hz line is finite without a lower residual
+  EXPECT_TRUE(SynthesizeFrfs(s).matrix.allFinite());
+  s.fMinHz = 20.0;
+
   s.numLines = 1;
   SyntheticFrfs one = SynthesizeFrfs(s);
   ASSERT_EQ(one.omega.size(), 1);
