@@ -33,7 +33,12 @@ test-asan: build-asan
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
 
-test: test-release test-asan
+# The render and cancellation tests under ThreadSanitizer (see
+# tests/frfmap/tsan_isolation.cpp for how the worker pool is kept out of it).
+test-tsan: build-tsan
+	TSAN_OPTIONS=halt_on_error=1 ./$(TSAN_BUILD)/test_frfmap --gtest_filter='RenderCube.*'
+
+test: test-release test-asan test-tsan
 
 bench: build
 	bash scripts/bench $(BUILD)

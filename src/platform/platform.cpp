@@ -139,6 +139,9 @@ File& File::operator=(File&& other) noexcept {
 
 bool File::Open(const std::string& path, Mode mode) {
   Close();
+  // A new file replaces an old one instead of truncating it, so that a
+  // mapping of the old file (a reader elsewhere) stays valid.
+  if (mode == Mode::kCreate) ::unlink(path.c_str());
   const int flags = mode == Mode::kRead ? O_RDONLY : (O_WRONLY | O_CREAT | O_TRUNC);
   fd_ = ::open(path.c_str(), flags | O_CLOEXEC, 0666);
   return fd_ >= 0;

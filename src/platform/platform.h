@@ -2,8 +2,10 @@
 // dependent call of the library lives behind these functions.
 
 // Function versions for several instruction sets, chosen at load time, for
-// the few pixel loops where wider vectors pay.
-#if defined(__GNUC__) && defined(__x86_64__) && defined(__ELF__) && !defined(__clang__)
+// the few pixel loops where wider vectors pay. Not under the sanitizers,
+// whose instrumented load-time resolvers would run before their runtime.
+#if defined(__GNUC__) && defined(__x86_64__) && defined(__ELF__) && !defined(__clang__) && \
+    !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 #define FRFCAM_VECTOR_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
 #else
 #define FRFCAM_VECTOR_CLONES
@@ -67,7 +69,9 @@ namespace frfcam::platform {
 // memory and the OS.
 class File {
  public:
-  enum class Mode { kRead, kCreate };  // kCreate truncates or creates, for writing
+  // kCreate makes a new file for writing, replacing (not truncating) any
+  // file of that name.
+  enum class Mode { kRead, kCreate };
   File() = default;
   ~File() { Close(); }
   File(File&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }

@@ -232,6 +232,29 @@ TEST(RenderCube, WriteFailureReturnsThree) {
   EXPECT_EQ(r.status, 3) << r.out << r.err;
 }
 
+TEST(RenderCube, AReaderKeepsItsCubeWhileAnotherRenderReplacesIt) {
+  ScratchDir dir, other;
+  const Capture big = Make(dir, 16, 8, 40, 1, 50);
+  ASSERT_EQ(OpenAndRender(big.header), 0);
+  FrfMapCalcs* reader = CreateFrfMapCalcs("reader");
+  ASSERT_EQ(OpenCube(reader, big.header.c_str()), 0);
+  std::vector<unsigned char> before(16 * 8), after(16 * 8, 1);
+  ASSERT_EQ(ReadFRFMap(reader, 15, 1.0f, before.data()), 0);
+
+  // The same capture name, now with 10 frames: its cube is much shorter.
+  const Capture small = Make(other, 16, 8, 10, 1, 50);
+  const fs::path data = fs::path(big.header).replace_extension();
+  fs::copy_file(small.header, big.header, fs::copy_options::overwrite_existing);
+  fs::copy_file(fs::path(small.header).replace_extension() / "cap_0001.div", data / "cap_0001.div",
+                fs::copy_options::overwrite_existing);
+  ASSERT_EQ(OpenAndRender(big.header, nullptr), 0);
+  ASSERT_LT(fs::file_size(data / "cap_0001.fft"), 15u * 16 * 8 * 8);
+
+  EXPECT_EQ(ReadFRFMap(reader, 15, 1.0f, after.data()), 0);
+  EXPECT_EQ(after, before);
+  DeleteFrfMapCalcs(reader);
+}
+
 void WriteHeader(const std::string& path, std::uint16_t w, std::uint16_t h, std::int32_t frames,
                  std::uint32_t per_file, std::size_t size = 2998) {
   std::vector<std::uint8_t> b(size, 0);
