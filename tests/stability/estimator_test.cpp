@@ -155,15 +155,6 @@ TEST(EstimatorFormulation, MatchesPerOrderNormalEquations) {
   }
 }
 
-// Orders are independent fits: a sweep's order n equals a fit of order n alone.
-TEST(EstimatorFormulation, SweepOrderEqualsSingleOrderFit) {
-  const SyntheticFrfs data = SynthesizeFrfs(DefaultFiveModeSystem(500, 2, 0.002));
-  const Sweep sweep = FitAll(data, 2, 24);
-  const std::vector<RealVector> alone = lscf::FitDenominators(sweep.basis, data.matrix, 17, 17);
-  ASSERT_EQ(alone.size(), 1u);
-  EXPECT_LT((alone[0] - sweep.denominators[15]).norm() / alone[0].norm(), 1e-10);
-}
-
 // The numerator of the frf channel over the common denominator: noise-free
 // data is reproduced, and the numerator is the one the normal equations give.
 TEST(EstimatorFormulation, FittedModelOfTheSingleFrf) {
@@ -277,18 +268,6 @@ TEST(EstimatorResult, SingleOrderClassifiesNothing) {
   EXPECT_EQ(r.eigenFrequency.size(), 0);
   EXPECT_EQ(r.dampingFactor.size(), 0);
   EXPECT_EQ(r.frfNum.size(), 500);  // the order is still estimated
-}
-
-// The last order without a stable pole leaves the global lists empty even
-// when earlier orders had some.
-TEST(EstimatorResult, GlobalListsBelongToTheLastOrderOnly) {
-  const SyntheticFrfs data = SynthesizeFrfs(DefaultFiveModeSystem(800, 3, 0.002));
-  // Zero tolerances: nothing is ever stable.
-  const EstimationResult none =
-      Estimate(data.omega, data.frf, data.matrix, Range(20, 24), 0.0, 0.0, false, false);
-  EXPECT_EQ(none.eigenFrequency.size(), 0);
-  EXPECT_TRUE(none.poleFrequencyByOrder.empty());
-  EXPECT_GT(none.oByOrder.back().size(), 0);
 }
 
 // ---------------------------------------------------------------------------
