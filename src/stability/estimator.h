@@ -43,9 +43,10 @@ struct EstimationResult {
 //        the columns of frfMatrix; when clear only the columns do.
 // Sizes: frfMatrix has frequencies.size() rows (an empty matrix means no
 // channels) and, when a flag is set, frf has frequencies.size() values;
-// otherwise std::invalid_argument is thrown. Orders below 1 have no poles.
-// Memory grows as lines x max order and channels x (max order)^2, so the
-// caller bounds the orders. Degenerate data (no lines, a band of zero width,
+// otherwise std::invalid_argument is thrown. Orders below 1, and orders
+// above 2 x lines (which the lines cannot determine), have no poles and are
+// not fitted. Memory grows as lines x max order and channels x (max order)^2;
+// the result holds four lists per order of the range. Degenerate data (no lines, a band of zero width,
 // non-finite samples, no channels, fewer lines than coefficients) gives
 // orders without poles, never a failure.
 EstimationResult Estimate(const RealVector& frequencies, const ComplexVector& frf,
