@@ -64,46 +64,59 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
     spec_free.Push(s);
   }
   std::atomic<bool> write_failed{false};
+  std::atomic<bool> worker_failed{false};  // an exception (out of memory) on an I/O thread
 
   // Reader: frames that cannot be read render as zero brightness rather than
   // as whatever an earlier block left in the buffer.
-  std::thread reader([&] {
-    for (const Block& b : blocks) {
-      const std::optional<int> slot = raw_free.Pop();
-      if (!slot) break;
-      std::uint16_t* dst = raw[*slot].get();
-      if (!reader_.ReadBlock(b.start, b.n, frames, dst, records.get())) {
-        std::memset(dst, 0, static_cast<std::size_t>(frames) * b.n * sizeof(std::uint16_t));
+  auto read_blocks = [&] {
+    try {
+      for (const Block& b : blocks) {
+        const std::optional<int> slot = raw_free.Pop();
+        if (!slot) break;
+        std::uint16_t* dst = raw[*slot].get();
+        if (!reader_.ReadBlock(b.start, b.n, frames, dst, records.get())) {
+          std::memset(dst, 0, static_cast<std::size_t>(frames) * b.n * sizeof(std::uint16_t));
+        }
+        raw_full.Push(*slot);
       }
-      raw_full.Push(*slot);
+    } catch (...) {
+      worker_failed.store(true);
     }
     raw_full.Close();
-  });
+  };
 
   // Writer: each bin's run of the block goes to its place in that bin's plane.
-  std::thread writer([&] {
-    std::size_t index = 0;
-    while (const std::optional<int> slot = spec_full.Pop()) {
-      const Block& b = blocks[index++];
-      const std::complex<float>* src = spectra[*slot].get();
-      for (std::uint32_t bin = 0; bin < bins && !write_failed.load(); ++bin) {
-        if (!cubes_.WriteInPlane(bin, static_cast<std::uint64_t>(b.start) * kSpectrumValueBytes,
-                                 src + static_cast<std::size_t>(bin) * b.n,
-                                 static_cast<std::size_t>(b.n) * kSpectrumValueBytes)) {
-          write_failed.store(true);
+  auto write_blocks = [&] {
+    try {
+      std::size_t index = 0;
+      while (const std::optional<int> slot = spec_full.Pop()) {
+        const Block& b = blocks[index++];
+        const std::complex<float>* src = spectra[*slot].get();
+        for (std::uint32_t bin = 0; bin < bins && !write_failed.load(); ++bin) {
+          if (!cubes_.WriteInPlane(bin, static_cast<std::uint64_t>(b.start) * kSpectrumValueBytes,
+                                   src + static_cast<std::size_t>(bin) * b.n,
+                                   static_cast<std::size_t>(b.n) * kSpectrumValueBytes)) {
+            write_failed.store(true);
+          }
         }
+        spec_free.Push(*slot);
+        if (write_failed.load()) break;
       }
-      spec_free.Push(*slot);
-      if (write_failed.load()) break;
+    } catch (...) {
+      worker_failed.store(true);
     }
     spec_free.Close();
-  });
+  };
 
   int status = kRenderOk;
+  std::size_t transformed = 0;
   std::uint32_t done = 0;
   int last_percent = -1;
   const std::uint32_t sub_block = std::max<std::uint32_t>(sub_block_pixels_, 1);
+  std::thread reader, writer;
   try {
+    reader = std::thread(read_blocks);
+    writer = std::thread(write_blocks);
     for (std::size_t i = 0; i < blocks.size(); ++i) {
       const std::optional<int> in = raw_full.Pop();
       const std::optional<int> out = in ? spec_free.Pop() : std::nullopt;
@@ -125,25 +138,29 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
       // A block interrupted by a cancel is incomplete and is not written.
       if (cancel_.load(std::memory_order_relaxed) != 0) break;
       spec_full.Push(*out);
+      ++transformed;
     }
-  } catch (const std::bad_alloc&) {
-    status = kRenderNoMemory;
   } catch (...) {
-    status = kRenderNoMemory;
+    status = kRenderNoMemory;  // out of memory, or no thread could be started
   }
 
+  // Every queue is closed before the joins, so no thread waits for a stage
+  // that has stopped.
   raw_free.Close();
+  raw_full.Close();
+  spec_free.Close();
   spec_full.Close();
-  reader.join();
-  writer.join();
+  if (reader.joinable()) reader.join();
+  if (writer.joinable()) writer.join();
 
   kernel_.Release();
   reader_.Close();
   cubes_.Close();
 
   if (write_failed.load()) return kRenderWriteFailed;
-  if (status != kRenderOk) return status;
-  return cancel_.load(std::memory_order_relaxed) != 0 ? kRenderCancelled : kRenderOk;
+  if (status != kRenderOk || worker_failed.load()) return kRenderNoMemory;
+  if (cancel_.load(std::memory_order_relaxed) != 0) return kRenderCancelled;
+  return transformed == blocks.size() ? kRenderOk : kRenderNoMemory;
 }
 
 }  // namespace frfcam::frfmap
