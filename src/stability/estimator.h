@@ -46,9 +46,9 @@ struct EstimationResult {
 // otherwise std::invalid_argument is thrown. Orders below 1, and orders
 // above 2 x lines (which the lines cannot determine), have no poles and are
 // not fitted. Memory grows as lines x max order and channels x (max order)^2;
-// the result holds four lists per order of the range. Degenerate data (no lines, a band of zero width,
-// non-finite samples, no channels, fewer lines than coefficients) gives
-// orders without poles, never a failure.
+// the result holds four lists per order of the range. Degenerate data (no
+// lines, a band of zero width, non-finite samples, no channels, fewer lines
+// than coefficients) gives orders without poles, never a failure.
 EstimationResult Estimate(const RealVector& frequencies, const ComplexVector& frf,
                           const ComplexMatrix& frfMatrix, const std::vector<std::int32_t>& orders,
                           double frequencyTolerance, double dampingTolerance, bool flag1,
