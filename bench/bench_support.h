@@ -39,16 +39,16 @@ inline std::string SynthesiseCapture(const std::string& dir, const std::string& 
   scene.frames = frames;
   scene.fps = 2000.0;
   const frfmap::PlateScene plate(scene);
-  frfmap::CaptureSpec spec;
-  spec.width = w;
-  spec.height = h;
-  spec.frames = frames;
-  spec.fps = scene.fps;
-  spec.pixel_format = 1;
-  spec.frames_per_file = frames_per_file;
+  frfmap::CaptureSpec desc;
+  desc.width = w;
+  desc.height = h;
+  desc.frames = frames;
+  desc.fps = scene.fps;
+  desc.pixel_format = 1;
+  desc.frames_per_file = frames_per_file;
   std::string error;
   if (!frfmap::WriteCapture(
-          header, spec, [&](std::int32_t f, std::uint16_t* s) { plate.Frame(f, s); }, &error)) {
+          header, desc, [&](std::int32_t f, std::uint16_t* s) { plate.Frame(f, s); }, &error)) {
     std::fprintf(stderr, "cannot write the capture: %s\n", error.c_str());
     std::exit(1);
   }

@@ -89,20 +89,20 @@ void RunSynth(const SynthOptions& o) {
   scene_spec.seed = o.seed;
   const frfmap::PlateScene scene(scene_spec);
 
-  frfmap::CaptureSpec spec;
-  spec.width = scene_spec.width;
-  spec.height = scene_spec.height;
-  spec.frames = scene_spec.frames;
-  spec.fps = o.fps;
-  spec.pixel_format = o.bits == 12 ? format::kPixelFormat12BitPacked : format::kPixelFormat8Bit;
-  spec.frames_per_file = static_cast<std::uint32_t>(o.frames_per_file);
-  spec.single_file = o.single_file;
-  spec.ring_slots = static_cast<std::uint32_t>(o.ring_slots);
-  spec.first_slot = static_cast<std::uint32_t>(o.first_slot);
+  frfmap::CaptureSpec desc;
+  desc.width = scene_spec.width;
+  desc.height = scene_spec.height;
+  desc.frames = scene_spec.frames;
+  desc.fps = o.fps;
+  desc.pixel_format = o.bits == 12 ? format::kPixelFormat12BitPacked : format::kPixelFormat8Bit;
+  desc.frames_per_file = static_cast<std::uint32_t>(o.frames_per_file);
+  desc.single_file = o.single_file;
+  desc.ring_slots = static_cast<std::uint32_t>(o.ring_slots);
+  desc.first_slot = static_cast<std::uint32_t>(o.first_slot);
 
   std::string error;
   const bool ok = frfmap::WriteCapture(
-      o.header, spec, [&](std::int32_t f, std::uint16_t* s) { scene.Frame(f, s); }, &error);
+      o.header, desc, [&](std::int32_t f, std::uint16_t* s) { scene.Frame(f, s); }, &error);
   if (!ok) throw CommandError(error);
 
   const std::string reference = ReferencePath(o.header);
@@ -118,7 +118,7 @@ void RunSynth(const SynthOptions& o) {
 
   std::uint64_t data_bytes = 0;
   unsigned files = 0;
-  if (spec.single_file) {
+  if (desc.single_file) {
     platform::FileSize(DataFilePath(o.header, DataFile::kSingle, 0), &data_bytes);
     files = 1;
   } else {
@@ -133,7 +133,7 @@ void RunSynth(const SynthOptions& o) {
               o.width, o.height, o.frames, ShortNumber(o.fps).c_str(),
               o.bits == 12 ? "12-bit packed" : "8-bit");
   const std::string layout =
-      spec.single_file
+      desc.single_file
           ? "single file"
           : std::to_string(files) + (files == 1 ? " division file" : " division files");
   std::printf("data: %s (%s, %s)\n", frfmap::DataFolder(o.header).c_str(), layout.c_str(),

@@ -90,37 +90,37 @@ class OutFile {
   std::string path_;
 };
 
-std::string Validate(const CaptureSpec& spec) {
-  if (spec.width == 0 || spec.height == 0) return "width and height must be at least 1";
-  if (spec.frames < 1) return "frame count must be at least 1";
-  if (!(spec.fps > 0.0) || !std::isfinite(spec.fps)) return "frame rate must be positive";
-  if (spec.pixel_format != format::kPixelFormat12BitPacked &&
-      spec.pixel_format != format::kPixelFormat8Bit) {
+std::string Validate(const CaptureSpec& desc) {
+  if (desc.width == 0 || desc.height == 0) return "width and height must be at least 1";
+  if (desc.frames < 1) return "frame count must be at least 1";
+  if (!(desc.fps > 0.0) || !std::isfinite(desc.fps)) return "frame rate must be positive";
+  if (desc.pixel_format != format::kPixelFormat12BitPacked &&
+      desc.pixel_format != format::kPixelFormat8Bit) {
     return "pixel format must be 12-bit packed (1) or 8-bit (0)";
   }
-  if (spec.frames_per_file < 1) return "frames per division file must be at least 1";
-  const auto frames = static_cast<std::uint64_t>(spec.frames);
-  if (spec.single_file) {
-    const std::uint64_t slots = spec.ring_slots == 0 ? frames : spec.ring_slots;
+  if (desc.frames_per_file < 1) return "frames per division file must be at least 1";
+  const auto frames = static_cast<std::uint64_t>(desc.frames);
+  if (desc.single_file) {
+    const std::uint64_t slots = desc.ring_slots == 0 ? frames : desc.ring_slots;
     if (slots < frames) {
       return "the ring has " + std::to_string(slots) + " slots, fewer than the " +
              std::to_string(frames) + " frames";
     }
     if (slots > UINT32_MAX) return "too many frames for the ring's 32-bit slot count";
-    if (spec.first_slot >= slots) return "the first slot lies outside the ring";
-    const std::uint64_t slot = static_cast<std::uint64_t>(spec.height) *
-                                   format::CapRowBytes(format::kCapPacking5In8, spec.width) +
+    if (desc.first_slot >= slots) return "the first slot lies outside the ring";
+    const std::uint64_t slot = static_cast<std::uint64_t>(desc.height) *
+                                   format::CapRowBytes(format::kCapPacking5In8, desc.width) +
                                format::kCapTrailerSize;
     if (slot > UINT32_MAX) return "a frame slot would exceed the 32-bit slot size";
     return {};
   }
-  const std::uint64_t files = (frames + spec.frames_per_file - 1) / spec.frames_per_file;
+  const std::uint64_t files = (frames + desc.frames_per_file - 1) / desc.frames_per_file;
   if (files > kMaxFileNumber) {
     return std::to_string(files) + " division files needed, at most " +
            std::to_string(kMaxFileNumber) + " can be read (raise the frames per file)";
   }
-  const std::uint64_t records = std::min<std::uint64_t>(frames, spec.frames_per_file);
-  const std::uint64_t bytes = records * (DivisionFrameBytes(spec) + format::kFrameRecordSize);
+  const std::uint64_t records = std::min<std::uint64_t>(frames, desc.frames_per_file);
+  const std::uint64_t bytes = records * (DivisionFrameBytes(desc) + format::kFrameRecordSize);
   if (bytes > kMaxDivisionFileBytes) {
     return "a division file would exceed 2 GiB (lower the frames per file)";
   }
@@ -162,45 +162,45 @@ bool RemoveStaleData(const std::string& folder, const std::string& stem, std::st
   return true;
 }
 
-void FillHeader(const CaptureSpec& spec, std::uint8_t* h) {
-  format::StoreU16(h + format::kWidthOffset, spec.width);
-  format::StoreU16(h + format::kHeightOffset, spec.height);
-  format::StoreU32(h + format::kPixelFormatOffset, spec.pixel_format);
+void FillHeader(const CaptureSpec& desc, std::uint8_t* h) {
+  format::StoreU16(h + format::kWidthOffset, desc.width);
+  format::StoreU16(h + format::kHeightOffset, desc.height);
+  format::StoreU32(h + format::kPixelFormatOffset, desc.pixel_format);
   static_assert(sizeof(double) == 8);
   std::uint64_t bits;
-  std::memcpy(&bits, &spec.fps, sizeof bits);
+  std::memcpy(&bits, &desc.fps, sizeof bits);
   for (int i = 0; i < 8; ++i) {
     h[format::kFloatFieldOffset + i] = static_cast<std::uint8_t>(bits >> (8 * i));
   }
-  format::StoreU32(h + format::kFramesPerDivisionOffset, spec.frames_per_file);
-  format::StoreU32(h + format::kFrameCountOffset, static_cast<std::uint32_t>(spec.frames));
-  h[format::kSingleFileFlagOffset] = spec.single_file ? 1 : 0;
+  format::StoreU32(h + format::kFramesPerDivisionOffset, desc.frames_per_file);
+  format::StoreU32(h + format::kFrameCountOffset, static_cast<std::uint32_t>(desc.frames));
+  h[format::kSingleFileFlagOffset] = desc.single_file ? 1 : 0;
 }
 
 void ClampSamples(std::uint16_t* samples, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) samples[i] = std::min(samples[i], kMaxSample);
 }
 
-bool WriteDivisions(const std::string& header_path, const CaptureSpec& spec,
+bool WriteDivisions(const std::string& header_path, const CaptureSpec& desc,
                     const FrameSource& source, std::string* error) {
-  const std::size_t pixels = static_cast<std::size_t>(spec.width) * spec.height;
-  const auto frame_bytes = static_cast<std::size_t>(DivisionFrameBytes(spec));
-  const bool packed = spec.pixel_format == format::kPixelFormat12BitPacked;
+  const std::size_t pixels = static_cast<std::size_t>(desc.width) * desc.height;
+  const auto frame_bytes = static_cast<std::size_t>(DivisionFrameBytes(desc));
+  const bool packed = desc.pixel_format == format::kPixelFormat12BitPacked;
   std::vector<std::uint16_t> samples(pixels);
   std::vector<std::uint8_t> record(format::kFrameRecordSize + frame_bytes);
   std::uint8_t* pixel_bytes = record.data() + format::kFrameRecordSize;
 
   OutFile out;
-  for (std::int32_t f = 0; f < spec.frames; ++f) {
+  for (std::int32_t f = 0; f < desc.frames; ++f) {
     const auto k = static_cast<std::uint32_t>(f);
-    if (k % spec.frames_per_file == 0) {
+    if (k % desc.frames_per_file == 0) {
       if (f > 0 && !out.Finish(error)) return false;
-      const unsigned number = k / spec.frames_per_file + 1;
+      const unsigned number = k / desc.frames_per_file + 1;
       if (!out.Open(DataFilePath(header_path, DataFile::kDivision, number), error)) return false;
     }
     source(f, samples.data());
     ClampSamples(samples.data(), pixels);
-    const FrameStamp stamp = StampOf(f, spec.fps);
+    const FrameStamp stamp = StampOf(f, desc.fps);
     format::StoreU32(&record[0], stamp.index);
     format::StoreU32(&record[4], stamp.time_us);
     format::StoreU32(&record[8], stamp.counter);
@@ -217,26 +217,26 @@ bool WriteDivisions(const std::string& header_path, const CaptureSpec& spec,
   return out.Finish(error);
 }
 
-bool WriteSingleFile(const std::string& header_path, const CaptureSpec& spec,
+bool WriteSingleFile(const std::string& header_path, const CaptureSpec& desc,
                      const FrameSource& source, std::string* error) {
-  const std::uint32_t width = spec.width;
-  const std::uint32_t rows = spec.height;
+  const std::uint32_t width = desc.width;
+  const std::uint32_t rows = desc.height;
   const std::uint32_t row_bytes = format::CapRowBytes(format::kCapPacking5In8, width);
   const std::uint32_t pixel_bytes = rows * row_bytes;
   const std::uint32_t slot_size = pixel_bytes + static_cast<std::uint32_t>(format::kCapTrailerSize);
-  const auto frames = static_cast<std::uint32_t>(spec.frames);
-  const std::uint32_t slots = spec.ring_slots == 0 ? frames : spec.ring_slots;
+  const auto frames = static_cast<std::uint32_t>(desc.frames);
+  const std::uint32_t slots = desc.ring_slots == 0 ? frames : desc.ring_slots;
   // Slot 0 follows the file header directly; nothing is subtracted after the
   // wrap, so frame f sits in slot (first + f) mod slots.
   const std::uint32_t slot0 = static_cast<std::uint32_t>(format::kCapHeaderSize);
 
   std::array<std::uint8_t, format::kCapHeaderSize> head{};
   head[format::kCapPackingOffset] = format::kCapPacking5In8;
-  format::StoreU16(&head[format::kCapRowWidthOffset], spec.width);
-  format::StoreU16(&head[format::kCapRowCountOffset], spec.height);
+  format::StoreU16(&head[format::kCapRowWidthOffset], desc.width);
+  format::StoreU16(&head[format::kCapRowCountOffset], desc.height);
   format::StoreU32(&head[format::kCapSlotCountOffset], slots);
   format::StoreU32(&head[format::kCapSlotSizeOffset], slot_size);
-  format::StoreU32(&head[format::kCapFirstSlotOffset], spec.first_slot);
+  format::StoreU32(&head[format::kCapFirstSlotOffset], desc.first_slot);
   format::StoreU32(&head[format::kCapSlot0Offset], slot0);
   format::StoreU32(&head[format::kCapSubtractSlotOffset], 0);
 
@@ -246,7 +246,7 @@ bool WriteSingleFile(const std::string& header_path, const CaptureSpec& spec,
 
   const std::size_t pixels = static_cast<std::size_t>(width) * rows;
   // An 8-bit capture keeps the precision it would have in division files.
-  const std::uint16_t keep = spec.pixel_format == format::kPixelFormat8Bit ? 0xFF0 : 0xFFF;
+  const std::uint16_t keep = desc.pixel_format == format::kPixelFormat8Bit ? 0xFF0 : 0xFFF;
   std::vector<std::uint16_t> samples(pixels);
   std::vector<std::uint8_t> slot(slot_size);
   std::uint8_t* trailer = slot.data() + pixel_bytes;
@@ -262,12 +262,12 @@ bool WriteSingleFile(const std::string& header_path, const CaptureSpec& spec,
       PackCapRow(&samples[static_cast<std::size_t>(r) * width], width,
                  slot.data() + static_cast<std::size_t>(r) * row_bytes);
     }
-    const FrameStamp stamp = StampOf(static_cast<std::int32_t>(f), spec.fps);
+    const FrameStamp stamp = StampOf(static_cast<std::int32_t>(f), desc.fps);
     StoreBE32(trailer + 4 * format::kCapTrailerIndexWord, stamp.index);
     StoreBE32(trailer + 4 * format::kCapTrailerTimeWord, stamp.time_us);
     StoreBE32(trailer + 4 * format::kCapTrailerCounterWord, stamp.counter);
     const std::uint32_t s =
-        static_cast<std::uint32_t>((static_cast<std::uint64_t>(spec.first_slot) + f) % slots);
+        static_cast<std::uint32_t>((static_cast<std::uint64_t>(desc.first_slot) + f) % slots);
     if (!out.Seek(slot_offset(s), error) || !out.Write(slot.data(), slot.size(), error)) {
       return false;
     }
@@ -276,7 +276,7 @@ bool WriteSingleFile(const std::string& header_path, const CaptureSpec& spec,
   std::fill(slot.begin(), slot.end(), std::uint8_t{0});
   for (std::uint32_t i = frames; i < slots; ++i) {
     const std::uint32_t s =
-        static_cast<std::uint32_t>((static_cast<std::uint64_t>(spec.first_slot) + i) % slots);
+        static_cast<std::uint32_t>((static_cast<std::uint64_t>(desc.first_slot) + i) % slots);
     if (!out.Seek(slot_offset(s), error) || !out.Write(slot.data(), slot.size(), error)) {
       return false;
     }
@@ -286,9 +286,9 @@ bool WriteSingleFile(const std::string& header_path, const CaptureSpec& spec,
 
 }  // namespace
 
-std::uint64_t DivisionFrameBytes(const CaptureSpec& spec) {
-  const std::uint64_t pixels = static_cast<std::uint64_t>(spec.width) * spec.height;
-  return spec.pixel_format == format::kPixelFormat12BitPacked ? pixels * 3 / 2 : pixels;
+std::uint64_t DivisionFrameBytes(const CaptureSpec& desc) {
+  const std::uint64_t pixels = static_cast<std::uint64_t>(desc.width) * desc.height;
+  return desc.pixel_format == format::kPixelFormat12BitPacked ? pixels * 3 / 2 : pixels;
 }
 
 void Pack12(const std::uint16_t* samples, std::size_t count, std::uint8_t* out) {
@@ -316,9 +316,9 @@ void PackCapRow(const std::uint16_t* samples, std::uint32_t width, std::uint8_t*
   }
 }
 
-bool WriteCapture(const std::string& header_path, const CaptureSpec& spec,
+bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
                   const FrameSource& source, std::string* error) {
-  if (const std::string problem = Validate(spec); !problem.empty()) return Fail(error, problem);
+  if (const std::string problem = Validate(desc); !problem.empty()) return Fail(error, problem);
   if (!source) return Fail(error, "no frame source");
   const std::string folder = DataFolder(header_path);
   if (folder == header_path) {
@@ -332,12 +332,12 @@ bool WriteCapture(const std::string& header_path, const CaptureSpec& spec,
   // The header goes last and an old one goes first: an interrupted write
   // leaves no header that promises data which is not there.
   fs::remove(fs::path(header_path), ec);
-  const bool ok = spec.single_file ? WriteSingleFile(header_path, spec, source, error)
-                                   : WriteDivisions(header_path, spec, source, error);
+  const bool ok = desc.single_file ? WriteSingleFile(header_path, desc, source, error)
+                                   : WriteDivisions(header_path, desc, source, error);
   if (!ok) return false;
 
   std::array<std::uint8_t, format::kHeaderSize> header{};
-  FillHeader(spec, header.data());
+  FillHeader(desc, header.data());
   OutFile out;
   return out.Open(header_path, error) && out.Write(header.data(), header.size(), error) &&
          out.Finish(error);

@@ -45,12 +45,12 @@ using FrameSource = std::function<void(std::int32_t f, std::uint16_t* samples)>;
 // division files of below 2 GiB each; for ".cap", a ring of at least
 // `frames` slots with the first slot inside it. An 8-bit capture written as
 // a single file keeps its samples in steps of 16.
-bool WriteCapture(const std::string& header_path, const CaptureSpec& spec,
+bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
                   const FrameSource& source, std::string* error);
 
 // Bytes of one frame's pixel data in a division file (S): W * H for 8-bit,
 // W * H * 3 / 2 (whole part) for 12-bit packed.
-std::uint64_t DivisionFrameBytes(const CaptureSpec& spec);
+std::uint64_t DivisionFrameBytes(const CaptureSpec& desc);
 
 // Packs `count` samples into the 12-bit packed form: two samples a, b in
 // three bytes a >> 4, (a & 15) << 4 | (b & 15), b >> 4. Writes exactly

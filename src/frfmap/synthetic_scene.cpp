@@ -133,23 +133,23 @@ std::vector<PlateMode> DefaultPlateModes(double fps) {
           {0.27 * fps, 0.01, 2, 2, 0.05}};
 }
 
-PlateScene::PlateScene(SceneSpec spec) : spec_(std::move(spec)) {
-  Check(spec_.width > 0 && spec_.height > 0, "the scene needs a non-empty image");
-  Check(spec_.frames >= 1, "the scene needs at least one frame");
-  Check(spec_.fps > 0.0 && std::isfinite(spec_.fps), "the frame rate must be positive");
-  Check(spec_.noise >= 0.0 && std::isfinite(spec_.noise), "the noise level must not be negative");
-  if (spec_.modes.empty()) spec_.modes = DefaultPlateModes(spec_.fps);
-  for (const PlateMode& m : spec_.modes) {
-    Check(m.frequency_hz > 0.0 && m.frequency_hz < spec_.fps / 2,
+PlateScene::PlateScene(SceneSpec desc) : desc_(std::move(desc)) {
+  Check(desc_.width > 0 && desc_.height > 0, "the scene needs a non-empty image");
+  Check(desc_.frames >= 1, "the scene needs at least one frame");
+  Check(desc_.fps > 0.0 && std::isfinite(desc_.fps), "the frame rate must be positive");
+  Check(desc_.noise >= 0.0 && std::isfinite(desc_.noise), "the noise level must not be negative");
+  if (desc_.modes.empty()) desc_.modes = DefaultPlateModes(desc_.fps);
+  for (const PlateMode& m : desc_.modes) {
+    Check(m.frequency_hz > 0.0 && m.frequency_hz < desc_.fps / 2,
           "mode frequency " + std::to_string(m.frequency_hz) + " Hz is outside (0, fps/2)");
     Check(m.damping > 0.0 && m.damping < 1.0, "a mode's damping must lie in (0, 1)");
     Check(m.m >= 1 && m.n >= 1, "a mode needs at least one half-wave each way");
   }
 
-  const int w = spec_.width;
-  const int h = spec_.height;
-  const auto frames = static_cast<std::size_t>(spec_.frames);
-  const std::size_t modes = spec_.modes.size();
+  const int w = desc_.width;
+  const int h = desc_.height;
+  const auto frames = static_cast<std::size_t>(desc_.frames);
+  const std::size_t modes = desc_.modes.size();
   const std::size_t pixels = static_cast<std::size_t>(w) * h;
 
   // The plate fills most of the view, leaving a dark margin around it.
@@ -161,7 +161,7 @@ PlateScene::PlateScene(SceneSpec spec) : spec_(std::move(spec)) {
   // Excitation: equal magnitude on lines 1 .. (F-1)/2, random phases. One
   // period per capture makes the response periodic, so its spectrum is the
   // transfer function times the force's spectrum with no leakage.
-  std::mt19937_64 rng(spec_.seed);
+  std::mt19937_64 rng(desc_.seed);
   const std::size_t lines = (frames - 1) / 2;
   std::vector<std::complex<double>> force(frames);
   for (std::size_t j = 1; j <= lines; ++j) {
@@ -196,12 +196,12 @@ PlateScene::PlateScene(SceneSpec spec) : spec_(std::move(spec)) {
   for (std::size_t k = 0; k < modes; ++k) {
     gain_[k] = 1.0;
     for (std::size_t j = 1; j <= lines; ++j) {
-      const double hz = static_cast<double>(j) * spec_.fps / static_cast<double>(frames);
+      const double hz = static_cast<double>(j) * desc_.fps / static_cast<double>(frames);
       response[j] = ModalFrf(k, hz) * force[j];
       response[frames - j] = std::conj(response[j]);
     }
     const double rms = to_time(response);
-    const double scale = rms > 0.0 ? spec_.modes[k].amplitude / rms : 0.0;
+    const double scale = rms > 0.0 ? desc_.modes[k].amplitude / rms : 0.0;
     gain_[k] = scale;
     for (std::size_t t = 0; t < frames; ++t) {
       modal_[t * modes + k] = static_cast<float>(wave[t].real() * scale);
@@ -211,7 +211,7 @@ PlateScene::PlateScene(SceneSpec spec) : spec_(std::move(spec)) {
   // Texture: a speckled plate under slightly uneven light on a dim
   // background. Speckle makes the brightness follow the motion the way a
   // real surface does, pixel by pixel rather than uniformly.
-  const std::uint64_t key = Mix(spec_.seed ^ 0x7E57u);
+  const std::uint64_t key = Mix(desc_.seed ^ 0x7E57u);
   const double coarse = std::max(3.0, std::min(w, h) / 24.0);
   texture_.resize(pixels);
   shaded_shape_.assign(modes * pixels, 0.0f);
@@ -243,31 +243,31 @@ PlateScene::PlateScene(SceneSpec spec) : spec_(std::move(spec)) {
   noise_table_.resize(kNoiseLevels);
   for (std::size_t i = 0; i < kNoiseLevels; ++i) {
     const double p = (static_cast<double>(i) + 0.5) / static_cast<double>(kNoiseLevels);
-    noise_table_[i] = static_cast<float>(spec_.noise * NormalQuantile(p));
+    noise_table_[i] = static_cast<float>(desc_.noise * NormalQuantile(p));
   }
 }
 
 double PlateScene::Shape(std::size_t k, int x, int y) const {
   if (x < plate_.x0 || x >= plate_.x1 || y < plate_.y0 || y >= plate_.y1) return 0.0;
-  const PlateMode& m = spec_.modes[k];
+  const PlateMode& m = desc_.modes[k];
   const double u = (x - plate_.x0 + 0.5) / (plate_.x1 - plate_.x0);
   const double v = (y - plate_.y0 + 0.5) / (plate_.y1 - plate_.y0);
   return std::sin(m.m * kPi * u) * std::sin(m.n * kPi * v);
 }
 
 std::complex<double> PlateScene::ModalFrf(std::size_t k, double hz) const {
-  const PlateMode& m = spec_.modes[k];
+  const PlateMode& m = desc_.modes[k];
   const double wk = 2.0 * kPi * m.frequency_hz;
   const double w = 2.0 * kPi * hz;
   return gain_[k] * wk * wk / std::complex<double>(wk * wk - w * w, 2.0 * m.damping * wk * w);
 }
 
 void PlateScene::Frame(std::int32_t f, std::uint16_t* samples) const {
-  if (f < 0 || f >= spec_.frames) throw std::out_of_range("frame outside the scene");
+  if (f < 0 || f >= desc_.frames) throw std::out_of_range("frame outside the scene");
   const std::size_t pixels = texture_.size();
-  const std::size_t modes = spec_.modes.size();
+  const std::size_t modes = desc_.modes.size();
   const float* q = &modal_[static_cast<std::size_t>(f) * modes];
-  const std::uint64_t frame_key = Mix(spec_.seed ^ Mix(static_cast<std::uint64_t>(f) + 1));
+  const std::uint64_t frame_key = Mix(desc_.seed ^ Mix(static_cast<std::uint64_t>(f) + 1));
 
   // Work in chunks so the sums stay in cache and the inner loops vectorise.
   constexpr std::size_t kChunk = 4000;  // a multiple of 5: whole noise hashes

@@ -2,7 +2,7 @@
 // dark background, excited by a known broadband force and vibrating in a few
 // modes of a simply supported plate. Each pixel's brightness follows the
 // local out-of-plane displacement, so the spectra of the pixels show the mode
-// shapes at the modal frequencies. Everything is deterministic in the seed.
+// shapes at the modal frequencies. Everything is deterministic for a given seed.
 //
 // Model, for frame t and a pixel p on the plate:
 //   sample = T(p) * (1 + sum_k q_k[t] * phi_k(p)) + noise,  clamped to 0..4095
@@ -57,7 +57,7 @@ class PlateScene {
   // Throws std::invalid_argument for an empty image, no frames, a frame rate
   // that is not positive, or a mode outside (0, fps / 2), with a damping
   // outside (0, 1), or with m or n below 1.
-  explicit PlateScene(SceneSpec spec);
+  explicit PlateScene(SceneSpec desc);
 
   // Fills frame f (0 <= f < frames) with width * height samples, raster
   // order; throws std::out_of_range for any other f. Thread-safe; the same f
@@ -66,26 +66,26 @@ class PlateScene {
 
   // The force, one value per frame; the reference signal for FRF maps.
   const std::vector<float>& excitation() const { return excitation_; }
-  // The spec with the modes filled in.
-  const SceneSpec& spec() const { return spec_; }
-  const std::vector<PlateMode>& modes() const { return spec_.modes; }
+  // The desc with the modes filled in.
+  const SceneSpec& desc() const { return desc_; }
+  const std::vector<PlateMode>& modes() const { return desc_.modes; }
   PlateRect plate() const { return plate_; }
 
   // Modal coordinate of mode k at frame f.
   double Modal(std::size_t k, std::int32_t f) const {
-    return modal_[static_cast<std::size_t>(f) * spec_.modes.size() + k];
+    return modal_[static_cast<std::size_t>(f) * desc_.modes.size() + k];
   }
   // Shape of mode k at pixel (x, y); 0 off the plate.
   double Shape(std::size_t k, int x, int y) const;
   // Noise-free brightness of pixel (x, y) at rest.
   double Texture(int x, int y) const {
-    return texture_[static_cast<std::size_t>(y) * spec_.width + x];
+    return texture_[static_cast<std::size_t>(y) * desc_.width + x];
   }
   // Transfer from the excitation to mode k's coordinate at `hz`.
   std::complex<double> ModalFrf(std::size_t k, double hz) const;
 
  private:
-  SceneSpec spec_;
+  SceneSpec desc_;
   PlateRect plate_;
   std::vector<float> excitation_;
   std::vector<double> gain_;         // c_k per mode

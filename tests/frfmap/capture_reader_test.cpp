@@ -17,7 +17,8 @@ namespace {
 using test::ScratchDir;
 
 std::uint16_t Sample(std::int32_t f, std::size_t p) {
-  std::uint32_t h = static_cast<std::uint32_t>(f) * 2654435761u ^ static_cast<std::uint32_t>(p) * 40503u;
+  std::uint32_t h =
+      static_cast<std::uint32_t>(f) * 2654435761u ^ static_cast<std::uint32_t>(p) * 40503u;
   h ^= h >> 13;
   h *= 0x5bd1e995u;
   return static_cast<std::uint16_t>((h >> 7) & 0xFFF);
@@ -26,20 +27,20 @@ std::uint16_t Sample(std::int32_t f, std::size_t p) {
 // What a capture holds for a written sample: 8-bit data keeps the top eight
 // bits; the last sample of a 12-bit frame with an odd pixel count keeps its
 // high byte only.
-std::uint16_t Stored(const CaptureSpec& spec, std::int32_t f, std::size_t p) {
-  const std::size_t pixels = static_cast<std::size_t>(spec.width) * spec.height;
+std::uint16_t Stored(const CaptureSpec& desc, std::int32_t f, std::size_t p) {
+  const std::size_t pixels = static_cast<std::size_t>(desc.width) * desc.height;
   const std::uint16_t s = Sample(f, p);
-  if (spec.pixel_format != format::kPixelFormat12BitPacked) return s & 0xFF0;
-  if (!spec.single_file && pixels % 2 == 1 && p == pixels - 1) return s & 0xFF0;
+  if (desc.pixel_format != format::kPixelFormat12BitPacked) return s & 0xFF0;
+  if (!desc.single_file && pixels % 2 == 1 && p == pixels - 1) return s & 0xFF0;
   return s;
 }
 
-std::string Write(const ScratchDir& dir, const CaptureSpec& spec) {
+std::string Write(const ScratchDir& dir, const CaptureSpec& desc) {
   const std::string header = dir.file("cap.hdr");
-  const std::size_t pixels = static_cast<std::size_t>(spec.width) * spec.height;
+  const std::size_t pixels = static_cast<std::size_t>(desc.width) * desc.height;
   std::string error;
   const bool ok = WriteCapture(
-      header, spec,
+      header, desc,
       [&](std::int32_t f, std::uint16_t* s) {
         for (std::size_t p = 0; p < pixels; ++p) s[p] = Sample(f, p);
       },
@@ -48,21 +49,21 @@ std::string Write(const ScratchDir& dir, const CaptureSpec& spec) {
   return header;
 }
 
-void ExpectRun(CaptureReader& reader, const CaptureSpec& spec, std::uint64_t first,
+void ExpectRun(CaptureReader& reader, const CaptureSpec& desc, std::uint64_t first,
                std::uint32_t n) {
-  std::vector<std::uint16_t> out(static_cast<std::size_t>(spec.frames) * n, 0xFFFF);
-  ASSERT_TRUE(reader.ReadBlock(first, n, spec.frames, out.data(), nullptr))
+  std::vector<std::uint16_t> out(static_cast<std::size_t>(desc.frames) * n, 0xFFFF);
+  ASSERT_TRUE(reader.ReadBlock(first, n, desc.frames, out.data(), nullptr))
       << "run " << first << "+" << n;
-  for (std::int32_t f = 0; f < spec.frames; ++f) {
+  for (std::int32_t f = 0; f < desc.frames; ++f) {
     for (std::uint32_t i = 0; i < n; ++i) {
-      ASSERT_EQ(out[static_cast<std::size_t>(f) * n + i], Stored(spec, f, first + i))
+      ASSERT_EQ(out[static_cast<std::size_t>(f) * n + i], Stored(desc, f, first + i))
           << "frame " << f << " pixel " << first + i;
     }
   }
 }
 
-CaptureSpec Spec(std::uint16_t w, std::uint16_t h, std::int32_t frames, std::uint32_t format,
-                 std::uint32_t per_file) {
+CaptureSpec MakeCapture(std::uint16_t w, std::uint16_t h, std::int32_t frames, std::uint32_t format,
+                        std::uint32_t per_file) {
   CaptureSpec s;
   s.width = w;
   s.height = h;
@@ -78,23 +79,23 @@ TEST(CaptureReader, ReadsBackEveryFormatAndRun) {
     for (const auto& [w, h] : {std::pair<int, int>{7, 5}, {8, 3}, {1, 1}, {13, 2}}) {
       ScratchDir dir;
       // Frames per file 4 of 10: frames 3 and 4 straddle the first boundary.
-      const CaptureSpec spec = Spec(static_cast<std::uint16_t>(w), static_cast<std::uint16_t>(h),
-                                    10, fmt, 4);
-      const std::string header = Write(dir, spec);
+      const CaptureSpec desc =
+          MakeCapture(static_cast<std::uint16_t>(w), static_cast<std::uint16_t>(h), 10, fmt, 4);
+      const std::string header = Write(dir, desc);
       CaptureReader reader;
       ASSERT_TRUE(reader.Open(header));
       EXPECT_EQ(reader.header().width(), w);
       EXPECT_EQ(reader.header().frame_count(), 10);
       const std::uint32_t pixels = static_cast<std::uint32_t>(w * h);
-      ExpectRun(reader, spec, 0, pixels);
+      ExpectRun(reader, desc, 0, pixels);
       for (std::uint64_t first : {1u, 2u, 3u, 5u}) {
         if (first >= pixels) continue;
-        ExpectRun(reader, spec, first, pixels - static_cast<std::uint32_t>(first));
-        ExpectRun(reader, spec, first, 1);
+        ExpectRun(reader, desc, first, pixels - static_cast<std::uint32_t>(first));
+        ExpectRun(reader, desc, first, 1);
       }
       // Whole rows, the way a render asks.
       for (std::uint32_t row = 0; row < static_cast<std::uint32_t>(h); ++row) {
-        ExpectRun(reader, spec, static_cast<std::uint64_t>(row) * w, static_cast<std::uint32_t>(w));
+        ExpectRun(reader, desc, static_cast<std::uint64_t>(row) * w, static_cast<std::uint32_t>(w));
       }
     }
   }
@@ -102,9 +103,9 @@ TEST(CaptureReader, ReadsBackEveryFormatAndRun) {
 
 TEST(CaptureReader, FrameRecordsComeWithRunsFromPixelZeroOnly) {
   ScratchDir dir;
-  const CaptureSpec spec = Spec(6, 4, 9, format::kPixelFormat12BitPacked, 4);
+  const CaptureSpec desc = MakeCapture(6, 4, 9, format::kPixelFormat12BitPacked, 4);
   CaptureReader reader;
-  ASSERT_TRUE(reader.Open(Write(dir, spec)));
+  ASSERT_TRUE(reader.Open(Write(dir, desc)));
   std::vector<std::uint16_t> samples(9 * 24);
   std::vector<std::uint8_t> records(9 * 16, 0xEE);
   ASSERT_TRUE(reader.ReadBlock(0, 24, 9, samples.data(), records.data()));
@@ -120,16 +121,16 @@ TEST(CaptureReader, FrameRecordsComeWithRunsFromPixelZeroOnly) {
 TEST(CaptureReader, SingleFileRingThatWraps) {
   for (const std::uint32_t fmt : {format::kPixelFormat12BitPacked, format::kPixelFormat8Bit}) {
     ScratchDir dir;
-    CaptureSpec spec = Spec(11, 3, 7, fmt, 500);
-    spec.single_file = true;
-    spec.ring_slots = 9;
-    spec.first_slot = 5;  // frames 4.. live in slots 0..
+    CaptureSpec desc = MakeCapture(11, 3, 7, fmt, 500);
+    desc.single_file = true;
+    desc.ring_slots = 9;
+    desc.first_slot = 5;  // frames 4.. live in slots 0..
     CaptureReader reader;
-    ASSERT_TRUE(reader.Open(Write(dir, spec)));
+    ASSERT_TRUE(reader.Open(Write(dir, desc)));
     ASSERT_TRUE(reader.header().single_file());
-    ExpectRun(reader, spec, 0, 33);
-    ExpectRun(reader, spec, 4, 20);
-    ExpectRun(reader, spec, 22, 11);
+    ExpectRun(reader, desc, 0, 33);
+    ExpectRun(reader, desc, 4, 20);
+    ExpectRun(reader, desc, 22, 11);
     std::vector<std::uint16_t> samples(7 * 33);
     std::vector<std::uint8_t> records(7 * 16);
     ASSERT_TRUE(reader.ReadBlock(0, 33, 7, samples.data(), records.data()));
@@ -139,8 +140,8 @@ TEST(CaptureReader, SingleFileRingThatWraps) {
 
 TEST(CaptureReader, DamagedDataGivesAFailedRead) {
   ScratchDir dir;
-  const CaptureSpec spec = Spec(8, 4, 10, format::kPixelFormat12BitPacked, 4);
-  const std::string header = Write(dir, spec);
+  const CaptureSpec desc = MakeCapture(8, 4, 10, format::kPixelFormat12BitPacked, 4);
+  const std::string header = Write(dir, desc);
   std::vector<std::uint16_t> samples(10 * 32);
   CaptureReader reader;
   ASSERT_TRUE(reader.Open(header));
@@ -164,9 +165,9 @@ TEST(CaptureReader, DamagedDataGivesAFailedRead) {
 
 TEST(CaptureReader, TruncatedSingleFileGivesAFailedRead) {
   ScratchDir dir;
-  CaptureSpec spec = Spec(10, 2, 6, format::kPixelFormat12BitPacked, 500);
-  spec.single_file = true;
-  const std::string header = Write(dir, spec);
+  CaptureSpec desc = MakeCapture(10, 2, 6, format::kPixelFormat12BitPacked, 500);
+  desc.single_file = true;
+  const std::string header = Write(dir, desc);
   const std::string cap = DataFilePath(header, DataFile::kSingle, 0);
   std::filesystem::resize_file(cap, std::filesystem::file_size(cap) - 1);
   CaptureReader reader;

@@ -46,8 +46,8 @@ FrameSource PatternSource(std::size_t pixels) {
   };
 }
 
-CaptureSpec Spec(std::uint16_t w, std::uint16_t h, std::int32_t frames, std::uint32_t format,
-                 std::uint32_t fpd) {
+CaptureSpec MakeCapture(std::uint16_t w, std::uint16_t h, std::int32_t frames, std::uint32_t format,
+                        std::uint32_t fpd) {
   CaptureSpec s;
   s.width = w;
   s.height = h;
@@ -64,7 +64,8 @@ TEST(CaptureWriter, HeaderHoldsTheFieldsAtTheirOffsetsAndNothingElse) {
   test::ScratchDir dir;
   const std::string hdr = dir.file("plate.hdr");
   std::string error;
-  ASSERT_TRUE(WriteCapture(hdr, Spec(300, 200, 7, 1, 3), PatternSource(60000), &error)) << error;
+  ASSERT_TRUE(WriteCapture(hdr, MakeCapture(300, 200, 7, 1, 3), PatternSource(60000), &error))
+      << error;
   Bytes h = ReadAll(hdr);
   ASSERT_EQ(h.size(), 2998u);
   EXPECT_EQ(h[176] | (h[177] << 8), 300);
@@ -83,7 +84,7 @@ TEST(CaptureWriter, HeaderHoldsTheFieldsAtTheirOffsetsAndNothingElse) {
   std::fill(&h[184], &h[192], 0);
   EXPECT_EQ(std::count(h.begin(), h.end(), 0), 2998);
 
-  CaptureSpec single = Spec(4, 2, 3, 1, 3);
+  CaptureSpec single = MakeCapture(4, 2, 3, 1, 3);
   single.single_file = true;
   ASSERT_TRUE(WriteCapture(hdr, single, PatternSource(8), &error)) << error;
   EXPECT_EQ(ReadAll(hdr)[2006], 1);
@@ -94,7 +95,7 @@ TEST(CaptureWriter, DivisionFilesSplitFramesWhenTheCountIsNotAMultiple) {
   const std::string hdr = dir.file("cap.hdr");
   std::string error;
   // 12-bit: S = 5 * 3 * 3 / 2 = 22 (odd pixel count: whole part).
-  ASSERT_TRUE(WriteCapture(hdr, Spec(5, 3, 7, 1, 3), PatternSource(15), &error)) << error;
+  ASSERT_TRUE(WriteCapture(hdr, MakeCapture(5, 3, 7, 1, 3), PatternSource(15), &error)) << error;
   const fs::path folder = dir.path() / "cap";
   EXPECT_EQ(fs::file_size(folder / "cap_0001.div"), 3u * (22 + 16));
   EXPECT_EQ(fs::file_size(folder / "cap_0002.div"), 3u * (22 + 16));
@@ -102,7 +103,7 @@ TEST(CaptureWriter, DivisionFilesSplitFramesWhenTheCountIsNotAMultiple) {
   EXPECT_FALSE(fs::exists(folder / "cap_0004.div"));
 
   // 8-bit: S = 15; one file when FPD exceeds the frame count.
-  ASSERT_TRUE(WriteCapture(hdr, Spec(5, 3, 7, 0, 500), PatternSource(15), &error)) << error;
+  ASSERT_TRUE(WriteCapture(hdr, MakeCapture(5, 3, 7, 0, 500), PatternSource(15), &error)) << error;
   EXPECT_EQ(fs::file_size(folder / "cap_0001.div"), 7u * (15 + 16));
   EXPECT_FALSE(fs::exists(folder / "cap_0002.div"));
 }
@@ -111,7 +112,7 @@ TEST(CaptureWriter, RecordsAndEightBitPixelsSitWhereTheFrameIndexPutsThem) {
   test::ScratchDir dir;
   const std::string hdr = dir.file("cap.hdr");
   std::string error;
-  ASSERT_TRUE(WriteCapture(hdr, Spec(5, 3, 7, 0, 3), PatternSource(15), &error)) << error;
+  ASSERT_TRUE(WriteCapture(hdr, MakeCapture(5, 3, 7, 0, 3), PatternSource(15), &error)) << error;
   for (std::int32_t f = 0; f < 7; ++f) {
     const Bytes d = ReadAll(dir.path() / "cap" /
                             (f < 3   ? "cap_0001.div"
@@ -162,8 +163,8 @@ TEST(CaptureWriter, TwelveBitFramesOfAnOddPixelCountKeepTheLastHighByte) {
   const std::uint16_t frame[] = {0xABC, 0x123, 0x9F7};
   std::string error;
   ASSERT_TRUE(WriteCapture(
-      hdr, Spec(3, 1, 1, 1, 10), [&](std::int32_t, std::uint16_t* s) { std::copy_n(frame, 3, s); },
-      &error))
+      hdr, MakeCapture(3, 1, 1, 1, 10),
+      [&](std::int32_t, std::uint16_t* s) { std::copy_n(frame, 3, s); }, &error))
       << error;
   const Bytes d = ReadAll(dir.path() / "odd" / "odd_0001.div");
   ASSERT_EQ(d.size(), 16u + 4u);
@@ -178,7 +179,7 @@ TEST(CaptureWriter, SamplesAboveTheScaleAreClampedNotWrapped) {
   const std::string hdr = dir.file("hot.hdr");
   std::string error;
   ASSERT_TRUE(WriteCapture(
-      hdr, Spec(2, 1, 1, 1, 1), [](std::int32_t, std::uint16_t* s) { s[0] = s[1] = 5000; },
+      hdr, MakeCapture(2, 1, 1, 1, 1), [](std::int32_t, std::uint16_t* s) { s[0] = s[1] = 5000; },
       &error));
   const Bytes d = ReadAll(dir.path() / "hot" / "hot_0001.div");
   std::uint16_t a, b;
@@ -209,12 +210,12 @@ std::uint16_t CapSample(const std::uint8_t* row, std::size_t i) {
 TEST(CaptureWriter, CapFramesWrapAroundTheRingFromTheFirstSlot) {
   test::ScratchDir dir;
   const std::string hdr = dir.file("ring.hdr");
-  CaptureSpec spec = Spec(7, 3, 4, 1, 500);
-  spec.single_file = true;
-  spec.ring_slots = 5;
-  spec.first_slot = 3;
+  CaptureSpec desc = MakeCapture(7, 3, 4, 1, 500);
+  desc.single_file = true;
+  desc.ring_slots = 5;
+  desc.first_slot = 3;
   std::string error;
-  ASSERT_TRUE(WriteCapture(hdr, spec, PatternSource(21), &error)) << error;
+  ASSERT_TRUE(WriteCapture(hdr, desc, PatternSource(21), &error)) << error;
   EXPECT_FALSE(fs::exists(dir.path() / "ring" / "ring_0001.div"));
   const Bytes c = ReadAll(dir.path() / "ring" / "ring.cap");
 
@@ -252,10 +253,10 @@ TEST(CaptureWriter, CapFramesWrapAroundTheRingFromTheFirstSlot) {
 TEST(CaptureWriter, EightBitCapturesInASingleFileKeepEightBitPrecision) {
   test::ScratchDir dir;
   const std::string hdr = dir.file("eight.hdr");
-  CaptureSpec spec = Spec(6, 2, 2, 0, 500);
-  spec.single_file = true;
+  CaptureSpec desc = MakeCapture(6, 2, 2, 0, 500);
+  desc.single_file = true;
   std::string error;
-  ASSERT_TRUE(WriteCapture(hdr, spec, PatternSource(12), &error)) << error;
+  ASSERT_TRUE(WriteCapture(hdr, desc, PatternSource(12), &error)) << error;
   const Bytes c = ReadAll(dir.path() / "eight" / "eight.cap");
   const std::uint32_t slot0 = LE32(c, 248);
   const std::uint32_t slot_size = LE32(c, 228);
@@ -272,13 +273,13 @@ TEST(CaptureWriter, EightBitCapturesInASingleFileKeepEightBitPrecision) {
 TEST(CaptureWriter, RefusesCapturesThatCannotBeReadBackAndWritesNothing) {
   test::ScratchDir dir;
   const std::string hdr = dir.file("bad.hdr");
-  auto refused = [&](CaptureSpec spec, const std::string& path) {
+  auto refused = [&](CaptureSpec desc, const std::string& path) {
     std::string error;
     const bool ok = WriteCapture(
-        path, spec, [](std::int32_t, std::uint16_t*) {}, &error);
+        path, desc, [](std::int32_t, std::uint16_t*) {}, &error);
     return !ok && !error.empty() && error.find('\n') == std::string::npos;
   };
-  const CaptureSpec good = Spec(4, 4, 10, 1, 5);
+  const CaptureSpec good = MakeCapture(4, 4, 10, 1, 5);
   CaptureSpec s = good;
   s.width = 0;
   EXPECT_TRUE(refused(s, hdr));
@@ -298,7 +299,7 @@ TEST(CaptureWriter, RefusesCapturesThatCannotBeReadBackAndWritesNothing) {
   s.frames = 128;  // one frame per file: 128 files, one more than can be addressed
   s.frames_per_file = 1;
   EXPECT_TRUE(refused(s, hdr));
-  s = Spec(65535, 65535, 2, 1, 500);  // 6.4 GB per frame
+  s = MakeCapture(65535, 65535, 2, 1, 500);  // 6.4 GB per frame
   EXPECT_TRUE(refused(s, hdr));
   s = good;
   s.single_file = true;
@@ -322,8 +323,8 @@ TEST(CaptureWriter, ReportsAFolderThatCannotBeCreated) {
   test::ScratchDir dir;
   std::ofstream(dir.file("blocker")) << "x";
   std::string error;
-  EXPECT_FALSE(
-      WriteCapture(dir.file("blocker/cap.hdr"), Spec(2, 2, 1, 1, 1), PatternSource(4), &error));
+  EXPECT_FALSE(WriteCapture(dir.file("blocker/cap.hdr"), MakeCapture(2, 2, 1, 1, 1),
+                            PatternSource(4), &error));
   EXPECT_NE(error.find("blocker"), std::string::npos) << error;
 }
 
@@ -332,13 +333,13 @@ TEST(CaptureWriter, RewritingACaptureRemovesItsStaleDataFiles) {
   const std::string hdr = dir.file("cap.hdr");
   const fs::path folder = dir.path() / "cap";
   std::string error;
-  ASSERT_TRUE(WriteCapture(hdr, Spec(4, 2, 10, 1, 2), PatternSource(8), &error)) << error;
+  ASSERT_TRUE(WriteCapture(hdr, MakeCapture(4, 2, 10, 1, 2), PatternSource(8), &error)) << error;
   std::ofstream(folder / "cap_0001.fft") << "old spectra";
   std::ofstream(folder / "cap.cap") << "old ring";
   std::ofstream(folder / "notes_0001.div") << "someone else's";
   std::ofstream(folder / "cap_01.div") << "not ours either";
 
-  ASSERT_TRUE(WriteCapture(hdr, Spec(4, 2, 4, 1, 2), PatternSource(8), &error)) << error;
+  ASSERT_TRUE(WriteCapture(hdr, MakeCapture(4, 2, 4, 1, 2), PatternSource(8), &error)) << error;
   EXPECT_TRUE(fs::exists(folder / "cap_0002.div"));
   EXPECT_FALSE(fs::exists(folder / "cap_0003.div"));
   EXPECT_FALSE(fs::exists(folder / "cap_0005.div"));
@@ -351,7 +352,7 @@ TEST(CaptureWriter, RewritingACaptureRemovesItsStaleDataFiles) {
 // ---- Synthetic scene --------------------------------------------------------
 
 std::vector<std::uint16_t> Frames(const PlateScene& scene) {
-  const SceneSpec& s = scene.spec();
+  const SceneSpec& s = scene.desc();
   const std::size_t pixels = static_cast<std::size_t>(s.width) * s.height;
   std::vector<std::uint16_t> all(pixels * s.frames);
   for (std::int32_t f = 0; f < s.frames; ++f) scene.Frame(f, &all[f * pixels]);
@@ -369,11 +370,11 @@ std::complex<double> Bin(const auto* x, std::size_t stride, std::size_t n, std::
 }
 
 TEST(PlateScene, IsDeterministicInItsSeedAndStaysOnTheTwelveBitScale) {
-  SceneSpec spec;
-  spec.width = 40;
-  spec.height = 30;
-  spec.frames = 64;
-  const PlateScene a(spec), b(spec);
+  SceneSpec desc;
+  desc.width = 40;
+  desc.height = 30;
+  desc.frames = 64;
+  const PlateScene a(desc), b(desc);
   const std::vector<std::uint16_t> frames = Frames(a);
   EXPECT_EQ(frames, Frames(b));
   std::vector<std::uint16_t> again(40 * 30);
@@ -382,8 +383,8 @@ TEST(PlateScene, IsDeterministicInItsSeedAndStaysOnTheTwelveBitScale) {
   EXPECT_EQ(a.excitation(), b.excitation());
   EXPECT_LE(*std::max_element(frames.begin(), frames.end()), 4095);
 
-  spec.seed = 2;
-  const PlateScene c(spec);
+  desc.seed = 2;
+  const PlateScene c(desc);
   EXPECT_NE(frames, Frames(c));
   EXPECT_NE(a.excitation(), c.excitation());
 }
@@ -391,10 +392,10 @@ TEST(PlateScene, IsDeterministicInItsSeedAndStaysOnTheTwelveBitScale) {
 TEST(PlateScene, ExcitationHasUnitRmsAndAFlatSpectrum) {
   // 251 frames is prime: the long-prime transform path.
   for (const std::size_t frames : {200, 251}) {
-    SceneSpec spec;
-    spec.width = spec.height = 8;
-    spec.frames = static_cast<std::int32_t>(frames);
-    const PlateScene scene(spec);
+    SceneSpec desc;
+    desc.width = desc.height = 8;
+    desc.frames = static_cast<std::int32_t>(frames);
+    const PlateScene scene(desc);
     const std::vector<float>& e = scene.excitation();
     ASSERT_EQ(e.size(), frames);
     double sum = 0, sum2 = 0;
@@ -416,11 +417,11 @@ TEST(PlateScene, ExcitationHasUnitRmsAndAFlatSpectrum) {
 
 TEST(PlateScene, CapturesTooShortForAnyLineStayStill) {
   for (const std::int32_t frames : {1, 2}) {
-    SceneSpec spec;
-    spec.width = spec.height = 6;
-    spec.frames = frames;
-    spec.noise = 0;
-    const PlateScene scene(spec);
+    SceneSpec desc;
+    desc.width = desc.height = 6;
+    desc.frames = frames;
+    desc.noise = 0;
+    const PlateScene scene(desc);
     EXPECT_TRUE(std::all_of(scene.excitation().begin(), scene.excitation().end(),
                             [](float v) { return v == 0.0f; }));
     const std::vector<std::uint16_t> all = Frames(scene);
@@ -429,10 +430,10 @@ TEST(PlateScene, CapturesTooShortForAnyLineStayStill) {
 }
 
 TEST(PlateScene, ModalCoordinatesHaveTheirAmplitudeAsRms) {
-  SceneSpec spec;
-  spec.width = spec.height = 8;
-  spec.frames = 300;
-  const PlateScene scene(spec);
+  SceneSpec desc;
+  desc.width = desc.height = 8;
+  desc.frames = 300;
+  const PlateScene scene(desc);
   ASSERT_EQ(scene.modes().size(), 3u);
   for (std::size_t k = 0; k < 3; ++k) {
     double sum2 = 0;
@@ -442,14 +443,14 @@ TEST(PlateScene, ModalCoordinatesHaveTheirAmplitudeAsRms) {
 }
 
 TEST(PlateScene, APixelsSpectrumFollowsTheModesTransferFunction) {
-  SceneSpec spec;
-  spec.width = 48;
-  spec.height = 32;
-  spec.fps = 1000;
-  spec.frames = 499;  // prime: the long-prime transform path
-  spec.noise = 0;
-  spec.modes = {{150.0, 0.02, 2, 1, 0.08}};
-  const PlateScene scene(spec);
+  SceneSpec desc;
+  desc.width = 48;
+  desc.height = 32;
+  desc.fps = 1000;
+  desc.frames = 499;  // prime: the long-prime transform path
+  desc.noise = 0;
+  desc.modes = {{150.0, 0.02, 2, 1, 0.08}};
+  const PlateScene scene(desc);
   const PlateRect r = scene.plate();
   // An antinode of the (2,1) shape: a quarter across, half way down.
   const int x = r.x0 + (r.x1 - r.x0) / 4;
@@ -478,11 +479,11 @@ TEST(PlateScene, APixelsSpectrumFollowsTheModesTransferFunction) {
 }
 
 TEST(PlateScene, DefaultModesShowDistinctShapesAtTheirFrequencies) {
-  SceneSpec spec;
-  spec.width = 64;
-  spec.height = 48;
-  spec.frames = 400;
-  const PlateScene scene(spec);
+  SceneSpec desc;
+  desc.width = 64;
+  desc.height = 48;
+  desc.frames = 400;
+  const PlateScene scene(desc);
   const std::vector<std::uint16_t> frames = Frames(scene);
   const std::size_t pixels = 64 * 48;
   const std::size_t modes = scene.modes().size();
@@ -500,11 +501,11 @@ TEST(PlateScene, DefaultModesShowDistinctShapesAtTheirFrequencies) {
   }
   for (std::size_t k = 0; k < modes; ++k) {
     const auto bin = static_cast<std::size_t>(
-        std::lround(scene.modes()[k].frequency_hz / spec.fps * spec.frames));
+        std::lround(scene.modes()[k].frequency_hz / desc.fps * desc.frames));
     std::vector<std::complex<double>> map(pixels);
     double map2 = 0;
     for (std::size_t p = 0; p < pixels; ++p) {
-      map[p] = Bin(&frames[p], pixels, spec.frames, bin);
+      map[p] = Bin(&frames[p], pixels, desc.frames, bin);
       map2 += std::norm(map[p]);
     }
     for (std::size_t j = 0; j < modes; ++j) {
@@ -525,17 +526,17 @@ TEST(PlateScene, DefaultModesShowDistinctShapesAtTheirFrequencies) {
 }
 
 TEST(PlateScene, RejectsModesItCannotSample) {
-  SceneSpec spec;
-  spec.fps = 1000;
-  spec.modes = {{500.0, 0.01, 1, 1, 0.05}};
-  EXPECT_THROW(PlateScene{spec}, std::invalid_argument);
-  spec.modes = {{100.0, 0.0, 1, 1, 0.05}};
-  EXPECT_THROW(PlateScene{spec}, std::invalid_argument);
-  spec.modes = {{100.0, 0.01, 0, 1, 0.05}};
-  EXPECT_THROW(PlateScene{spec}, std::invalid_argument);
-  spec.modes.clear();
-  spec.frames = 0;
-  EXPECT_THROW(PlateScene{spec}, std::invalid_argument);
+  SceneSpec desc;
+  desc.fps = 1000;
+  desc.modes = {{500.0, 0.01, 1, 1, 0.05}};
+  EXPECT_THROW(PlateScene{desc}, std::invalid_argument);
+  desc.modes = {{100.0, 0.0, 1, 1, 0.05}};
+  EXPECT_THROW(PlateScene{desc}, std::invalid_argument);
+  desc.modes = {{100.0, 0.01, 0, 1, 0.05}};
+  EXPECT_THROW(PlateScene{desc}, std::invalid_argument);
+  desc.modes.clear();
+  desc.frames = 0;
+  EXPECT_THROW(PlateScene{desc}, std::invalid_argument);
 }
 
 }  // namespace

@@ -36,7 +36,7 @@ std::uint16_t Sample(std::int32_t f, std::size_t p) {
 
 struct Capture {
   std::string header;
-  CaptureSpec spec;
+  CaptureSpec desc;
   std::vector<std::vector<double>> series;  // [pixel][frame], as stored
 };
 
@@ -44,18 +44,18 @@ Capture Make(const ScratchDir& dir, std::uint16_t w, std::uint16_t h, std::int32
              std::uint32_t fmt, std::uint32_t per_file, bool single = false) {
   Capture c;
   c.header = dir.file("cap.hdr");
-  c.spec.width = w;
-  c.spec.height = h;
-  c.spec.frames = frames;
-  c.spec.fps = 500.0;
-  c.spec.pixel_format = fmt;
-  c.spec.frames_per_file = per_file;
-  c.spec.single_file = single;
+  c.desc.width = w;
+  c.desc.height = h;
+  c.desc.frames = frames;
+  c.desc.fps = 500.0;
+  c.desc.pixel_format = fmt;
+  c.desc.frames_per_file = per_file;
+  c.desc.single_file = single;
   const std::size_t pixels = static_cast<std::size_t>(w) * h;
   c.series.assign(pixels, std::vector<double>(static_cast<std::size_t>(frames)));
   std::string error;
   EXPECT_TRUE(WriteCapture(
-      c.header, c.spec,
+      c.header, c.desc,
       [&](std::int32_t f, std::uint16_t* s) {
         for (std::size_t p = 0; p < pixels; ++p) s[p] = Sample(f, p);
       },
@@ -74,7 +74,7 @@ Capture Make(const ScratchDir& dir, std::uint16_t w, std::uint16_t h, std::int32
 
 // Reads bin b of pixel p straight from the cube files by the documented layout.
 std::complex<float> CubeValue(const Capture& c, std::uint32_t b, std::size_t p) {
-  const std::uint64_t plane = static_cast<std::uint64_t>(c.spec.width) * c.spec.height * 8;
+  const std::uint64_t plane = static_cast<std::uint64_t>(c.desc.width) * c.desc.height * 8;
   const std::uint64_t per_file = 2147483648ull / plane;
   const std::string path =
       DataFilePath(c.header, DataFile::kCube, static_cast<unsigned>(b / per_file + 1));
@@ -95,7 +95,7 @@ std::complex<double> Dft(const std::vector<double>& x, std::uint32_t k) {
 }
 
 void ExpectCubeMatchesDft(const Capture& c) {
-  const std::uint32_t bins = static_cast<std::uint32_t>(c.spec.frames / 2 + 1);
+  const std::uint32_t bins = static_cast<std::uint32_t>(c.desc.frames / 2 + 1);
   for (std::size_t p = 0; p < c.series.size(); ++p) {
     for (std::uint32_t b = 0; b < bins; ++b) {
       const std::complex<double> want = Dft(c.series[p], b);
