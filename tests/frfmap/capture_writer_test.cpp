@@ -31,10 +31,6 @@ std::uint32_t LE32(const Bytes& b, std::size_t at) {
   return b[at] | (b[at + 1] << 8) | (b[at + 2] << 16) |
          (static_cast<std::uint32_t>(b[at + 3]) << 24);
 }
-std::uint32_t BE32(const Bytes& b, std::size_t at) {
-  return (static_cast<std::uint32_t>(b[at]) << 24) | (b[at + 1] << 16) | (b[at + 2] << 8) |
-         b[at + 3];
-}
 
 // A recognisable sample for every pixel of every frame.
 std::uint16_t Pattern(std::int32_t f, std::size_t p) {
@@ -90,45 +86,6 @@ TEST(CaptureWriter, HeaderHoldsTheFieldsAtTheirOffsetsAndNothingElse) {
   EXPECT_EQ(ReadAll(hdr)[2006], 1);
 }
 
-TEST(CaptureWriter, DivisionFilesSplitFramesWhenTheCountIsNotAMultiple) {
-  test::ScratchDir dir;
-  const std::string hdr = dir.file("cap.hdr");
-  std::string error;
-  // 12-bit: S = 5 * 3 * 3 / 2 = 22 (odd pixel count: whole part).
-  ASSERT_TRUE(WriteCapture(hdr, MakeCapture(5, 3, 7, 1, 3), PatternSource(15), &error)) << error;
-  const fs::path folder = dir.path() / "cap";
-  EXPECT_EQ(fs::file_size(folder / "cap_0001.div"), 3u * (22 + 16));
-  EXPECT_EQ(fs::file_size(folder / "cap_0002.div"), 3u * (22 + 16));
-  EXPECT_EQ(fs::file_size(folder / "cap_0003.div"), 1u * (22 + 16));
-  EXPECT_FALSE(fs::exists(folder / "cap_0004.div"));
-
-  // 8-bit: S = 15; one file when FPD exceeds the frame count.
-  ASSERT_TRUE(WriteCapture(hdr, MakeCapture(5, 3, 7, 0, 500), PatternSource(15), &error)) << error;
-  EXPECT_EQ(fs::file_size(folder / "cap_0001.div"), 7u * (15 + 16));
-  EXPECT_FALSE(fs::exists(folder / "cap_0002.div"));
-}
-
-TEST(CaptureWriter, RecordsAndEightBitPixelsSitWhereTheFrameIndexPutsThem) {
-  test::ScratchDir dir;
-  const std::string hdr = dir.file("cap.hdr");
-  std::string error;
-  ASSERT_TRUE(WriteCapture(hdr, MakeCapture(5, 3, 7, 0, 3), PatternSource(15), &error)) << error;
-  for (std::int32_t f = 0; f < 7; ++f) {
-    const Bytes d = ReadAll(dir.path() / "cap" /
-                            (f < 3   ? "cap_0001.div"
-                             : f < 6 ? "cap_0002.div"
-                                     : "cap_0003.div"));
-    const std::size_t at = static_cast<std::size_t>(f % 3) * (15 + 16);
-    EXPECT_EQ(LE32(d, at), static_cast<std::uint32_t>(f + 1)) << f;
-    EXPECT_EQ(LE32(d, at + 4), static_cast<std::uint32_t>(std::lround(f * 1e6 / 1234.5))) << f;
-    EXPECT_EQ(LE32(d, at + 8), static_cast<std::uint32_t>(f)) << f;
-    EXPECT_EQ(LE32(d, at + 12), 0u) << f;
-    for (std::size_t p = 0; p < 15; ++p) {
-      ASSERT_EQ(d[at + 16 + p], Pattern(f, p) >> 4) << f << " " << p;
-    }
-  }
-}
-
 // ---- 12-bit packing ------------------------------------------------------
 
 // The reading rule, written out independently of the packer.
@@ -157,23 +114,6 @@ TEST(CaptureWriter, TwelveBitPairsPackIntoThreeBytes) {
   }
 }
 
-TEST(CaptureWriter, TwelveBitFramesOfAnOddPixelCountKeepTheLastHighByte) {
-  test::ScratchDir dir;
-  const std::string hdr = dir.file("odd.hdr");
-  const std::uint16_t frame[] = {0xABC, 0x123, 0x9F7};
-  std::string error;
-  ASSERT_TRUE(WriteCapture(
-      hdr, MakeCapture(3, 1, 1, 1, 10),
-      [&](std::int32_t, std::uint16_t* s) { std::copy_n(frame, 3, s); }, &error))
-      << error;
-  const Bytes d = ReadAll(dir.path() / "odd" / "odd_0001.div");
-  ASSERT_EQ(d.size(), 16u + 4u);
-  EXPECT_EQ(d[16], 0xAB);
-  EXPECT_EQ(d[17], 0xC3);
-  EXPECT_EQ(d[18], 0x12);
-  EXPECT_EQ(d[19], 0x9F);
-}
-
 TEST(CaptureWriter, SamplesAboveTheScaleAreClampedNotWrapped) {
   test::ScratchDir dir;
   const std::string hdr = dir.file("hot.hdr");
@@ -198,74 +138,6 @@ TEST(CaptureWriter, CapRowsHoldFiveSamplesPerBigEndianWord) {
   const std::uint8_t expected[] = {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF,
                                    0x00, 0x01, 0x00, 0x20, 0x00, 0x00, 0x00, 0x00};
   EXPECT_TRUE(std::equal(std::begin(expected), std::end(expected), out));
-}
-
-// Sample i of a .cap row, decoded the way the format describes.
-std::uint16_t CapSample(const std::uint8_t* row, std::size_t i) {
-  std::uint64_t word = 0;
-  for (int b = 0; b < 8; ++b) word = (word << 8) | row[8 * (i / 5) + b];
-  return static_cast<std::uint16_t>((word >> (48 - 12 * (i % 5))) & 0xFFF);
-}
-
-TEST(CaptureWriter, CapFramesWrapAroundTheRingFromTheFirstSlot) {
-  test::ScratchDir dir;
-  const std::string hdr = dir.file("ring.hdr");
-  CaptureSpec desc = MakeCapture(7, 3, 4, 1, 500);
-  desc.single_file = true;
-  desc.ring_slots = 5;
-  desc.first_slot = 3;
-  std::string error;
-  ASSERT_TRUE(WriteCapture(hdr, desc, PatternSource(21), &error)) << error;
-  EXPECT_FALSE(fs::exists(dir.path() / "ring" / "ring_0001.div"));
-  const Bytes c = ReadAll(dir.path() / "ring" / "ring.cap");
-
-  const std::uint32_t row_bytes = 2 * 8;  // ceil(7 / 5) words
-  const std::uint32_t slot_size = 3 * row_bytes + 64;
-  EXPECT_EQ(c[134], '0');
-  EXPECT_EQ(c[144] | (c[145] << 8), 7);
-  EXPECT_EQ(c[146] | (c[147] << 8), 3);
-  EXPECT_EQ(LE32(c, 224), 5u);
-  EXPECT_EQ(LE32(c, 228), slot_size);
-  EXPECT_EQ(LE32(c, 232), 3u);
-  const std::uint32_t slot0 = LE32(c, 248);
-  EXPECT_GE(slot0, 648u);
-  const std::uint32_t subtracted = LE32(c, 644);
-  ASSERT_EQ(c.size(), slot0 + 5u * slot_size);
-
-  for (std::uint32_t f = 0; f < 4; ++f) {
-    const std::uint32_t slot = (3 + f) % 5 - subtracted;
-    const std::size_t at = static_cast<std::size_t>(slot) * slot_size + slot0;
-    for (std::size_t y = 0; y < 3; ++y) {
-      for (std::size_t x = 0; x < 7; ++x) {
-        ASSERT_EQ(CapSample(&c[at + y * row_bytes], x), Pattern(f, y * 7 + x)) << f;
-      }
-    }
-    const std::size_t trailer = at + slot_size - 64;
-    EXPECT_EQ(BE32(c, trailer), f + 1);
-    EXPECT_EQ(BE32(c, trailer + 4), static_cast<std::uint32_t>(std::lround(f * 1e6 / 1234.5)));
-    EXPECT_EQ(BE32(c, trailer + 8) & 0xFFFFFFu, f);
-  }
-  // Slot 2 is the one no frame reached: empty, its index zero.
-  const std::size_t empty = 2u * slot_size + slot0;
-  EXPECT_TRUE(std::all_of(&c[empty], &c[empty] + slot_size, [](std::uint8_t b) { return b == 0; }));
-}
-
-TEST(CaptureWriter, EightBitCapturesInASingleFileKeepEightBitPrecision) {
-  test::ScratchDir dir;
-  const std::string hdr = dir.file("eight.hdr");
-  CaptureSpec desc = MakeCapture(6, 2, 2, 0, 500);
-  desc.single_file = true;
-  std::string error;
-  ASSERT_TRUE(WriteCapture(hdr, desc, PatternSource(12), &error)) << error;
-  const Bytes c = ReadAll(dir.path() / "eight" / "eight.cap");
-  const std::uint32_t slot0 = LE32(c, 248);
-  const std::uint32_t slot_size = LE32(c, 228);
-  for (std::uint32_t f = 0; f < 2; ++f) {
-    for (std::size_t p = 0; p < 12; ++p) {
-      const std::uint8_t* row = &c[slot0 + f * slot_size + (p / 6) * 16];
-      ASSERT_EQ(CapSample(row, p % 6), Pattern(static_cast<std::int32_t>(f), p) & 0xFF0);
-    }
-  }
 }
 
 // ---- Refusals and housekeeping ---------------------------------------------
@@ -389,59 +261,6 @@ TEST(PlateScene, IsDeterministicInItsSeedAndStaysOnTheTwelveBitScale) {
   EXPECT_NE(a.excitation(), c.excitation());
 }
 
-TEST(PlateScene, ExcitationHasUnitRmsAndAFlatSpectrum) {
-  // 251 frames is prime: the long-prime transform path.
-  for (const std::size_t frames : {200, 251}) {
-    SceneSpec desc;
-    desc.width = desc.height = 8;
-    desc.frames = static_cast<std::int32_t>(frames);
-    const PlateScene scene(desc);
-    const std::vector<float>& e = scene.excitation();
-    ASSERT_EQ(e.size(), frames);
-    double sum = 0, sum2 = 0;
-    for (float v : e) {
-      sum += v;
-      sum2 += v * v;
-    }
-    EXPECT_NEAR(sum / frames, 0.0, 1e-6) << frames;
-    EXPECT_NEAR(std::sqrt(sum2 / frames), 1.0, 1e-5) << frames;
-    const double line = std::abs(Bin(e.data(), 1, frames, 1));
-    for (std::size_t k : {2, 37, 99}) {
-      EXPECT_NEAR(std::abs(Bin(e.data(), 1, frames, k)), line, 1e-5) << frames << " " << k;
-    }
-    if (frames % 2 == 0) {  // nothing at Nyquist
-      EXPECT_NEAR(std::abs(Bin(e.data(), 1, frames, frames / 2)), 0.0, 1e-6);
-    }
-  }
-}
-
-TEST(PlateScene, CapturesTooShortForAnyLineStayStill) {
-  for (const std::int32_t frames : {1, 2}) {
-    SceneSpec desc;
-    desc.width = desc.height = 6;
-    desc.frames = frames;
-    desc.noise = 0;
-    const PlateScene scene(desc);
-    EXPECT_TRUE(std::all_of(scene.excitation().begin(), scene.excitation().end(),
-                            [](float v) { return v == 0.0f; }));
-    const std::vector<std::uint16_t> all = Frames(scene);
-    EXPECT_TRUE(std::equal(all.begin(), all.begin() + 36, all.end() - 36));
-  }
-}
-
-TEST(PlateScene, ModalCoordinatesHaveTheirAmplitudeAsRms) {
-  SceneSpec desc;
-  desc.width = desc.height = 8;
-  desc.frames = 300;
-  const PlateScene scene(desc);
-  ASSERT_EQ(scene.modes().size(), 3u);
-  for (std::size_t k = 0; k < 3; ++k) {
-    double sum2 = 0;
-    for (std::int32_t f = 0; f < 300; ++f) sum2 += scene.Modal(k, f) * scene.Modal(k, f);
-    EXPECT_NEAR(std::sqrt(sum2 / 300), scene.modes()[k].amplitude, 1e-6) << k;
-  }
-}
-
 TEST(PlateScene, APixelsSpectrumFollowsTheModesTransferFunction) {
   SceneSpec desc;
   desc.width = 48;
@@ -523,20 +342,6 @@ TEST(PlateScene, DefaultModesShowDistinctShapesAtTheirFrequencies) {
       }
     }
   }
-}
-
-TEST(PlateScene, RejectsModesItCannotSample) {
-  SceneSpec desc;
-  desc.fps = 1000;
-  desc.modes = {{500.0, 0.01, 1, 1, 0.05}};
-  EXPECT_THROW(PlateScene{desc}, std::invalid_argument);
-  desc.modes = {{100.0, 0.0, 1, 1, 0.05}};
-  EXPECT_THROW(PlateScene{desc}, std::invalid_argument);
-  desc.modes = {{100.0, 0.01, 0, 1, 0.05}};
-  EXPECT_THROW(PlateScene{desc}, std::invalid_argument);
-  desc.modes.clear();
-  desc.frames = 0;
-  EXPECT_THROW(PlateScene{desc}, std::invalid_argument);
 }
 
 }  // namespace
