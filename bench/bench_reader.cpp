@@ -1,11 +1,14 @@
 // Reading a whole 12-bit capture through the capture reader in row blocks,
 // against plain fread of the same files in the same run.
+// Arguments: [frames (1000)] [rows per block (the render's plan)].
 #include <cstdio>
 #include <vector>
 
 #include "bench_support.h"
 #include "frfmap/capture_reader.h"
 #include "frfmap/naming.h"
+#include "frfmap/planner.h"
+#include "platform/platform.h"
 
 using namespace frfcam;
 
@@ -29,8 +32,11 @@ int main(int argc, char** argv) {
       if (f != nullptr) std::fclose(f);
     }
   };
-  // The reader in blocks of 64 rows, unpacking every sample.
-  const std::uint32_t rows = 64;
+  // The reader in the row blocks a render of this capture uses (or as many
+  // rows as the second argument says), unpacking every sample.
+  const std::uint32_t rows =
+      argc > 2 ? static_cast<std::uint32_t>(std::atoi(argv[2]))
+               : frfmap::PlanBlockPixels(w, h, frames, platform::AvailablePhysicalMemory()) / w;
   std::vector<std::uint16_t> samples(static_cast<std::size_t>(frames) * w * rows);
   std::vector<std::uint8_t> records(16ull * frames);
   auto reader = [&] {
@@ -55,7 +61,7 @@ int main(int argc, char** argv) {
   std::printf("capture %ux%u, %d frames, 12-bit packed: %.0f MB\n", w, h, frames,
               total_bytes / 1e6);
   std::printf("fread of the files:        %.3f s  %7.0f MB/s\n", p, total_bytes / 1e6 / p);
-  std::printf("reader, %u-row blocks:      %.3f s  %7.0f MB/s\n", rows, r, total_bytes / 1e6 / r);
+  std::printf("reader, %3u-row blocks:     %.3f s  %7.0f MB/s\n", rows, r, total_bytes / 1e6 / r);
   std::printf("reader / fread throughput: %.2f\n", p / r);
   bench::RemoveDir(dir);
   return 0;

@@ -60,6 +60,37 @@ __attribute__((target("ssse3"))) void UnpackPairsSsse3(const std::uint8_t* __res
   UnpackPairsScalar(src + p * 3, pairs - p, dst + p * 2);
 }
 
+// Two 12-byte groups per 256-bit register, one in each 128-bit lane.
+__attribute__((target("avx2"))) void UnpackPairsAvx2(const std::uint8_t* __restrict src,
+                                                     std::size_t pairs,
+                                                     std::uint16_t* __restrict dst) {
+  const __m256i shuffle = _mm256_setr_epi8(1, 0, 1, 2, 4, 3, 4, 5, 7, 6, 7, 8, 10, 9, 10, 11, 1, 0,
+                                           1, 2, 4, 3, 4, 5, 7, 6, 7, 8, 10, 9, 10, 11);
+  const __m256i keep_shifted =
+      _mm256_setr_epi16(0x0FFF, 0x0FF0, 0x0FFF, 0x0FF0, 0x0FFF, 0x0FF0, 0x0FFF, 0x0FF0, 0x0FFF,
+                        0x0FF0, 0x0FFF, 0x0FF0, 0x0FFF, 0x0FF0, 0x0FFF, 0x0FF0);
+  const __m256i keep_low = _mm256_setr_epi16(0, 0x000F, 0, 0x000F, 0, 0x000F, 0, 0x000F, 0, 0x000F,
+                                             0, 0x000F, 0, 0x000F, 0, 0x000F);
+  std::size_t p = 0;
+  // Each step reads bytes up to 12 + 16 past its start, so stop while 28 remain.
+  for (; p + 10 <= pairs; p += 8) {
+    const std::uint8_t* g = src + p * 3;
+    const __m256i bytes = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(g + 12),
+                                              reinterpret_cast<const __m128i*>(g));
+    const __m256i lanes = _mm256_shuffle_epi8(bytes, shuffle);
+    const __m256i samples =
+        _mm256_or_si256(_mm256_and_si256(_mm256_srli_epi16(lanes, 4), keep_shifted),
+                        _mm256_and_si256(lanes, keep_low));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + p * 2), samples);
+  }
+  UnpackPairsSsse3(src + p * 3, pairs - p, dst + p * 2);
+}
+
+bool HaveAvx2() {
+  static const bool have = __builtin_cpu_supports("avx2");
+  return have;
+}
+
 bool HaveSsse3() {
   static const bool have = __builtin_cpu_supports("ssse3");
   return have;
@@ -68,6 +99,7 @@ bool HaveSsse3() {
 
 void UnpackPairs(const std::uint8_t* src, std::size_t pairs, std::uint16_t* dst) {
 #if FRFCAM_HAVE_SSSE3_UNPACK
+  if (HaveAvx2()) return UnpackPairsAvx2(src, pairs, dst);
   if (HaveSsse3()) return UnpackPairsSsse3(src, pairs, dst);
 #endif
   UnpackPairsScalar(src, pairs, dst);
