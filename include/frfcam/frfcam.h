@@ -139,6 +139,100 @@ FRFCAM_API char16_t* GetFrfMapCalcsName(FrfMapCalcs* calcs);
  */
 FRFCAM_API void SetFrfMapCalcsName(FrfMapCalcs* calcs, const char* name);
 
+/* ---- Modal stability analysis -------------------------------------------- */
+
+/* Results of ComputeStability. Codes -1 to -8 come from the checks made
+ * before any work: nothing is written and nothing is printed. */
+#define FRFCAM_STABILITY_OK 0
+/* outputPath is NULL, or an array is NULL although its size is not zero. */
+#define FRFCAM_STABILITY_NULL_ARGUMENT (-1)
+/* numLines < 2. */
+#define FRFCAM_STABILITY_TOO_FEW_LINES (-2)
+/* numChannels < 1. */
+#define FRFCAM_STABILITY_NO_CHANNELS (-3)
+/* minOrder < 1. */
+#define FRFCAM_STABILITY_BAD_MIN_ORDER (-4)
+/* maxOrder < minOrder + 1: the chart needs at least two orders. */
+#define FRFCAM_STABILITY_BAD_ORDER_RANGE (-5)
+/* numLines <= maxOrder + 1: too few lines for the highest order. */
+#define FRFCAM_STABILITY_ORDER_TOO_HIGH (-6)
+/* A frequency is NaN or infinite, or all frequencies are equal. */
+#define FRFCAM_STABILITY_BAD_FREQUENCIES (-7)
+/* A value of frf or frfMatrix is NaN or infinite. */
+#define FRFCAM_STABILITY_BAD_FRF (-8)
+/* Memory ran out during the computation. No timing line is printed, and the
+ * record is not written (or, if memory ran out while writing it, is
+ * incomplete). */
+#define FRFCAM_STABILITY_OUT_OF_MEMORY (-9)
+/* The computation failed for another reason; as for -9. */
+#define FRFCAM_STABILITY_FAILED (-10)
+
+/*
+ * Runs the whole modal stability analysis and writes its result record.
+ *
+ * For every model order n from minOrder to maxOrder a common-denominator
+ * polynomial model is fitted to the FRFs of frfMatrix and its poles are
+ * turned into natural frequencies (Hz) and damping ratios. Each order after
+ * the first is compared with the order below it and its in-band poles are
+ * classed s (stable in frequency and damping), f (frequency only), d
+ * (damping only) or o (neither). Poles of class s that recur in enough orders
+ * are selected as modes; a model of those modes plus an upper residual (a
+ * constant) and a lower residual (LR / (i w)^2) is fitted to `frf` by least
+ * squares and evaluated at every line.
+ *
+ *   outputPath          file that receives the record (UTF-8); an existing
+ *                       file is replaced.
+ *   frf                 numLines complex values (re, im pairs): the FRF the
+ *                       residues are fitted to (often one column of
+ *                       frfMatrix).
+ *   frfMatrix           numLines x numChannels complex values, column by
+ *                       column: line i of channel j is the pair at complex
+ *                       index i + j * numLines.
+ *   numChannels         columns of frfMatrix, >= 1.
+ *   frequencies         numLines angular frequencies in rad/s (2 pi f).
+ *   numLines            spectral lines, >= 2 and > maxOrder + 1.
+ *   minOrder, maxOrder  order range, 1 <= minOrder < maxOrder.
+ *   selectionTolerance  relative frequency difference below which two poles
+ *                       count as the same mode when selecting (e.g. 0.01).
+ *   minStableCount      orders (the pole's own included) in which a pole's
+ *                       frequency must recur to be selected (e.g. 5).
+ *   frequencyTolerance  relative frequency change up to which a pole counts
+ *                       as stable against the order below (e.g. 0.01).
+ *   dampingTolerance    relative damping change up to which a pole counts
+ *                       as stable against the order below (e.g. 0.05).
+ *   estimatorFlag1, estimatorFlag2
+ *                       estimator options (0 or non-zero), passed through.
+ *
+ * The arrays are only read, and not kept after the call returns.
+ *
+ * The record is one talproto.stabChartData message in protobuf binary form
+ * (no framing): numOrders = maxOrder - minOrder + 1; one orderInfo entry per
+ * order from minOrder + 1 to maxOrder (the lowest order only seeds the
+ * comparison), each with order_num and the frequencies of its s, f, d and o
+ * poles; eigenFrequency and dampingFactor of the s poles of the last order;
+ * frfnum; and, when any order had an s pole, selected_poles (Hz),
+ * selected_dampingfactor (ratios), residues (in the order of selected_poles),
+ * lower_residual, upper_residual and frfm (the fitted model, one value per
+ * line). A line at w = 0, where the lower residual term is undefined, takes
+ * no part in the fit; its frfm value is the model without that term.
+ *
+ * Console: when the record cannot be written, "Failed to write address
+ * book." and a line end go to stderr and the call still returns 0. Every call
+ * that passes the checks prints "took N ms to run." and a line end to stdout,
+ * N being the whole milliseconds from the start of the estimation to the
+ * closing of the file.
+ *
+ * Returns FRFCAM_STABILITY_OK (0) or one of the negative codes above. The
+ * call keeps no state; concurrent calls are independent when they write
+ * different files.
+ */
+FRFCAM_API int ComputeStability(const char* outputPath, const double* frf, const double* frfMatrix,
+                                int numChannels, const double* frequencies, int numLines,
+                                int minOrder, int maxOrder, double selectionTolerance,
+                                int minStableCount, double frequencyTolerance,
+                                double dampingTolerance, unsigned char estimatorFlag1,
+                                unsigned char estimatorFlag2);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif
