@@ -81,6 +81,9 @@ Figures Measure(const std::string& dir, const char* name, std::int32_t frames, i
     }));
   }
   const Figures f{bench::Median(floor), bench::Median(render)};
+  for (int i = 0; i < runs; ++i) {
+    std::printf("  run %d: copy floor %.2f s, render %.2f s\n", i + 1, floor[i], render[i]);
+  }
   const double in_mb = ((w * h * 3.0 / 2 + 16) * frames) / 1e6;
   std::printf("%dx%d, %d frames: read %.0f MB, write %.0f MB\n", w, h, frames, in_mb,
               cube_bytes / 1e6);
@@ -119,15 +122,18 @@ void MeasureMaps(const std::string& dir) {
 
 }  // namespace
 
-// Arguments: [runs] (default 3), or "maps" for the map figures alone.
+// Arguments: [runs (3)] [all | even | prime | maps].
 int main(int argc, char** argv) {
   const std::string dir = bench::BenchDir("render");
-  if (argc > 1 && std::string(argv[1]) == "maps") {
-    MeasureMaps(dir);
+  const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 3;
+  const std::string which = argc > 2 ? argv[2] : "all";
+  if (which != "all") {
+    if (which == "even") Measure(dir, "even", 2000, runs);
+    if (which == "prime") Measure(dir, "prime", 1999, runs);
+    if (which == "maps") MeasureMaps(dir);
     bench::RemoveDir(dir);
     return 0;
   }
-  const int runs = argc > 1 ? std::atoi(argv[1]) : 3;
   const Figures even = Measure(dir, "even", 2000, runs);
   const Figures prime = Measure(dir, "prime", 1999, runs);
   std::printf("prime-length render / 2000-frame render = %.2f\n", prime.render / even.render);

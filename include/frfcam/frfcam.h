@@ -50,10 +50,11 @@
  * Threads
  * ----------------------------------------------------------------------------
  *
- * The library starts no threads of its own apart from the shared worker pool
- * used inside RenderCube (and ComputeStability) to spread computation over
- * the cores; every call returns only when its work is done and all callbacks
- * run on the calling thread. Calls on different objects may run concurrently.
+ * Every call is synchronous: it returns only when its work is done, and all
+ * callbacks run on the calling thread. Inside RenderCube (and
+ * ComputeStability) computation is spread over the cores on a shared worker
+ * pool, and RenderCube moves data to and from the disk on two helper threads
+ * that end before it returns. Calls on different objects may run concurrently.
  * Calls on one object must not overlap, with one exception: CancelRenderCube
  * may be called from any thread while RenderCube runs.
  *
@@ -138,6 +139,119 @@ FRFCAM_API char16_t* GetFrfMapCalcsName(FrfMapCalcs* calcs);
  * the empty name). Does nothing when `calcs` is NULL.
  */
 FRFCAM_API void SetFrfMapCalcsName(FrfMapCalcs* calcs, const char* name);
+
+/* ---- Cubes: open, render, read, delete ----------------------------------- */
+
+/* Results of OpenCube. */
+#define FRFCAM_OPEN_OK 0
+/* The transform of the capture's frame count could not be prepared. */
+#define FRFCAM_OPEN_NO_TRANSFORM 1
+/* Working memory could not be obtained. */
+#define FRFCAM_OPEN_NO_MEMORY (-1)
+/* The capture cannot be rendered: NULL arguments; header missing or shorter
+ * than 2998 bytes; width or height 0; frame count < 1; frames per division
+ * file 0 (division captures); one bin plane (width x height x 8 bytes) over
+ * 2 GiB; or more than 127 cube files needed. Nothing is planned or taken. */
+#define FRFCAM_OPEN_BAD_CAPTURE 2
+
+/*
+ * Opens the capture whose header file is `capturePath` (UTF-8) as a cube:
+ * reads the header, sets the cube's size (width, height, bins = F/2 + 1 for
+ * F frames), plans the render blocks from the available memory and prepares
+ * the transform. Reopening an object releases what the previous opening held.
+ * Frame data files are not touched until RenderCube. Returns an
+ * FRFCAM_OPEN_* code; only after 0 can RenderCube run.
+ */
+FRFCAM_API int OpenCube(FrfMapCalcs* calcs, const char* capturePath);
+
+/*
+ * Writes the cube's width, height (pixels) and number of frequency bins, as
+ * set by the last OpenCube (zeros before any, or after a failed one), and
+ * returns the number of bins. Any of the three pointers may be NULL; a NULL
+ * object gives zeros.
+ */
+FRFCAM_API unsigned GetCubeDims(FrfMapCalcs* calcs, unsigned* width, unsigned* height,
+                                unsigned* bins);
+
+/*
+ * Asks a running RenderCube on this object to stop. Safe to call from any
+ * thread at any time; a call made before RenderCube starts has no effect on
+ * it (RenderCube clears the request when it starts). NULL is ignored.
+ */
+FRFCAM_API void CancelRenderCube(FrfMapCalcs* calcs);
+
+/* Results of RenderCube. */
+#define FRFCAM_RENDER_OK 0
+/* Cancelled by CancelRenderCube: blocks finished before the cancel are in the
+ * cube files, the interrupted block is not written. */
+#define FRFCAM_RENDER_CANCELLED 1
+/* Working memory could not be obtained, or the object is not opened (no
+ * OpenCube, a failed one, or one that a previous render consumed). No cube
+ * file is touched in the second case. */
+#define FRFCAM_RENDER_NO_MEMORY 2
+/* A cube file could not be created or written (disk full, file size limit);
+ * what was written before stays. */
+#define FRFCAM_RENDER_WRITE_FAILED 3
+
+/*
+ * Renders the opened capture into its cube files: for every pixel the DFT of
+ * its brightness over the F frames, scaled by 1/F, bins 0 .. F/2. The cube
+ * files NAME_0001.fft ... are created (replacing older ones) in the capture's
+ * data folder; each holds whole bin planes of width x height complex values
+ * (float real, float imaginary, little-endian), pixels in raster order.
+ *
+ * `progress` (may be NULL) is called on the calling thread with whole
+ * percentages of pixels transformed, each value at most once, increasing,
+ * ending with 100 when the render completes. Frames whose data cannot be read
+ * (a missing or short division file) render as zero brightness.
+ *
+ * Each render needs its own OpenCube before it; afterwards the object is
+ * ready for ReadFRFMap. The work is spread over the cores; while it runs, two
+ * helper threads move data to and from the disk. Returns an FRFCAM_RENDER_*
+ * code.
+ */
+FRFCAM_API int RenderCube(FrfMapCalcs* calcs, ProgressCallback progress);
+
+/*
+ * Sets the reference spectrum: the DFT of `signal` (`length` samples, scaled
+ * by 1/length like the cube), entries 0 .. length/2, the rest zero. With
+ * `length` equal to the capture's frame count its bins line up with the
+ * cube's. `length` 0 clears the reference. A negative `length`, or a NULL
+ * `signal` with a positive length, leaves the reference as it was.
+ */
+FRFCAM_API void SetReference(FrfMapCalcs* calcs, const float* signal, int length);
+
+/* ReadFRFMap: `map` or `calcs` is NULL (nothing is read). */
+#define FRFCAM_MAP_NULL_ARGUMENT (-8)
+/* ReadFRFMap: working memory could not be obtained. */
+#define FRFCAM_MAP_NO_MEMORY (-9)
+
+/*
+ * Writes the FRF map of bin `bin` into `map` (width x height bytes, owned by
+ * the caller, raster order): for every pixel round(gain x |X / R|), rounded to
+ * nearest with ties to even and saturated to 0..255, where X is the pixel's
+ * cube value at that bin and R the reference value at that bin. Without a
+ * reference, where R is 0, or for a bin at or past the reference's length,
+ * the map is round(gain x |X|). A negative gain gives an all-zero map.
+ *
+ * Needs an OpenCube of the capture (a render by this object is not needed if
+ * the cube files exist). Returns 0 when the map was written. When the bin's
+ * plane cannot be read whole (a negative bin, a bin past the cube, a missing
+ * or truncated cube file, an object not opened) it returns the number of
+ * bytes that could be read, which is 0 when none could, and leaves `map`
+ * untouched: compare with width x height x 8 to tell. Negative: the
+ * FRFCAM_MAP_* codes.
+ */
+FRFCAM_API int ReadFRFMap(FrfMapCalcs* calcs, int bin, float gain, unsigned char* map);
+
+/*
+ * Deletes every regular file whose name ends in exactly ".fft" (case
+ * sensitive) in `folder` (UTF-8) and all folders below it, whichever capture
+ * it belongs to; division files, ".cap" files and headers stay. A missing or
+ * unreadable folder, or a file that cannot be removed, is skipped quietly.
+ * The object is not used and may be NULL.
+ */
+FRFCAM_API void DeleteCube(FrfMapCalcs* calcs, const char* folder);
 
 /* ---- Modal stability analysis -------------------------------------------- */
 
