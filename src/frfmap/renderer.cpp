@@ -19,6 +19,16 @@ namespace {
 
 constexpr int kSlots = 2;
 
+// The pipeline moves blocks of whole rows no larger than the plan allows,
+// and no larger than keeps each spectrum buffer near 64 MiB: the buffers are
+// fresh memory whose first touch costs kernel time in proportion to their
+// size, and small ones keep the stages in step.
+std::uint32_t PipelineBlock(std::uint32_t planned, std::uint32_t width, std::uint32_t bins) {
+  const std::uint64_t target = (64ull << 20) / (static_cast<std::uint64_t>(bins) * 8);
+  const std::uint64_t rows = std::max<std::uint64_t>(1, target / width);
+  return static_cast<std::uint32_t>(std::min<std::uint64_t>(planned, rows * width));
+}
+
 struct Block {
   std::uint32_t start = 0;
   std::uint32_t n = 0;
@@ -33,7 +43,7 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
 
   const std::int32_t frames = kernel_.frames();
   const std::uint32_t bins = kernel_.bins();
-  const std::uint32_t block = std::min(block_pixels_, total_pixels_);
+  const std::uint32_t block = PipelineBlock(std::min(block_pixels_, total_pixels_), width_, bins);
   const std::size_t raw_count = static_cast<std::size_t>(frames) * block;
   const std::size_t spec_count = static_cast<std::size_t>(bins) * block;
 
