@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <numbers>
 #include <vector>
@@ -88,12 +89,6 @@ TEST(CaptureWriter, HeaderHoldsTheFieldsAtTheirOffsetsAndNothingElse) {
 
 // ---- 12-bit packing ------------------------------------------------------
 
-// The reading rule, written out independently of the packer.
-void Unpack12(const std::uint8_t* b, std::uint16_t* first, std::uint16_t* second) {
-  *first = static_cast<std::uint16_t>(b[0] * 16 + (b[1] >> 4));
-  *second = static_cast<std::uint16_t>(b[2] * 16 + (b[1] & 15));
-}
-
 TEST(CaptureWriter, TwelveBitPairsPackIntoThreeBytes) {
   const std::uint16_t in[] = {0xABC, 0x123, 0x000, 0xFFF, 0xFFF, 0x000, 0x801, 0x10F};
   std::uint8_t out[12];
@@ -101,31 +96,6 @@ TEST(CaptureWriter, TwelveBitPairsPackIntoThreeBytes) {
   const std::uint8_t expected[] = {0xAB, 0xC3, 0x12, 0x00, 0x0F, 0xFF,
                                    0xFF, 0xF0, 0x00, 0x80, 0x1F, 0x10};
   EXPECT_TRUE(std::equal(std::begin(expected), std::end(expected), out));
-
-  // Every value survives in either position of a pair.
-  for (std::uint16_t v = 0; v < 4096; ++v) {
-    const std::uint16_t pair[] = {v, static_cast<std::uint16_t>(4095 - v)};
-    std::uint8_t b[3];
-    Pack12(pair, 2, b);
-    std::uint16_t a, c;
-    Unpack12(b, &a, &c);
-    ASSERT_EQ(a, pair[0]);
-    ASSERT_EQ(c, pair[1]);
-  }
-}
-
-TEST(CaptureWriter, SamplesAboveTheScaleAreClampedNotWrapped) {
-  test::ScratchDir dir;
-  const std::string hdr = dir.file("hot.hdr");
-  std::string error;
-  ASSERT_TRUE(WriteCapture(
-      hdr, MakeCapture(2, 1, 1, 1, 1), [](std::int32_t, std::uint16_t* s) { s[0] = s[1] = 5000; },
-      &error));
-  const Bytes d = ReadAll(dir.path() / "hot" / "hot_0001.div");
-  std::uint16_t a, b;
-  Unpack12(&d[16], &a, &b);
-  EXPECT_EQ(a, 4095);
-  EXPECT_EQ(b, 4095);
 }
 
 // ---- Single file ----------------------------------------------------------
@@ -152,52 +122,32 @@ TEST(CaptureWriter, RefusesCapturesThatCannotBeReadBackAndWritesNothing) {
     return !ok && !error.empty() && error.find('\n') == std::string::npos;
   };
   const CaptureSpec good = MakeCapture(4, 4, 10, 1, 5);
-  CaptureSpec s = good;
-  s.width = 0;
-  EXPECT_TRUE(refused(s, hdr));
-  s = good;
-  s.frames = 0;
-  EXPECT_TRUE(refused(s, hdr));
-  s = good;
-  s.fps = 0;
-  EXPECT_TRUE(refused(s, hdr));
-  s = good;
-  s.pixel_format = 2;
-  EXPECT_TRUE(refused(s, hdr));
-  s = good;
-  s.frames_per_file = 0;
-  EXPECT_TRUE(refused(s, hdr));
-  s = good;
-  s.frames = 128;  // one frame per file: 128 files, one more than can be addressed
-  s.frames_per_file = 1;
-  EXPECT_TRUE(refused(s, hdr));
-  s = MakeCapture(65535, 65535, 2, 1, 500);  // 6.4 GB per frame
-  EXPECT_TRUE(refused(s, hdr));
-  s = good;
-  s.single_file = true;
-  s.ring_slots = 9;
-  EXPECT_TRUE(refused(s, hdr));
-  s.ring_slots = 10;
-  s.first_slot = 10;
-  EXPECT_TRUE(refused(s, hdr));
+  const std::function<void(CaptureSpec&)> breakers[] = {
+      [](CaptureSpec& c) { c.width = 0; },
+      [](CaptureSpec& c) { c.frames = 0; },
+      [](CaptureSpec& c) { c.fps = 0; },
+      [](CaptureSpec& c) { c.pixel_format = 2; },
+      [](CaptureSpec& c) { c.frames_per_file = 0; },
+      // One frame per file: 128 files, one more than can be addressed.
+      [](CaptureSpec& c) { c.frames = 128, c.frames_per_file = 1; },
+      [](CaptureSpec& c) { c.width = c.height = 65535, c.frames_per_file = 500; },  // 6.4 GB frames
+      [](CaptureSpec& c) { c.single_file = true, c.ring_slots = 9; },
+      [](CaptureSpec& c) { c.single_file = true, c.ring_slots = 10, c.first_slot = 10; },
+  };
+  for (const auto& breaker : breakers) {
+    CaptureSpec s = good;
+    breaker(s);
+    EXPECT_TRUE(refused(s, hdr)) << s.width << "x" << s.height << " F=" << s.frames;
+  }
   EXPECT_TRUE(refused(good, dir.file("noextension")));
   EXPECT_FALSE(fs::exists(hdr));
   EXPECT_FALSE(fs::exists(dir.path() / "bad"));
 
-  s = good;
-  s.frames = 127;
-  s.frames_per_file = 1;
+  CaptureSpec most = good;
+  most.frames = 127;
+  most.frames_per_file = 1;
   std::string error;
-  EXPECT_TRUE(WriteCapture(hdr, s, PatternSource(16), &error)) << error;
-}
-
-TEST(CaptureWriter, ReportsAFolderThatCannotBeCreated) {
-  test::ScratchDir dir;
-  std::ofstream(dir.file("blocker")) << "x";
-  std::string error;
-  EXPECT_FALSE(WriteCapture(dir.file("blocker/cap.hdr"), MakeCapture(2, 2, 1, 1, 1),
-                            PatternSource(4), &error));
-  EXPECT_NE(error.find("blocker"), std::string::npos) << error;
+  EXPECT_TRUE(WriteCapture(hdr, most, PatternSource(16), &error)) << error;
 }
 
 TEST(CaptureWriter, RewritingACaptureRemovesItsStaleDataFiles) {
@@ -259,42 +209,6 @@ TEST(PlateScene, IsDeterministicInItsSeedAndStaysOnTheTwelveBitScale) {
   const PlateScene c(desc);
   EXPECT_NE(frames, Frames(c));
   EXPECT_NE(a.excitation(), c.excitation());
-}
-
-TEST(PlateScene, APixelsSpectrumFollowsTheModesTransferFunction) {
-  SceneSpec desc;
-  desc.width = 48;
-  desc.height = 32;
-  desc.fps = 1000;
-  desc.frames = 499;  // prime: the long-prime transform path
-  desc.noise = 0;
-  desc.modes = {{150.0, 0.02, 2, 1, 0.08}};
-  const PlateScene scene(desc);
-  const PlateRect r = scene.plate();
-  // An antinode of the (2,1) shape: a quarter across, half way down.
-  const int x = r.x0 + (r.x1 - r.x0) / 4;
-  const int y = (r.y0 + r.y1) / 2;
-  const std::vector<std::uint16_t> frames = Frames(scene);
-  const std::uint16_t* series = &frames[static_cast<std::size_t>(y) * 48 + x];
-
-  const std::size_t n = 499;
-  std::size_t peak = 1;
-  double peak_mag = 0;
-  for (std::size_t k = 1; k < n / 2; ++k) {
-    const double m = std::abs(Bin(series, 48 * 32, n, k));
-    if (m > peak_mag) peak_mag = m, peak = k;
-  }
-  EXPECT_EQ(peak, 75u);  // 150 Hz at 1000 / 499 Hz per bin
-
-  // Brightness over force = texture x shape x modal transfer, bin by bin.
-  // Rounding to whole counts adds about 0.3 (RMS) to the ratio at any bin.
-  const double scale = scene.Texture(x, y) * scene.Shape(0, x, y);
-  for (std::size_t k : {10, 60, 75, 90, 200}) {
-    const std::complex<double> ratio =
-        Bin(series, 48 * 32, n, k) / Bin(scene.excitation().data(), 1, n, k);
-    const std::complex<double> model = scale * scene.ModalFrf(0, k * 1000.0 / n);
-    EXPECT_LT(std::abs(ratio - model), 0.01 * std::abs(model) + 1.2) << k;
-  }
 }
 
 TEST(PlateScene, DefaultModesShowDistinctShapesAtTheirFrequencies) {
