@@ -1,11 +1,12 @@
 // ComputeStability through the C interface, each call in a child process so
-// that its console output and result can be checked exactly.
+// that its console output and result can be checked exactly. The record is
+// read back by the Python protobuf reader of tests/scripts.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <Eigen/Dense>
 #include <climits>
 #include <cmath>
 #include <complex>
@@ -30,12 +31,6 @@ namespace {
 namespace fs = std::filesystem;
 using frfcam::test::ScratchDir;
 
-struct ChildResult {
-  int code = INT_MIN;  // INT_MIN: the child did not exit normally
-  std::string out;
-  std::string err;
-};
-
 std::string ReadWhole(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream ss;
@@ -43,197 +38,175 @@ std::string ReadWhole(const std::string& path) {
   return ss.str();
 }
 
-ChildResult RunInChild(const std::function<int()>& call) {
+// status: the call's result, INT_MIN when the child did not exit normally.
+frfcam::test::CommandResult RunInChild(const std::function<int()>& call) {
   ScratchDir dir;
   const std::string out = dir.file("out"), err = dir.file("err");
   std::cout.flush();
   std::fflush(nullptr);
   const pid_t pid = ::fork();
   if (pid == 0) {
-    const int o = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int e = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    ::dup2(o, 1);
-    ::dup2(e, 2);
+    ::dup2(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+    ::dup2(::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
     const int code = call();
     std::cout.flush();
     std::cerr.flush();
     std::fflush(nullptr);
     ::_exit(static_cast<unsigned char>(code));
   }
-  ChildResult r;
+  frfcam::test::CommandResult r;
+  r.status = INT_MIN;
   int status = 0;
   if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
-    r.code = static_cast<signed char>(WEXITSTATUS(status));
+    r.status = static_cast<signed char>(WEXITSTATUS(status));
   }
   r.out = ReadWhole(out);
   r.err = ReadWhole(err);
   return r;
 }
 
-// The inputs of one call, kept alive for the child.
+// The inputs of one call, kept alive for the child; an empty path or array
+// is passed as a null pointer.
 struct Inputs {
   std::string path;
   std::vector<double> omega;
-  std::vector<std::complex<double>> frf;
-  std::vector<std::complex<double>> matrix;
-  int channels = 0;
-  int minOrder = 10;
-  int maxOrder = 20;
-  double selectionTolerance = 0.01;
-  int minStable = 4;
-  double frequencyTolerance = 0.01;
-  double dampingTolerance = 0.05;
+  std::vector<std::complex<double>> frf, matrix;
+  int channels = 3, minOrder = 10, maxOrder = 20;
+  double frequencyTolerance = 0.01, dampingTolerance = 0.05;
 
   int lines() const { return static_cast<int>(omega.size()); }
   int Call() const {
-    return ComputeStability(path.c_str(), reinterpret_cast<const double*>(frf.data()),
-                            reinterpret_cast<const double*>(matrix.data()), channels, omega.data(),
-                            lines(), minOrder, maxOrder, selectionTolerance, minStable,
-                            frequencyTolerance, dampingTolerance, 0, 0);
+    const auto raw = [](const auto& v) {
+      return v.empty() ? nullptr : reinterpret_cast<const double*>(v.data());
+    };
+    return ComputeStability(path.empty() ? nullptr : path.c_str(), raw(frf), raw(matrix), channels,
+                            raw(omega), lines(), minOrder, maxOrder, 0.01, 4, frequencyTolerance,
+                            dampingTolerance, 0, 0);
   }
 };
 
 Inputs KnownSystem(const std::string& path, int lines = 600, int channels = 3) {
-  using namespace frfcam::stability;
-  const SyntheticFrfs s = SynthesizeFrfs(DefaultFiveModeSystem(lines, channels, 0.001));
-  Inputs in;
-  in.path = path;
-  in.omega.assign(s.omega.data(), s.omega.data() + s.omega.size());
-  in.frf.assign(s.frf.data(), s.frf.data() + s.frf.size());
-  in.matrix.assign(s.matrix.data(), s.matrix.data() + s.matrix.size());
-  in.channels = channels;
-  return in;
+  const frfcam::stability::SyntheticFrfs s = frfcam::stability::SynthesizeFrfs(
+      frfcam::stability::DefaultFiveModeSystem(lines, channels, 0.001));
+  return {path,
+          {s.omega.begin(), s.omega.end()},
+          {s.frf.begin(), s.frf.end()},
+          {s.matrix.data(), s.matrix.data() + s.matrix.size()},
+          channels};
 }
 
 const std::regex kTimingLine("took [0-9]+ms to run\\.\n");
 
-// The record as the hand-written wire reader of tests/scripts sees it.
-using Summary = std::map<std::string, std::vector<std::string>>;
-Summary ReadRecord(const std::string& path) {
+// The reader's output: the words after each key, those of repeated keys
+// appended (orderInfo gives five words per entry).
+using Words = std::vector<std::string>;
+std::map<std::string, Words> ReadRecord(const std::string& path) {
   const auto r = frfcam::test::RunCommand(std::string(FRFCAM_SYSTEM_PYTHON) + " " +
-                                          FRFCAM_TEST_SCRIPTS + "/read_stab_record.py " + path);
-  EXPECT_EQ(r.status, 0) << r.err;
-  Summary summary;
+                                          FRFCAM_TEST_SCRIPTS + "/read_record_protobuf.py " +
+                                          FRFCAM_TEST_SCRIPTS + "/../../proto " + path);
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  std::map<std::string, Words> record;
   std::istringstream lines(r.out);
-  std::string line;
-  while (std::getline(lines, line)) {
+  for (std::string line; std::getline(lines, line);) {
     std::istringstream words(line);
-    std::string key, word;
+    std::string key;
     words >> key;
-    while (words >> word) summary[key].push_back(word);
+    for (std::string word; words >> word;) record[key].push_back(word);
   }
-  return summary;
+  return record;
 }
 
-long Number(const Summary& s, const std::string& key, std::size_t i = 0) {
-  const auto it = s.find(key);
-  if (it == s.end() || it->second.size() <= i) return -1;
-  return std::stol(it->second[i]);
+std::vector<double> Numbers(const Words& words) {
+  std::vector<double> values;
+  for (const std::string& w : words) values.push_back(std::stod(w));
+  return values;
 }
 
-class StabilityExport : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (!frfcam::test::HaveSystemPython("struct")) GTEST_SKIP() << "no system python";
-  }
-  ScratchDir dir_;
-};
-
-TEST_F(StabilityExport, ReplacesTheFileWithTheRecordAndPrintsTheTimingLine) {
-  const Inputs in = KnownSystem(dir_.file("record.pb"));
+TEST(StabilityExport, ReplacesTheFileWithTheWholeRecord) {
+  if (!frfcam::test::HaveSystemPython("google.protobuf")) GTEST_SKIP() << "no python3-protobuf";
+  ScratchDir dir;
+  const Inputs in = KnownSystem(dir.file("record.pb"));
   std::ofstream(in.path, std::ios::binary) << std::string(4 << 20, '\xff');
-  const ChildResult r = RunInChild([&] { return in.Call(); });
-  ASSERT_EQ(r.code, 0);
+  const auto r = RunInChild([&] { return in.Call(); });
+  ASSERT_EQ(r.status, 0);
   EXPECT_TRUE(std::regex_match(r.out, kTimingLine)) << r.out;
   EXPECT_EQ(r.err, "");
+  EXPECT_LT(fs::file_size(in.path), 4u << 20);  // truncated, not written over in place
 
-  const Summary s = ReadRecord(in.path);
-  EXPECT_EQ(Number(s, "size"), static_cast<long>(fs::file_size(in.path)));
-  EXPECT_LT(fs::file_size(in.path), 4u << 20);  // replaced, not appended to
-  EXPECT_EQ(Number(s, "packed"), 1);
-  // Fields in ascending number, each once; frfnum and the last order's
-  // poles may be empty, the rest is all there.
-  std::vector<int> tags;
-  for (const std::string& t : s.at("tags")) tags.push_back(std::stoi(t));
-  EXPECT_TRUE(std::is_sorted(tags.begin(), tags.end()) &&
-              std::adjacent_find(tags.begin(), tags.end()) == tags.end());
-  for (int required : {1, 5, 6, 7, 8, 9, 10, 11}) {
-    EXPECT_NE(std::find(tags.begin(), tags.end(), required), tags.end()) << required;
+  auto record = ReadRecord(in.path);
+  // Fields in ascending number, each once; frfnum is left out with flag1 clear.
+  EXPECT_EQ(record["tags"], (Words{"1", "2", "3", "5", "6", "7", "8", "9", "10", "11"}));
+  EXPECT_EQ(record["packed"], Words{"1"});
+  EXPECT_EQ(record["numOrders"], Words{"11"});
+  const Words& orderInfo = record["orderInfo"];
+  ASSERT_EQ(orderInfo.size(), 5u * 10);  // orders 11..20; 10 is only a reference
+  for (int k = 0; k < 10; ++k) EXPECT_EQ(orderInfo[5 * k], std::to_string(11 + k));
+  EXPECT_EQ(record["eigenFrequency"].size(), record["dampingFactor"].size());
+
+  // Every mode selected once, a residue for each, both residual terms, and
+  // the model of the single FRF at every line.
+  const std::vector<double> selected = Numbers(record["selected_poles"]);
+  const auto modes = frfcam::stability::DefaultFiveModeSystem().modes;
+  ASSERT_EQ(selected.size(), modes.size());
+  for (const auto& mode : modes) {
+    int hits = 0;
+    for (double f : selected) hits += std::abs(f / mode.frequencyHz - 1.0) < 1e-3;
+    EXPECT_EQ(hits, 1) << mode.frequencyHz;
   }
-  EXPECT_EQ(Number(s, "numOrders"), 11);
-  ASSERT_EQ(Number(s, "orderInfo"), 10);
-  for (int k = 0; k < 10; ++k) EXPECT_EQ(Number(s, "order_num", k), 11 + k);
-  EXPECT_EQ(s.at("sfdo").size(), 40u);
-  EXPECT_EQ(s.at("eigenFrequency").size(), s.at("dampingFactor").size());
-  const std::size_t selected = s.at("selected_poles").size();
-  EXPECT_GT(selected, 0u);
-  EXPECT_EQ(s.at("selected_dampingfactor").size(), selected);
-  EXPECT_EQ(Number(s, "residues"), static_cast<long>(selected));
-  EXPECT_EQ(Number(s, "frfm"), in.lines());
-  EXPECT_EQ(s.at("lower_residual").size(), 2u);
-  EXPECT_EQ(s.at("upper_residual").size(), 2u);
+  EXPECT_EQ(record["selected_dampingfactor"].size(), selected.size());
+  EXPECT_EQ(record["residues"].size(), 2 * selected.size());
+  EXPECT_EQ(record["lower_residual"].size(), 2u);
+  EXPECT_EQ(record["upper_residual"].size(), 2u);
+  const std::vector<double> frfm = Numbers(record["frfm"]);
+  ASSERT_EQ(frfm.size(), 2u * in.lines());
+  const Eigen::Map<const Eigen::VectorXcd> model(
+      reinterpret_cast<const std::complex<double>*>(frfm.data()), in.lines());
+  const Eigen::Map<const Eigen::VectorXcd> data(in.frf.data(), in.lines());
+  EXPECT_LT((model - data).norm() / data.norm(), 1e-2);
 }
 
-TEST_F(StabilityExport, WithoutStablePolesTheModalFieldsStayAbsent) {
-  // Zero tolerances: no pole is ever stable against the order below.
-  Inputs in = KnownSystem(dir_.file("record.pb"));
-  in.frequencyTolerance = 0.0;
-  in.dampingTolerance = 0.0;
-  ASSERT_EQ(RunInChild([&] { return in.Call(); }).code, 0);
-  const Summary s = ReadRecord(in.path);
-  for (const std::string& tag : s.at("tags")) EXPECT_LE(std::stoi(tag), 5) << tag;
-  EXPECT_EQ(Number(s, "orderInfo"), 10);
-  EXPECT_EQ(s.at("lower_residual"), std::vector<std::string>({"absent"}));
-  EXPECT_EQ(s.at("upper_residual"), std::vector<std::string>({"absent"}));
-  EXPECT_EQ(Number(s, "frfm"), 0);
+TEST(StabilityExport, WithoutStablePolesTheModalFieldsStayAbsent) {
+  if (!frfcam::test::HaveSystemPython("google.protobuf")) GTEST_SKIP() << "no python3-protobuf";
+  ScratchDir dir;
+  Inputs in = KnownSystem(dir.file("record.pb"));
+  in.frequencyTolerance = in.dampingTolerance = 0.0;  // never stable against the order below
+  ASSERT_EQ(RunInChild([&] { return in.Call(); }).status, 0);
+  auto record = ReadRecord(in.path);
+  EXPECT_EQ(record["tags"], (Words{"1", "5"}));
+  EXPECT_EQ(record["lower_residual"], Words{"absent"});
 }
 
-TEST_F(StabilityExport, UnwritableFileIsReportedAndStillSucceeds) {
-  const Inputs in = KnownSystem(dir_.file("no-such-dir/record.pb"));
-  const ChildResult r = RunInChild([&] { return in.Call(); });
-  EXPECT_EQ(r.code, 0);
+TEST(StabilityExport, UnwritableFileIsReportedAndStillSucceeds) {
+  ScratchDir dir;
+  const Inputs in = KnownSystem(dir.file("no-such-dir/record.pb"));
+  const auto r = RunInChild([&] { return in.Call(); });
+  EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.err, "Failed to write address book.\n");
   EXPECT_TRUE(std::regex_match(r.out, kTimingLine)) << r.out;
-  EXPECT_FALSE(fs::exists(dir_.path() / "no-such-dir"));
+  EXPECT_FALSE(fs::exists(dir.path() / "no-such-dir"));
 }
 
-TEST_F(StabilityExport, InvalidInputGivesItsCodeAndNothingElse) {
+TEST(StabilityExport, InvalidInputGivesItsCodeAndNothingElse) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   const double inf = std::numeric_limits<double>::infinity();
   struct Case {
     const char* what;
     int code;
     std::function<void(Inputs&)> spoil;
-    bool nullPath = false;
-    int nullArray = 0;  // 1 frf, 2 matrix, 3 frequencies
   };
   const std::vector<Case> cases = {
-      {"null path", FRFCAM_STABILITY_NULL_ARGUMENT, [](Inputs&) {}, true},
-      {"null frf", FRFCAM_STABILITY_NULL_ARGUMENT, [](Inputs&) {}, false, 1},
-      {"null matrix", FRFCAM_STABILITY_NULL_ARGUMENT, [](Inputs&) {}, false, 2},
-      {"null frequencies", FRFCAM_STABILITY_NULL_ARGUMENT, [](Inputs&) {}, false, 3},
+      {"null path", FRFCAM_STABILITY_NULL_ARGUMENT, [](Inputs& in) { in.path.clear(); }},
+      {"null matrix", FRFCAM_STABILITY_NULL_ARGUMENT, [](Inputs& in) { in.matrix.clear(); }},
       {"one line", FRFCAM_STABILITY_TOO_FEW_LINES, [](Inputs& in) { in.omega.resize(1); }},
-      {"no lines, null arrays", FRFCAM_STABILITY_TOO_FEW_LINES,
-       [](Inputs& in) {
-         in.omega.clear();
-         in.frf.clear();
-         in.matrix.clear();
-       }},
       {"no channel", FRFCAM_STABILITY_NO_CHANNELS, [](Inputs& in) { in.channels = 0; }},
-      {"negative channels", FRFCAM_STABILITY_NO_CHANNELS, [](Inputs& in) { in.channels = -2; }},
       {"order 0", FRFCAM_STABILITY_BAD_MIN_ORDER, [](Inputs& in) { in.minOrder = 0; }},
-      {"one order", FRFCAM_STABILITY_BAD_ORDER_RANGE,
-       [](Inputs& in) { in.maxOrder = in.minOrder; }},
-      {"reversed orders", FRFCAM_STABILITY_BAD_ORDER_RANGE,
-       [](Inputs& in) { in.maxOrder = in.minOrder - 1; }},
+      {"one order", FRFCAM_STABILITY_BAD_ORDER_RANGE, [](Inputs& in) { in.maxOrder = 2; }},
       {"lines = maxOrder + 1", FRFCAM_STABILITY_ORDER_TOO_HIGH,
        [](Inputs& in) { in.maxOrder = in.lines() - 1; }},
       {"INT_MAX order", FRFCAM_STABILITY_ORDER_TOO_HIGH, [](Inputs& in) { in.maxOrder = INT_MAX; }},
       {"NaN frequency", FRFCAM_STABILITY_BAD_FREQUENCIES, [&](Inputs& in) { in.omega[7] = nan; }},
-      {"infinite frequency", FRFCAM_STABILITY_BAD_FREQUENCIES,
-       [&](Inputs& in) { in.omega.back() = inf; }},
       {"equal frequencies", FRFCAM_STABILITY_BAD_FREQUENCIES,
-       [](Inputs& in) { std::fill(in.omega.begin(), in.omega.end(), 100.0); }},
+       [](Inputs& in) { in.omega.assign(in.omega.size(), 100.0); }},
       {"NaN in frf", FRFCAM_STABILITY_BAD_FRF,
        [&](Inputs& in) {
          in.frf[3] = {0.0, nan};
@@ -243,27 +216,16 @@ TEST_F(StabilityExport, InvalidInputGivesItsCodeAndNothingElse) {
          in.matrix.back() = {inf, 0.0};
        }},
   };
+  ScratchDir dir;
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    Inputs in = KnownSystem(dir_.file("record.pb"), 40, 2);
-    fs::remove(in.path);
+    Inputs in = KnownSystem(dir.file("record.pb"), 40, 2);
     in.minOrder = 2;
     in.maxOrder = 8;
     c.spoil(in);
-    const ChildResult r = RunInChild([&] {
-      return ComputeStability(
-          c.nullPath ? nullptr : in.path.c_str(),
-          c.nullArray == 1 || in.frf.empty() ? nullptr
-                                             : reinterpret_cast<const double*>(in.frf.data()),
-          c.nullArray == 2 || in.matrix.empty() ? nullptr
-                                                : reinterpret_cast<const double*>(in.matrix.data()),
-          in.channels, c.nullArray == 3 ? nullptr : in.omega.data(), in.lines(), in.minOrder,
-          in.maxOrder, 0.01, 3, 0.01, 0.05, 1, 1);
-    });
-    EXPECT_EQ(r.code, c.code);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, "");
-    EXPECT_FALSE(fs::exists(in.path));
+    const auto r = RunInChild([&] { return in.Call(); });
+    EXPECT_EQ(r.status, c.code) << c.what;
+    EXPECT_EQ(r.out + r.err, "") << c.what;
+    EXPECT_FALSE(fs::exists(dir.file("record.pb"))) << c.what;
   }
 }
 

@@ -5,8 +5,9 @@
 #include <cmath>
 #include <complex>
 #include <numbers>
-#include <stdexcept>
 #include <vector>
+
+#include "stability/synthetic.h"
 
 namespace frfcam::stability {
 namespace {
@@ -20,8 +21,8 @@ struct Mode {
   cd residue;
 };
 
-// The modal model written out independently of the fit: the denominator in
-// its (iw)^2 + 2 zeta w_r (iw) + w_r^2 form.
+// The modal model written out independently of the fit and of the generator:
+// each mode as first-order partial fractions over its conjugate pole pair.
 struct Truth {
   std::vector<Mode> modes;
   cd upper{0.0, 0.0};
@@ -32,22 +33,18 @@ struct Truth {
     cd h = upper;
     for (const Mode& m : modes) {
       const double wr = kTwoPi * m.hz;
-      h += m.residue / (iw * iw + 2.0 * m.zeta * wr * iw + wr * wr);
+      const cd p(-m.zeta * wr, wr * std::sqrt(1.0 - m.zeta * m.zeta));
+      h += m.residue / ((iw - p) * (iw - std::conj(p)));
     }
     if (w != 0.0) h += lower / (iw * iw);
     return h;
   }
-  RealVector Hz() const {
-    RealVector v(static_cast<Eigen::Index>(modes.size()));
-    for (std::size_t r = 0; r < modes.size(); ++r) v[static_cast<Eigen::Index>(r)] = modes[r].hz;
-    return v;
+  ComplexVector Sample(const RealVector& omega) const {
+    return omega.unaryExpr([this](double w) { return At(w); });
   }
-  RealVector Zeta() const {
-    RealVector v(static_cast<Eigen::Index>(modes.size()));
-    for (std::size_t r = 0; r < modes.size(); ++r) {
-      v[static_cast<Eigen::Index>(r)] = modes[r].zeta;
-    }
-    return v;
+  RealVector Of(double Mode::*field) const {
+    return RealVector::NullaryExpr(static_cast<Eigen::Index>(modes.size()),
+                                   [&](Eigen::Index r) { return modes[r].*field; });
   }
 };
 
@@ -55,142 +52,81 @@ RealVector Omega(double fromHz, double toHz, int lines) {
   return kTwoPi * RealVector::LinSpaced(lines, fromHz, toHz);
 }
 
-ComplexVector Sample(const Truth& truth, const RealVector& omega) {
-  ComplexVector h(omega.size());
-  for (Eigen::Index i = 0; i < omega.size(); ++i) h[i] = truth.At(omega[i]);
-  return h;
-}
-
-// |a - b| <= tol * |b|, with a floor for values that should be zero.
-void ExpectNear(cd actual, cd expected, double tol, double floor, const char* what) {
+// |actual - expected| <= tol * max(|expected|, floor).
+void ExpectNear(cd actual, cd expected, double tol, const char* what, double floor = 0.0) {
   EXPECT_LE(std::abs(actual - expected), tol * std::max(std::abs(expected), floor))
       << what << ": got " << actual << ", expected " << expected;
 }
 
-// Three modes with mode-shape-like residues (scaled by w_r^2, as real
-// structures give) and both residual terms.
+// Three modes with residues scaled by w_r^2, as real structures give, and
+// both residual terms.
 Truth ThreeModes() {
-  Truth t;
-  t.modes = {{62.0, 0.02, cd(0.8, -0.1) * std::pow(kTwoPi * 62.0, 2)},
-             {145.0, 0.012, cd(-0.5, 0.3) * std::pow(kTwoPi * 145.0, 2)},
-             {310.0, 0.03, cd(1.2, 0.05) * std::pow(kTwoPi * 310.0, 2)}};
-  t.upper = cd(0.04, -0.01);
-  t.lower = cd(-3.0e3, 500.0);
-  return t;
+  const auto scaled = [](double hz, cd shape) { return shape * std::pow(kTwoPi * hz, 2); };
+  return {{{62.0, 0.02, scaled(62.0, {0.8, -0.1})},
+           {145.0, 0.012, scaled(145.0, {-0.5, 0.3})},
+           {310.0, 0.03, scaled(310.0, {1.2, 0.05})}},
+          {0.04, -0.01},
+          {-3.0e3, 500.0}};
 }
 
-TEST(ResidueFit, RecoversResiduesAndResidualTermsOfExactData) {
-  const Truth truth = ThreeModes();
-  const RealVector omega = Omega(20.0, 400.0, 2000);
-  const ComplexVector frf = Sample(truth, omega);
-
-  const ResidueFit fit = FitResidues(omega, frf, truth.Hz(), truth.Zeta());
-  ASSERT_EQ(fit.residues.size(), 3);
-  for (std::size_t r = 0; r < truth.modes.size(); ++r) {
-    ExpectNear(fit.residues[static_cast<Eigen::Index>(r)], truth.modes[r].residue, 1e-6, 0.0,
-               "residue");
+// Exact data are reproduced, with or without modes. At w = 0 the lower
+// residual term is undefined: that line takes no part in the fit, and the
+// model there is reported without the term.
+TEST(ResidueFit, RecoversTheModelOfExactData) {
+  const Truth residualsOnly{{}, {0.3, 0.1}, {-50.0, 20.0}};
+  for (const auto& [truth, omega] : {std::pair{ThreeModes(), Omega(0.0, 400.0, 2001)},
+                                     std::pair{residualsOnly, Omega(5.0, 100.0, 300)}}) {
+    ComplexVector frf = truth.Sample(omega);
+    if (omega[0] == 0.0) frf[0] = cd(1e6, 1e6);
+    const ResidueFit fit = FitResidues(omega, frf, truth.Of(&Mode::hz), truth.Of(&Mode::zeta));
+    ASSERT_EQ(fit.residues.size(), static_cast<Eigen::Index>(truth.modes.size()));
+    for (std::size_t r = 0; r < truth.modes.size(); ++r) {
+      ExpectNear(fit.residues[r], truth.modes[r].residue, 1e-6, "residue");
+    }
+    ExpectNear(fit.upperResidual, truth.upper, 1e-6, "upper residual");
+    ExpectNear(fit.lowerResidual, truth.lower, 1e-6, "lower residual");
+    ASSERT_EQ(fit.synthesised.size(), frf.size());
+    const Eigen::Index n = frf.size() - 1;
+    EXPECT_LE((fit.synthesised.tail(n) - frf.tail(n)).norm(), 1e-9 * frf.tail(n).norm());
+    ExpectNear(fit.synthesised[0], truth.At(omega[0]), 1e-6, "first line", 1e-3);
   }
-  ExpectNear(fit.upperResidual, truth.upper, 1e-6, 0.0, "upper residual");
-  ExpectNear(fit.lowerResidual, truth.lower, 1e-6, 0.0, "lower residual");
-  ASSERT_EQ(fit.synthesised.size(), frf.size());
-  EXPECT_LE((fit.synthesised - frf).norm(), 1e-9 * frf.norm());
 }
 
-TEST(ResidueFit, CloselySpacedModesAgreeWithAQrSolution) {
-  // Two heavily overlapping modes make the columns nearly dependent; the
-  // coefficients must still be those of a QR least-squares solve.
-  Truth truth;
-  truth.modes = {{100.0, 0.05, cd(1.0, 0.2) * 4e5},
-                 {100.2, 0.05, cd(-0.7, 0.1) * 4e5},
-                 {180.0, 0.01, cd(0.5, 0.0) * 1.3e6}};
-  truth.upper = cd(0.01, 0.0);
-  truth.lower = cd(100.0, 0.0);
-  const RealVector omega = Omega(30.0, 300.0, 1200);
-  ComplexVector frf = Sample(truth, omega);
-  for (Eigen::Index i = 0; i < frf.size(); ++i) frf[i] += 0.05 * cd(std::cos(0.9 * i), 0.0);
-
-  ComplexMatrix design(omega.size(), 5);
-  for (std::size_t r = 0; r < 3; ++r) {
-    Truth single;
-    single.modes = {{truth.modes[r].hz, truth.modes[r].zeta, 1.0}};
-    design.col(static_cast<Eigen::Index>(r)) = Sample(single, omega);
-  }
-  design.col(3).setOnes();
-  design.col(4) = (-omega.cwiseAbs2().cwiseInverse()).cast<cd>();
-  const ComplexVector reference = design.householderQr().solve(frf);
-
-  const ResidueFit fit = FitResidues(omega, frf, truth.Hz(), truth.Zeta());
-  for (Eigen::Index r = 0; r < 3; ++r) {
-    ExpectNear(fit.residues[r], reference[r], 1e-8, 0.0, "residue");
-  }
-  ExpectNear(fit.upperResidual, reference[3], 1e-8, 0.0, "upper residual");
-  ExpectNear(fit.lowerResidual, reference[4], 1e-7, 0.0, "lower residual");
-}
-
-TEST(ResidueFit, ConstantOffsetIsTheUpperResidual) {
-  const Truth truth = ThreeModes();
-  const RealVector omega = Omega(20.0, 400.0, 800);
-  const ComplexVector frf = ComplexVector::Constant(omega.size(), cd(2.5, -1.5));
-  const ResidueFit fit = FitResidues(omega, frf, truth.Hz(), truth.Zeta());
-  ExpectNear(fit.upperResidual, cd(2.5, -1.5), 1e-9, 0.0, "upper residual");
-  EXPECT_LE(std::abs(fit.lowerResidual), 1e-6);
-  EXPECT_LE(fit.residues.norm(), 1e-6);
-}
-
-TEST(ResidueFit, WithoutModesFitsTheResidualTermsAlone) {
-  Truth truth;
-  truth.upper = cd(0.3, 0.1);
-  truth.lower = cd(-50.0, 20.0);
-  const RealVector omega = Omega(5.0, 100.0, 300);
-  const ResidueFit fit = FitResidues(omega, Sample(truth, omega), RealVector(), RealVector());
-  EXPECT_EQ(fit.residues.size(), 0);
-  ExpectNear(fit.upperResidual, truth.upper, 1e-9, 0.0, "upper residual");
-  ExpectNear(fit.lowerResidual, truth.lower, 1e-9, 0.0, "lower residual");
-}
-
-TEST(ResidueFit, LineAtZeroFrequencyIsLeftOutOfTheFit) {
-  const Truth truth = ThreeModes();
-  const RealVector omega = Omega(0.0, 400.0, 2001);
-  ComplexVector frf = Sample(truth, omega);
-  frf[0] = cd(1e6, 1e6);  // whatever was measured at DC must not pull the fit
-  const ResidueFit fit = FitResidues(omega, frf, truth.Hz(), truth.Zeta());
-  for (std::size_t r = 0; r < truth.modes.size(); ++r) {
-    ExpectNear(fit.residues[static_cast<Eigen::Index>(r)], truth.modes[r].residue, 1e-6, 0.0,
-               "residue");
-  }
-  ExpectNear(fit.lowerResidual, truth.lower, 1e-6, 0.0, "lower residual");
-  // At DC the model is reported without the lower residual term.
-  Truth withoutLower = truth;
-  withoutLower.lower = 0.0;
-  ExpectNear(fit.synthesised[0], withoutLower.At(0.0), 1e-6, 1e-3, "synthesised at DC");
-  EXPECT_TRUE(fit.synthesised.allFinite());
-}
-
+// Selection with tolerance 0 can pass the same mode twice: the fit must stay
+// finite, split the residue between the copies and reproduce the data.
 TEST(ResidueFit, RepeatedModeStillSynthesisesTheData) {
-  // The same mode twice makes the system singular; the fit must stay finite,
-  // split the residue between the two copies and reproduce the data.
   Truth truth = ThreeModes();
   const RealVector omega = Omega(20.0, 400.0, 1000);
-  const ComplexVector frf = Sample(truth, omega);
-  RealVector hz = truth.Hz();
-  RealVector zeta = truth.Zeta();
-  hz.conservativeResize(4);
-  zeta.conservativeResize(4);
-  hz[3] = hz[1];
-  zeta[3] = zeta[1];
-  const ResidueFit fit = FitResidues(omega, frf, hz, zeta);
+  const ComplexVector frf = truth.Sample(omega);
+  truth.modes.push_back(truth.modes[1]);
+  const ResidueFit fit = FitResidues(omega, frf, truth.Of(&Mode::hz), truth.Of(&Mode::zeta));
   ASSERT_TRUE(fit.residues.allFinite());
-  ExpectNear(fit.residues[1] + fit.residues[3], truth.modes[1].residue, 1e-6, 0.0, "split residue");
+  ExpectNear(fit.residues[1] + fit.residues[3], truth.modes[1].residue, 1e-6, "split residue");
   EXPECT_LE((fit.synthesised - frf).norm(), 1e-8 * frf.norm());
 }
 
-TEST(ResidueFit, MismatchedSizesAreRejected) {
-  const RealVector omega = Omega(1.0, 2.0, 10);
-  EXPECT_THROW(FitResidues(omega, ComplexVector::Zero(9), RealVector(), RealVector()),
-               std::invalid_argument);
-  EXPECT_THROW(
-      FitResidues(omega, ComplexVector::Zero(10), RealVector::Ones(2), RealVector::Ones(1)),
-      std::invalid_argument);
+// The generator behind the estimator tests agrees with the model above.
+TEST(SyntheticFrfs, MatchTheModalModel) {
+  SyntheticSystem s{{{50.0, 0.02}, {130.0, 0.01}}, 20.0, 200.0, 361, 3};
+  s.upperResidual = {0.3, -0.1};
+  s.lowerResidual = {2.0e4, 1.0e3};
+  const SyntheticFrfs out = SynthesizeFrfs(s);
+  ASSERT_EQ(out.matrix.rows(), 361);
+  ASSERT_EQ(out.matrix.cols(), 3);
+  EXPECT_LT((out.omega - Omega(20.0, 200.0, 361)).norm(), 1e-9);
+  EXPECT_EQ(out.frf, ComplexVector(out.matrix.col(0)));
+  for (int c = 0; c < 3; ++c) {
+    Truth t;
+    for (std::size_t r = 0; r < s.modes.size(); ++r) {
+      t.modes.push_back({s.modes[r].frequencyHz, s.modes[r].damping, out.residues[c][r]});
+    }
+    if (c == 0) {
+      t.upper = s.upperResidual;
+      t.lower = s.lowerResidual;
+    }
+    EXPECT_LE((out.matrix.col(c) - t.Sample(out.omega)).norm(), 1e-12 * out.matrix.col(c).norm());
+  }
+  EXPECT_NE(out.residues[0][1], out.residues[1][1]);  // channels see the modes differently
 }
 
 }  // namespace
