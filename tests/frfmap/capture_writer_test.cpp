@@ -191,26 +191,6 @@ std::complex<double> Bin(const auto* x, std::size_t stride, std::size_t n, std::
   return sum / static_cast<double>(n);
 }
 
-TEST(PlateScene, IsDeterministicInItsSeedAndStaysOnTheTwelveBitScale) {
-  SceneSpec desc;
-  desc.width = 40;
-  desc.height = 30;
-  desc.frames = 64;
-  const PlateScene a(desc), b(desc);
-  const std::vector<std::uint16_t> frames = Frames(a);
-  EXPECT_EQ(frames, Frames(b));
-  std::vector<std::uint16_t> again(40 * 30);
-  a.Frame(17, again.data());
-  EXPECT_TRUE(std::equal(again.begin(), again.end(), &frames[17 * 40 * 30]));
-  EXPECT_EQ(a.excitation(), b.excitation());
-  EXPECT_LE(*std::max_element(frames.begin(), frames.end()), 4095);
-
-  desc.seed = 2;
-  const PlateScene c(desc);
-  EXPECT_NE(frames, Frames(c));
-  EXPECT_NE(a.excitation(), c.excitation());
-}
-
 TEST(PlateScene, DefaultModesShowDistinctShapesAtTheirFrequencies) {
   SceneSpec desc;
   desc.width = 64;

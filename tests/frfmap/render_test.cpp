@@ -310,23 +310,6 @@ TEST(OpenCube, RefusesCapturesItCannotRender) {
   DeleteFrfMapCalcs(calcs);
 }
 
-TEST(GetCubeDims, ReportsTheOpenedCapture) {
-  ScratchDir dir;
-  const std::string h = dir.file("h.hdr");
-  WriteHeader(h, 1000, 1000, 1000, 500);
-  FrfMapCalcs* calcs = CreateFrfMapCalcs("dims");
-  EXPECT_EQ(GetCubeDims(calcs, nullptr, nullptr, nullptr), 0u);
-  ASSERT_EQ(OpenCube(calcs, h.c_str()), 0);
-  unsigned w = 0, hh = 0, bins = 0;
-  EXPECT_EQ(GetCubeDims(calcs, &w, &hh, &bins), 501u);
-  EXPECT_EQ(w, 1000u);
-  EXPECT_EQ(hh, 1000u);
-  EXPECT_EQ(bins, 501u);
-  DeleteFrfMapCalcs(calcs);
-  EXPECT_EQ(GetCubeDims(nullptr, &w, &hh, &bins), 0u);
-  EXPECT_EQ(w, 0u);
-}
-
 TEST(DeleteCube, RemovesCubeFilesBelowAFolderOnly) {
   ScratchDir dir;
   const fs::path root = dir.path() / "runs";
