@@ -58,7 +58,6 @@ class FrfMapCalcs {
   int ReadFRFMap(int bin, float gain, unsigned char* map);
 
   const std::vector<std::complex<float>>& reference() const { return reference_; }
-  std::uint32_t block_pixels() const { return block_pixels_; }
 
  private:
   void ReleaseOpening();
