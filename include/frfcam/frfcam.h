@@ -332,9 +332,9 @@ FRFCAM_API void DeleteCube(FrfMapCalcs* calcs, const char* folder);
  *
  * Console: when the record cannot be written, "Failed to write address
  * book." and a line end go to stderr and the call still returns 0. Every call
- * that passes the checks prints "took N ms to run." and a line end to stdout,
- * N being the whole milliseconds from the start of the estimation to the
- * closing of the file.
+ * that passes the checks prints "took " N "ms to run." and a line end to
+ * stdout (for example "took 27ms to run."), N being the whole milliseconds
+ * from the start of the estimation to the closing of the file.
  *
  * Returns FRFCAM_STABILITY_OK (0) or one of the negative codes above. The
  * call keeps no state; concurrent calls are independent when they write
