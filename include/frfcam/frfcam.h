@@ -1,7 +1,7 @@
 /*
  * frfcam — camera-based vibration analysis.
  *
- * This is the one public header of the frfcam library. It is plain C (C99 or
+ * This is the one public header of the frfcam library. It is plain C (C11 or
  * later, or C++), and every function below is exported from the shared
  * library with C linkage. Nothing else is exported.
  *
@@ -45,6 +45,12 @@
  * cube is written to DIR/NAME/NAME_0001.fft, NAME_0002.fft, ... Numbers have
  * at least four digits. Each cube file holds whole bin planes (W x H complex
  * float pairs, real first, little-endian) and stays below 2 GiB.
+ *
+ * Frame data and cube files are read through memory mappings: they must not
+ * be truncated by another process while an object reads them (the system
+ * would stop the process). A render writes new cube files in place of old
+ * ones rather than truncating them, so objects reading an older cube are
+ * safe from renders of this library.
  *
  * ----------------------------------------------------------------------------
  * Threads
