@@ -32,9 +32,9 @@ bool SpectrumKernel::Prepare(std::int32_t frames) {
   const std::size_t count = static_cast<std::size_t>(frames) * kSeries;
   FftBuffer<fftwf_complex> scratch = AllocateFftBuffer<fftwf_complex>(count);
   if (!scratch) return false;
-  // Two real pixels travel as one complex series; eight series are
-  // transformed together, interleaved, so each pass over a frame's samples
-  // is one contiguous run of 16 values.
+  // Two real pixels travel as one complex series; a panel's series are
+  // transformed together, interleaved, so each frame's samples of a panel
+  // are one contiguous run of kPanelPixels values.
   const int n = frames;
   {
     std::lock_guard<std::mutex> lock(FftPlannerMutex());
@@ -83,7 +83,7 @@ void SpectrumKernel::TransformPanel(const std::uint16_t* samples, std::uint32_t 
                                     fftwf_complex* work) const {
   const std::size_t frames = static_cast<std::size_t>(frames_);
   float* w = reinterpret_cast<float*>(work);
-  // Gather: frame f's 16 samples become the (re, im) pairs of the eight
+  // Gather: frame f's samples of the panel become the (re, im) pairs of its
   // series at row f. A short last panel is padded with zeros.
   if (count == kPanelPixels) {
     for (std::size_t f = 0; f < frames; ++f) {
