@@ -1,6 +1,6 @@
 // Reading a whole 12-bit capture through the capture reader in row blocks,
 // against plain fread of the same files in the same run.
-// Arguments: [frames (1000)] [rows per block (the render's plan)].
+// Arguments: [frames (1000)] [rows per block (the memory plan's block)].
 #include <cstdio>
 #include <vector>
 
@@ -32,8 +32,8 @@ int main(int argc, char** argv) {
       if (f != nullptr) std::fclose(f);
     }
   };
-  // The reader in the row blocks a render of this capture uses (or as many
-  // rows as the second argument says), unpacking every sample.
+  // The reader in row blocks of the memory plan's size (or as many rows as
+  // the second argument says), unpacking every sample.
   const std::uint32_t rows =
       argc > 2 ? static_cast<std::uint32_t>(std::atoi(argv[2]))
                : frfmap::PlanBlockPixels(w, h, frames, platform::AvailablePhysicalMemory()) / w;
