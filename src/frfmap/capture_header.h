@@ -33,8 +33,6 @@ struct CaptureHeader {
   std::uint64_t frame_bytes() const;
   // Bytes per pixel as read: 1.5 for 12-bit packed, 1 otherwise.
   double bytes_per_pixel() const { return packed12() ? 1.5 : 1.0; }
-  // Bytes read for a run of `n` pixels (whole part of n x factor).
-  std::uint64_t run_bytes(std::uint64_t n) const { return packed12() ? n * 3 / 2 : n; }
 
   // Reads up to 2998 bytes of the file; false when it cannot be opened or is
   // shorter than a header. The header is left unchanged on failure.
