@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <vector>
 
+#include "frfmap/capture_fixture.h"
 #include "frfmap/capture_writer.h"
 #include "frfmap/naming.h"
 #include "support/test_support.h"
@@ -60,18 +61,6 @@ void ExpectRun(CaptureReader& reader, const CaptureSpec& desc, std::uint64_t fir
           << "frame " << f << " pixel " << first + i;
     }
   }
-}
-
-CaptureSpec MakeCapture(std::uint16_t w, std::uint16_t h, std::int32_t frames, std::uint32_t format,
-                        std::uint32_t per_file) {
-  CaptureSpec s;
-  s.width = w;
-  s.height = h;
-  s.frames = frames;
-  s.fps = 1000.0;
-  s.pixel_format = format;
-  s.frames_per_file = per_file;
-  return s;
 }
 
 TEST(CaptureReader, ReadsBackEveryFormatAndRun) {

@@ -14,6 +14,7 @@
 #include <numbers>
 #include <vector>
 
+#include "frfmap/capture_fixture.h"
 #include "frfmap/synthetic_scene.h"
 #include "support/test_support.h"
 
@@ -43,25 +44,14 @@ FrameSource PatternSource(std::size_t pixels) {
   };
 }
 
-CaptureSpec MakeCapture(std::uint16_t w, std::uint16_t h, std::int32_t frames, std::uint32_t format,
-                        std::uint32_t fpd) {
-  CaptureSpec s;
-  s.width = w;
-  s.height = h;
-  s.frames = frames;
-  s.fps = 1234.5;
-  s.pixel_format = format;
-  s.frames_per_file = fpd;
-  return s;
-}
-
 // ---- Header and division files -------------------------------------------
 
 TEST(CaptureWriter, HeaderHoldsTheFieldsAtTheirOffsetsAndNothingElse) {
   test::ScratchDir dir;
   const std::string hdr = dir.file("plate.hdr");
   std::string error;
-  ASSERT_TRUE(WriteCapture(hdr, MakeCapture(300, 200, 7, 1, 3), PatternSource(60000), &error))
+  ASSERT_TRUE(
+      WriteCapture(hdr, MakeCapture(300, 200, 7, 1, 3, 1234.5), PatternSource(60000), &error))
       << error;
   Bytes h = ReadAll(hdr);
   ASSERT_EQ(h.size(), 2998u);
