@@ -2,6 +2,8 @@
 
 #include <filesystem>
 
+#include "frfmap/capture_header.h"
+#include "frfmap/cube_record.h"
 #include "frfmap/naming.h"
 
 namespace frfcam::frfmap {
@@ -51,6 +53,15 @@ std::size_t CubeFileSet::ReadInPlane(std::uint32_t bin, std::uint64_t offset, vo
   const platform::File* f = FileFor(bin);
   if (f == nullptr) return 0;
   return f->ReadAt(layout_.Locate(bin).offset + offset, data, size);
+}
+
+bool CubeIsComplete(const std::string& header_path) {
+  CaptureHeader header;
+  if (!header.Load(header_path) || header.frame_count() < 1) return false;
+  CubeRecord record;
+  return ReadCubeRecord(header_path, &record) == RecordState::kValid && record.complete &&
+         record.width == header.width() && record.height == header.height() &&
+         record.bins == static_cast<std::uint32_t>(header.frame_count() / 2 + 1);
 }
 
 std::size_t DeleteCubeFiles(const std::string& folder) {

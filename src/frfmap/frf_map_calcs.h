@@ -83,6 +83,8 @@ class FrfMapCalcs {
   // and the map as it is made.
   static constexpr std::size_t kMapChunkPixels = 32768;
   FftBuffer<float> read_chunk_;
+  // The render whose cube files the read handles belong to (0: unknown).
+  std::uint64_t read_generation_ = 0;
   std::vector<std::uint8_t> staged_map_;
 
   std::uint32_t width_ = 0;

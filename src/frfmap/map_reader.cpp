@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "frfmap/cube_record.h"
 #include "frfmap/fft.h"
 #include "frfmap/frf_map_calcs.h"
 #include "platform/platform.h"
@@ -73,6 +74,27 @@ int FrfMapCalcs::ReadFRFMap(int bin, float gain, unsigned char* map) {
   const CubeLayout& layout = cubes_.layout();
   if (bin < 0 || layout.plane_bytes == 0) return 0;
   const std::size_t pixels = static_cast<std::size_t>(width_) * height_;
+  const std::uint64_t plane = layout.plane_bytes;
+
+  // Only what the cube's completion record says is written is read: the
+  // rows of a cube being rendered (or cancelled) are complete only up to its
+  // count, and a record for other dimensions means the cube opened is gone.
+  const std::string& header_path = reader_.header_path();
+  CubeRecord before;
+  const RecordState state = ReadCubeRecord(header_path, &before);
+  if (state == RecordState::kInvalid) return 0;
+  const std::uint64_t generation = state == RecordState::kValid ? before.generation : 0;
+  if (generation != read_generation_) {
+    cubes_.Close();  // handles of an earlier render's files
+    read_generation_ = generation;
+  }
+  if (state == RecordState::kValid) {
+    if (before.width != width_ || before.height != height_ || before.bins != bins_) return 0;
+    if (!before.complete) {
+      return static_cast<int>(std::min<std::uint64_t>(
+          plane, static_cast<std::uint64_t>(before.rows) * width_ * kSpectrumValueBytes));
+    }
+  }
 
   // The plane goes through a small buffer that stays in the cache, chunk by
   // chunk, into a map of the object's own: the caller's map is written only
@@ -98,6 +120,15 @@ int FrfMapCalcs::ReadFRFMap(int bin, float gain, unsigned char* map) {
       QuantiseQuotients(read_chunk_.get(), count, reference_[b], gain, staged_map_.data() + p0);
     } else {
       QuantiseMagnitudes(read_chunk_.get(), count, gain, staged_map_.data() + p0);
+    }
+  }
+  // A render that began while the plane was read may have replaced part of
+  // it: then nothing of it is known to be complete.
+  if (state == RecordState::kValid) {
+    CubeRecord after;
+    if (ReadCubeRecord(header_path, &after) != RecordState::kValid ||
+        after.generation != before.generation || !after.complete) {
+      return 0;
     }
   }
   std::memcpy(map, staged_map_.data(), pixels);
