@@ -84,17 +84,14 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
   std::atomic<bool> write_failed{false};
   std::atomic<bool> worker_failed{false};  // an exception (out of memory) on an I/O thread
 
-  // Reader: frames that cannot be read render as zero brightness rather than
-  // as whatever an earlier block left in the buffer.
+  // Reader.
   auto read_blocks = [&] {
     try {
       for (const Block& b : blocks) {
         const std::optional<int> slot = raw_free.Pop();
         if (!slot) break;
-        std::uint16_t* dst = raw[*slot].get();
-        if (!reader_.ReadBlock(b.start, b.n, frames, dst, records.get())) {
-          std::memset(dst, 0, static_cast<std::size_t>(frames) * b.n * sizeof(std::uint16_t));
-        }
+        // Frames that cannot be read are zero; the others are read all the same.
+        reader_.ReadBlock(b.start, b.n, frames, raw[*slot].get(), records.get());
         raw_full.Push(*slot);
       }
     } catch (...) {
@@ -132,7 +129,7 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
   int status = kRenderOk;
   std::size_t transformed = 0;
   std::uint32_t done = 0;
-  int last_percent = -1;
+  int last_percent = 0;  // a value is reported only when it exceeds the last
   const std::uint32_t sub_block = std::max<std::uint32_t>(sub_block_pixels_, 1);
   std::thread reader, writer;
   try {
@@ -150,7 +147,7 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
         done += last - first;
         const int percent =
             static_cast<int>(static_cast<std::uint64_t>(done) * 100 / total_pixels_);
-        if (percent != last_percent && cancel_.load(std::memory_order_relaxed) == 0) {
+        if (percent > last_percent && cancel_.load(std::memory_order_relaxed) == 0) {
           last_percent = percent;
           if (progress) progress(percent);
         }
