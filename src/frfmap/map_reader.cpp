@@ -1,5 +1,7 @@
 // FRF maps: one bin plane of the cube, divided by the reference spectrum at
 // that bin, as gained magnitudes quantised to 8 bits.
+#include <tbb/task_group.h>
+
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
@@ -101,12 +103,13 @@ int FrfMapCalcs::ReadFRFMap(int bin, float gain, unsigned char* map) {
     }
   }
 
-  // The plane goes through a small buffer that stays in the cache, chunk by
-  // chunk, into a map of the object's own: the caller's map is written only
-  // once the whole plane has been read, so a file cut short (even while it is
-  // read) leaves it untouched.
+  // The plane goes through two small buffers that stay in the cache, chunk by
+  // chunk, into a map of the object's own: the calling thread reads the next
+  // chunk while a pool task quantises the last one, and the caller's map is
+  // written only once the whole plane has been read, so a file cut short
+  // (even while it is read) leaves it untouched.
   if (!read_chunk_) {
-    read_chunk_ = AllocateFftBuffer<float>(2 * kMapChunkPixels);
+    read_chunk_ = AllocateFftBuffer<float>(4 * kMapChunkPixels);
     if (!read_chunk_) return kReadNoMemory;
   }
   if (staged_map_.size() != pixels) staged_map_.assign(pixels, 0);
@@ -115,14 +118,31 @@ int FrfMapCalcs::ReadFRFMap(int bin, float gain, unsigned char* map) {
   // A bin beyond the reference reads unreferenced (as a zero value does).
   const std::complex<float> reference = b < reference_.size() ? reference_[b] : 0.0f;
   std::size_t read = 0;
-  for (std::size_t p0 = 0; p0 < pixels; p0 += kMapChunkPixels) {
-    const std::size_t count = std::min(kMapChunkPixels, pixels - p0);
-    const std::size_t bytes = count * kSpectrumValueBytes;
-    const std::size_t got = cubes_.ReadInPlane(b, read, read_chunk_.get(), bytes);
-    read += got;
-    if (got != bytes) return static_cast<int>(read);
-    Quantise(read_chunk_.get(), count, reference, gain, staged_map_.data() + p0);
+  bool whole = true;
+  {
+    tbb::task_group group;
+    try {
+      for (std::size_t p0 = 0, k = 0; p0 < pixels; p0 += kMapChunkPixels, ++k) {
+        const std::size_t count = std::min(kMapChunkPixels, pixels - p0);
+        const std::size_t bytes = count * kSpectrumValueBytes;
+        float* chunk = read_chunk_.get() + (k % 2) * 2 * kMapChunkPixels;
+        const std::size_t got = cubes_.ReadInPlane(b, read, chunk, bytes);
+        read += got;
+        group.wait();  // the other buffer's chunk is done before it is reused
+        if (got != bytes) {
+          whole = false;
+          break;
+        }
+        std::uint8_t* out = staged_map_.data() + p0;
+        group.run([=] { Quantise(chunk, count, reference, gain, out); });
+      }
+    } catch (...) {
+      group.wait();
+      throw;
+    }
+    group.wait();
   }
+  if (!whole) return static_cast<int>(read);
   // A render that began while the plane was read may have replaced part of
   // it: then nothing of it is known to be complete.
   if (state == RecordState::kValid) {
