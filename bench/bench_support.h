@@ -1,6 +1,7 @@
 // Shared pieces of the benchmarks: timing, medians and synthetic captures.
 #pragma once
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +22,18 @@ inline double Seconds(const std::function<void()>& f) {
   const auto t0 = std::chrono::steady_clock::now();
   f();
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
+// CPU seconds (user + system, every thread of the process) spent in f.
+inline double CpuSeconds(const std::function<void()>& f) {
+  auto now = [] {
+    rusage u{};
+    ::getrusage(RUSAGE_SELF, &u);
+    return u.ru_utime.tv_sec + u.ru_stime.tv_sec + 1e-6 * (u.ru_utime.tv_usec + u.ru_stime.tv_usec);
+  };
+  const double t0 = now();
+  f();
+  return now() - t0;
 }
 
 inline double Median(std::vector<double> v) {
