@@ -25,15 +25,17 @@ constexpr std::int32_t kFrames = 4;  // bins 0, 1, 2
 // A header for a 4 x 2, 4-frame capture and a cube of three planes whose
 // bin b, pixel p holds planes[b][p].
 std::string WriteCube(const ScratchDir& dir,
-                      const std::vector<std::vector<std::complex<float>>>& planes) {
+                      const std::vector<std::vector<std::complex<float>>>& planes,
+                      std::uint8_t w = kW, std::uint8_t h = kH) {
   const std::string header = dir.file("m.hdr");
-  std::vector<char> h(2998, 0);
-  h[176] = kW;
-  h[178] = kH;
-  h[180] = 1;
-  h[464] = 10;
-  h[468] = kFrames;
-  std::ofstream(header, std::ios::binary).write(h.data(), static_cast<std::streamsize>(h.size()));
+  std::vector<char> bytes(2998, 0);
+  bytes[176] = static_cast<char>(w);
+  bytes[178] = static_cast<char>(h);
+  bytes[180] = 1;
+  bytes[464] = 10;
+  bytes[468] = kFrames;
+  std::ofstream(header, std::ios::binary)
+      .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
   fs::create_directories(dir.path() / "m");
   std::ofstream cube(dir.path() / "m" / "m_0001.fft", std::ios::binary);
   for (const auto& plane : planes) {
@@ -51,8 +53,9 @@ struct Opened {
     EXPECT_EQ(OpenCube(calcs, header.c_str()), 0);
   }
   ~Opened() { DeleteFrfMapCalcs(calcs); }
-  std::vector<unsigned char> Map(int bin, float gain, int* result = nullptr) {
-    std::vector<unsigned char> m(kW * kH, 77);
+  std::vector<unsigned char> Map(int bin, float gain, int* result = nullptr,
+                                 std::size_t pixels = kW * kH) {
+    std::vector<unsigned char> m(pixels, 77);
     const int r = ReadFRFMap(calcs, bin, gain, m.data());
     if (result != nullptr)
       *result = r;
@@ -74,6 +77,50 @@ TEST(ReadFRFMap, RoundsTiesToEvenAndSaturates) {
   EXPECT_EQ(o.Map(1, 2.0f), (V{5, 7, 255, 5, 255, 0, 255, 1}));
   EXPECT_EQ(o.Map(1, -1.0f), V(8, 0));
   EXPECT_EQ(o.Map(0, 1.0f), V(8, 0));
+}
+
+// Maps are made 32 pixels at a time where the processor allows, the rest one
+// by one: every position of a wide plane, and a tail, give round(gain x |v|)
+// with ties to even, saturation at 255 and NaN as 0.
+TEST(ReadFRFMap, EveryPixelOfAWidePlaneFollowsTheRule) {
+  constexpr std::uint8_t kWide = 40, kRows = 3;  // 120 pixels: 3 x 32 and 24
+  ScratchDir dir;
+  const Plane zero(kWide * kRows);
+  Plane plane(kWide * kRows);
+  std::uint32_t seed = 12345;
+  auto uniform = [&seed](float lo, float hi) {
+    seed = seed * 1664525u + 1013904223u;
+    return lo + (hi - lo) * static_cast<float>(seed >> 8) / 16777216.0f;
+  };
+  for (std::size_t p = 0; p < plane.size(); ++p) {
+    const float k = static_cast<float>(p % 61);
+    switch (p % 7) {
+      case 0:
+        plane[p] = {k + 0.5f, 0};
+        break;  // a tie
+      case 1:
+        plane[p] = {-3 * k, 4 * k};
+        break;  // |v| = 5k exactly
+      case 2:
+        plane[p] = {p % 2 ? kNaN : 1e30f, 1};
+        break;
+      case 3:
+        plane[p] = {0, -std::numeric_limits<float>::infinity()};
+        break;
+      default:
+        plane[p] = {uniform(-200, 200), uniform(-200, 200)};
+    }
+  }
+  Opened o(WriteCube(dir, {zero, plane, zero}, kWide, kRows));
+  for (const float gain : {1.0f, 0.5f}) {
+    std::vector<unsigned char> expected(plane.size());
+    for (std::size_t p = 0; p < plane.size(); ++p) {
+      const double m = std::hypot<double>(plane[p].real(), plane[p].imag()) * gain;
+      expected[p] =
+          std::isnan(m) ? 0 : static_cast<unsigned char>(std::nearbyint(std::min(255.0, m)));
+    }
+    EXPECT_EQ(o.Map(1, gain, nullptr, plane.size()), expected) << "gain " << gain;
+  }
 }
 
 TEST(ReadFRFMap, DividesByTheReferenceAtThatBin) {
