@@ -3,6 +3,7 @@
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -57,6 +58,11 @@ Index LeadingCholesky(MatrixXd& a) {
   return p;
 }
 
+// Row i of every Q_c (each p x p, side by side), channel c as column c.
+using RowOfAllChannels =
+    Eigen::Map<const MatrixXd, 0, Eigen::Stride<Eigen::Dynamic, Eigen::Dynamic>>;
+Eigen::Stride<Eigen::Dynamic, Eigen::Dynamic> ChannelStride(Index p) { return {p * p, p}; }
+
 RealVector NonFinite(Index size) {
   RealVector a = RealVector::Constant(size, kNaN);
   a(size - 1) = 1.0;
@@ -94,62 +100,134 @@ ComplexMatrix BuildBasis(const RealVector& omegaShifted, double dt, int maxPower
   return basis;
 }
 
-std::vector<RealVector> FitDenominators(const ComplexMatrix& basis, const ComplexMatrix& channels,
-                                        int nMin, int nMax) {
+int HighestDeterminedOrder(const RealVector& angularFrequencies, const Band& band,
+                           const RealVector* lineWeights, Index numChannels) {
+  std::vector<double> inside;
+  bool atLow = false, atHigh = false;
+  for (Index k = 0; k < angularFrequencies.size(); ++k) {
+    if (lineWeights != nullptr && !((*lineWeights)[k] > 0.0)) continue;
+    const double f = angularFrequencies[k] / kTwoPi;
+    if (f == band.fMin) {
+      atLow = true;
+    } else if (f == band.fMax) {
+      atHigh = true;
+    } else if (f > band.fMin && f < band.fMax) {
+      inside.push_back(f);
+    }
+  }
+  std::sort(inside.begin(), inside.end());
+  const auto distinct =
+      static_cast<std::int64_t>(std::unique(inside.begin(), inside.end()) - inside.begin());
+  // Real equations per channel: a line inside the band gives two (z is
+  // complex there), a line at either end one (z = 1 or -1 is real).
+  const std::int64_t equations = 2 * distinct + (atLow ? 1 : 0) + (atHigh ? 1 : 0);
+  if (equations < 1 || numChannels < 1) return 0;
+  // Order n has n + 1 numerator coefficients per channel and n free
+  // denominator coefficients: C (D - n - 1) >= n, which also gives n < D.
+  const std::int64_t highest = numChannels * (equations - 1) / (numChannels + 1);
+  return static_cast<int>(std::min<std::int64_t>(highest, std::numeric_limits<int>::max()));
+}
+
+std::vector<RealVector> FitDenominators(const ComplexMatrix& basis,
+                                        Eigen::Ref<const ComplexMatrix> channels, int nMin,
+                                        int nMax, const ComplexVector* extraChannel,
+                                        const RealVector* lineWeights) {
   const Index p = Index{nMax} + 1;  // coefficients of the highest order
-  const Index numChannels = channels.cols();
+  const Index lines = basis.rows();
+  const Index matrixChannels = channels.cols();
+  const Index numChannels = matrixChannels + (extraChannel != nullptr ? 1 : 0);
 
-  // Cosines and sines of m theta_k: in this basis every normal-equation block
-  // is Toeplitz, so its entries are the real parts of sums over the lines of
-  // a weight times z^m, |m| <= nMax.
-  const MatrixXd cosines = basis.leftCols(p).real();
-  const MatrixXd sines = basis.leftCols(p).imag();
+  // Cosines and sines of m theta_k, weighted per line: in this basis every
+  // normal-equation block is Toeplitz, so its entries are the real parts of
+  // weighted sums over the lines of a weight times z^m, |m| <= nMax.
+  MatrixXd cosines = basis.leftCols(p).real();
+  MatrixXd sines = basis.leftCols(p).imag();
+  if (lineWeights != nullptr) {
+    cosines = lineWeights->asDiagonal() * cosines;
+    sines = lineWeights->asDiagonal() * sines;
+  }
   const RealVector r = cosines.colwise().sum().transpose();
-
-  MatrixXd plus(p, numChannels), minus(p, numChannels), power(p, numChannels);
-  tbb::parallel_for(
-      tbb::blocked_range<Index>(0, numChannels, 4), [&](const tbb::blocked_range<Index>& range) {
-        const Index first = range.begin(), count = range.size();
-        const auto h = channels.middleCols(first, count);
-        const MatrixXd re = cosines.transpose() * h.real();
-        const MatrixXd im = sines.transpose() * h.imag();
-        plus.middleCols(first, count) = re - im;
-        minus.middleCols(first, count) = re + im;
-        power.middleCols(first, count).noalias() = cosines.transpose() * h.cwiseAbs2();
-      });
-
   MatrixXd factor = SymmetricToeplitz(r.data(), p);
   const Index usable = LeadingCholesky(factor);
-  const RealVector powerSum = power.rowwise().sum();
+
+  // Channels go through in groups: per group, the sums of each channel, then
+  // Q_c = L^-1 S_c, whose leading (n+1) block is L_n^-1 S_n of order n, so
+  // that S_n^T R_n^-1 S_n = Q_n^T Q_n. What every order needs is
+  // sum_c sum_(i<=n) q_ci^T q_ci over the rows q_ci of Q_c. When all the Q_c
+  // fit in one group the rows are added order by order below; otherwise
+  // each row's sum over all channels, rows[i] (p x p), is accumulated group
+  // by group, which takes p^3 doubles instead of channels x p^2.
+  const Index budget = Index{1} << 23;  // doubles of Q per group (64 MiB)
+  const Index perGroup = std::max<Index>(1, std::min(numChannels, budget / (p * p)));
+  const bool oneGroup = perGroup >= numChannels;
+  std::vector<MatrixXd> rows;
+  if (!oneGroup) rows.assign(static_cast<std::size_t>(usable), MatrixXd::Zero(p, p));
+  RealVector powerSum = RealVector::Zero(p);
+  MatrixXd q, plus, minus, power;
+  ComplexVector cleanExtra;
+  if (extraChannel != nullptr && lineWeights != nullptr) {
+    // Lines without weight may hold anything (NaN times 0 is NaN).
+    cleanExtra = (lineWeights->array() > 0.0).select(*extraChannel, ComplexVector::Zero(lines));
+  }
+  const ComplexVector* extra = cleanExtra.size() > 0 ? &cleanExtra : extraChannel;
+
+  for (Index first = 0; first < numChannels; first += perGroup) {
+    const Index count = std::min(perGroup, numChannels - first);
+    plus.resize(p, count);
+    minus.resize(p, count);
+    power.resize(p, count);
+    const auto sums = [&](const auto& h, Index at, Index width) {
+      const MatrixXd re = cosines.transpose() * h.real();
+      const MatrixXd im = sines.transpose() * h.imag();
+      plus.middleCols(at, width) = re - im;
+      minus.middleCols(at, width) = re + im;
+      power.middleCols(at, width).noalias() = cosines.transpose() * h.cwiseAbs2();
+    };
+    const Index fromMatrix = std::max<Index>(0, std::min(count, matrixChannels - first));
+    tbb::parallel_for(tbb::blocked_range<Index>(0, fromMatrix, 4),
+                      [&](const tbb::blocked_range<Index>& range) {
+                        sums(channels.middleCols(first + range.begin(), range.size()),
+                             range.begin(), range.size());
+                      });
+    if (fromMatrix < count) sums(*extra, fromMatrix, 1);
+    powerSum += power.rowwise().sum();
+
+    q.resize(p, count * p);
+    tbb::parallel_for(
+        tbb::blocked_range<Index>(0, count, 2), [&](const tbb::blocked_range<Index>& range) {
+          for (Index c = range.begin(); c < range.end(); ++c) {
+            FillCoupling(plus.col(c).data(), minus.col(c).data(), p, q.data() + c * p * p);
+            if (usable == 0) continue;
+            factor.topLeftCorner(usable, usable)
+                .triangularView<Eigen::Lower>()
+                .solveInPlace(q.block(0, c * p, usable, p));
+          }
+        });
+    if (!oneGroup) {
+      // Each row's sum is independent of the others, so the rows are
+      // shared out without changing the order of any addition.
+      tbb::parallel_for(Index{0}, usable, [&](Index i) {
+        const RowOfAllChannels row(q.data() + i, p, count, ChannelStride(p));
+        rows[static_cast<std::size_t>(i)].noalias() += row * row.transpose();
+      });
+    }
+  }
   const MatrixXd t = SymmetricToeplitz(powerSum.data(), p);
 
-  // Q_c = L^-1 S_c for every channel, side by side. Its leading (n+1) block
-  // is L_n^-1 S_n of order n, so S_n^T R_n^-1 S_n = Q_n^T Q_n for every n.
-  MatrixXd q(p, numChannels * p);
-  tbb::parallel_for(
-      tbb::blocked_range<Index>(0, numChannels, 2), [&](const tbb::blocked_range<Index>& range) {
-        for (Index c = range.begin(); c < range.end(); ++c) {
-          FillCoupling(plus.col(c).data(), minus.col(c).data(), p, q.data() + c * p * p);
-          if (usable == 0) continue;
-          factor.topLeftCorner(usable, usable)
-              .triangularView<Eigen::Lower>()
-              .solveInPlace(q.block(0, c * p, usable, p));
-        }
-      });
-
-  // gram = sum over channels and rows i <= n of q_ci^T q_ci, grown one row
-  // at a time so that its leading (n+1) block is sum_c Q_n^T Q_n at order n.
+  // gram grows one row at a time so that its leading (n+1) block is
+  // sum_c Q_n^T Q_n at order n.
   MatrixXd gram = MatrixXd::Zero(p, p);
   std::vector<RealVector> result;
   result.reserve(static_cast<size_t>(std::int64_t{nMax} - nMin + 1));
-  using RowOfAllChannels =
-      Eigen::Map<const MatrixXd, 0, Eigen::Stride<Eigen::Dynamic, Eigen::Dynamic>>;
   for (Index n = 0; n <= nMax; ++n) {
     if (n < usable) {
-      // Row n of every Q_c, channel c as column c.
-      const RowOfAllChannels row(q.data() + n, p, numChannels,
-                                 Eigen::Stride<Eigen::Dynamic, Eigen::Dynamic>(p * p, p));
-      gram.noalias() += row * row.transpose();
+      if (oneGroup) {
+        const RowOfAllChannels row(q.data() + n, p, numChannels, ChannelStride(p));
+        gram.noalias() += row * row.transpose();
+      } else {
+        gram += rows[static_cast<std::size_t>(n)];
+        rows[static_cast<std::size_t>(n)] = MatrixXd();  // done with it
+      }
     }
     if (n < nMin) continue;
     if (n == 0) {
@@ -176,9 +254,15 @@ ComplexVector FittedModel(const ComplexMatrix& basis, const ComplexVector& frf,
   if (p == 0 || !denominator.allFinite()) return ComplexVector::Constant(lines, kNaN);
   const auto x = basis.leftCols(p);
 
-  const RealVector r = x.real().colwise().sum().transpose();
-  const RealVector plus = (x.transpose() * frf).real();
-  const RealVector minus = (x.adjoint() * frf).real();
+  // Lines where the FRF is not finite take no part in the numerator's fit;
+  // the model is still evaluated there.
+  const Eigen::Array<bool, Eigen::Dynamic, 1> finite =
+      frf.real().array().isFinite() && frf.imag().array().isFinite();
+  const RealVector weight = finite.cast<double>();
+  const ComplexVector h = finite.select(frf, ComplexVector::Zero(lines));
+  const RealVector r = (x.real().transpose() * weight);
+  const RealVector plus = (x.transpose() * h).real();
+  const RealVector minus = (x.adjoint() * h).real();
   MatrixXd factor = SymmetricToeplitz(r.data(), p);
   if (LeadingCholesky(factor) < p) return ComplexVector::Constant(lines, kNaN);
   MatrixXd s(p, p);
