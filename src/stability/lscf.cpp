@@ -69,6 +69,26 @@ RealVector NonFinite(Index size) {
   return a;
 }
 
+// The denominator of one order from its reduced normal equations m (lower
+// triangle valid), the coefficient of z^n fixed to 1. The matrix is
+// positive semi-definite, so Cholesky (half the work of LU) solves it;
+// when rounding makes a nearly singular one fail, LU with partial pivoting
+// does.
+RealVector SolveOrder(const MatrixXd& m) {
+  const Index n = m.rows() - 1;
+  RealVector a(n + 1);
+  const RealVector rhs = -m.row(n).head(n).transpose();
+  const Eigen::LLT<MatrixXd, Eigen::Lower> cholesky(m.topLeftCorner(n, n));
+  if (cholesky.info() == Eigen::Success) {
+    a.head(n) = cholesky.solve(rhs);
+  } else {
+    const MatrixXd full = m.topLeftCorner(n, n).selfadjointView<Eigen::Lower>();
+    a.head(n) = full.partialPivLu().solve(rhs);
+  }
+  a(n) = 1.0;
+  return a;
+}
+
 }  // namespace
 
 Band BandOf(const RealVector& angularFrequencies) {
@@ -90,13 +110,29 @@ RealVector ShiftedOmega(const RealVector& angularFrequencies, const Band& band) 
 
 ComplexMatrix BuildBasis(const RealVector& omegaShifted, double dt, int maxPower) {
   const Index lines = omegaShifted.size();
-  ComplexMatrix basis(lines, Index{maxPower} + 1);
-  for (Index j = 0; j <= maxPower; ++j) {
-    const double power = static_cast<double>(j);
+  const Index columns = Index{maxPower} + 1;
+  ComplexMatrix basis(lines, columns);
+  // Every kAnchor-th column is exp(i j w dt) itself; the columns between are
+  // the previous one times z, which keeps the rounding within a few ulps at
+  // a fraction of the cost of a sine and cosine per entry.
+  constexpr Index kAnchor = 16;
+  ComplexVector z(lines);
+  for (Index k = 0; k < lines; ++k) z[k] = std::polar(1.0, omegaShifted[k] * dt);
+  tbb::parallel_for(Index{0}, (columns + kAnchor - 1) / kAnchor, [&](Index block) {
+    const Index first = block * kAnchor;
+    const Index last = std::min(columns, first + kAnchor);
+    const double power = static_cast<double>(first);
     for (Index k = 0; k < lines; ++k) {
-      basis(k, j) = std::exp(std::complex<double>(0.0, power * omegaShifted[k] * dt));
+      basis(k, first) = std::polar(1.0, power * omegaShifted[k] * dt);
     }
-  }
+    for (Index j = first + 1; j < last; ++j) {
+      for (Index k = 0; k < lines; ++k) {
+        const std::complex<double> previous = basis(k, j - 1);
+        basis(k, j) = {previous.real() * z[k].real() - previous.imag() * z[k].imag(),
+                       previous.real() * z[k].imag() + previous.imag() * z[k].real()};
+      }
+    }
+  });
   return basis;
 }
 
@@ -208,42 +244,51 @@ std::vector<RealVector> FitDenominators(const ComplexMatrix& basis,
       // shared out without changing the order of any addition.
       tbb::parallel_for(Index{0}, usable, [&](Index i) {
         const RowOfAllChannels row(q.data() + i, p, count, ChannelStride(p));
-        rows[static_cast<std::size_t>(i)].noalias() += row * row.transpose();
+        rows[static_cast<std::size_t>(i)].selfadjointView<Eigen::Lower>().rankUpdate(row);
       });
     }
   }
   const MatrixXd t = SymmetricToeplitz(powerSum.data(), p);
 
-  // gram grows one row at a time so that its leading (n+1) block is
-  // sum_c Q_n^T Q_n at order n.
+  // gram (its lower triangle) grows one row at a time so that its leading
+  // (n+1) block is sum_c Q_n^T Q_n at order n. The orders' systems are
+  // taken out in small batches and solved in parallel.
   MatrixXd gram = MatrixXd::Zero(p, p);
-  std::vector<RealVector> result;
-  result.reserve(static_cast<size_t>(std::int64_t{nMax} - nMin + 1));
+  std::vector<RealVector> result(static_cast<size_t>(std::int64_t{nMax} - nMin + 1));
+  std::vector<std::pair<Index, MatrixXd>> batch;
+  const auto solveBatch = [&] {
+    tbb::parallel_for(size_t{0}, batch.size(), [&](size_t b) {
+      const Index n = batch[b].first;
+      result[static_cast<size_t>(n - nMin)] = SolveOrder(batch[b].second);
+    });
+    batch.clear();
+  };
+  constexpr size_t kBatch = 8;
   for (Index n = 0; n <= nMax; ++n) {
     if (n < usable) {
       if (oneGroup) {
         const RowOfAllChannels row(q.data() + n, p, numChannels, ChannelStride(p));
-        gram.noalias() += row * row.transpose();
+        gram.selfadjointView<Eigen::Lower>().rankUpdate(row);
       } else {
         gram += rows[static_cast<std::size_t>(n)];
         rows[static_cast<std::size_t>(n)] = MatrixXd();  // done with it
       }
     }
     if (n < nMin) continue;
+    RealVector& out = result[static_cast<size_t>(n - nMin)];
     if (n == 0) {
-      result.push_back(RealVector::Ones(1));
-      continue;
+      out = RealVector::Ones(1);
+    } else if (n >= usable) {
+      out = NonFinite(n + 1);
+    } else {
+      MatrixXd m(n + 1, n + 1);
+      m.triangularView<Eigen::Lower>() =
+          t.topLeftCorner(n + 1, n + 1) - gram.topLeftCorner(n + 1, n + 1);
+      batch.emplace_back(n, std::move(m));
+      if (batch.size() == kBatch) solveBatch();
     }
-    if (n >= usable) {
-      result.push_back(NonFinite(n + 1));
-      continue;
-    }
-    const MatrixXd m = t.topLeftCorner(n + 1, n + 1) - gram.topLeftCorner(n + 1, n + 1);
-    RealVector a(n + 1);
-    a.head(n) = m.topLeftCorner(n, n).partialPivLu().solve(-m.col(n).head(n));
-    a(n) = 1.0;
-    result.push_back(std::move(a));
   }
+  solveBatch();
   return result;
 }
 
