@@ -61,10 +61,11 @@ struct EstimationResult {
 //
 // Cost: the channels' sums are O(lines x channels x max order), their
 // reduction O(channels x (max order)^3), the per-order solves and roots
-// O((max order)^4 / 4) and O((max order)^3) for the sweep. Memory beyond the
+// O((max order)^4 / 12) and O((max order)^3) over the sweep. Memory beyond the
 // inputs: lines x max order for the basis, 3 x channels x max order for
-// the sums, and at most 64 MiB of per-channel matrices at a time plus
-// (max order)^3 doubles when the channels do not fit in one such group.
+// the sums, and per-channel matrices in groups of at most 64 MiB and a
+// quarter of the matrix's size, plus (max order)^3 doubles when the channels
+// need more than one group (lscf::FitDenominators).
 // The result holds four lists per order of the range.
 EstimationResult Estimate(const RealVector& frequencies, const ComplexVector& frf,
                           Eigen::Ref<const ComplexMatrix> frfMatrix,

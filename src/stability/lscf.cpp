@@ -193,7 +193,11 @@ std::vector<RealVector> FitDenominators(const ComplexMatrix& basis,
   // fit in one group the rows are added order by order below; otherwise
   // each row's sum over all channels, rows[i] (p x p), is accumulated group
   // by group, which takes p^3 doubles instead of channels x p^2.
-  const Index budget = Index{1} << 23;  // doubles of Q per group (64 MiB)
+  // Doubles of Q per group: at most 64 MiB, and at most a quarter of the
+  // size of the channels themselves, so that many channels of few lines do
+  // not take more than their own size again.
+  const Index budget =
+      std::max(16 * p * p, std::min(Index{1} << 23, numChannels * std::max<Index>(lines, 1) / 2));
   const Index perGroup = std::max<Index>(1, std::min(numChannels, budget / (p * p)));
   const bool oneGroup = perGroup >= numChannels;
   std::vector<MatrixXd> rows;

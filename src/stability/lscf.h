@@ -50,8 +50,10 @@ int HighestDeterminedOrder(const RealVector& angularFrequencies, const Band& ban
 // The normal-equation blocks are Toeplitz in this basis, so they are built
 // from 2 nMax + 1 sums per channel, and every order reuses the leading
 // blocks of one Cholesky factorisation. Channels are processed in parallel,
-// in groups of at most 64 MiB of working matrices; memory beyond the inputs
-// is about min(channels, nMax) x nMax^2 doubles plus 3 x channels x nMax.
+// in groups whose working matrices (nMax^2 doubles per channel) take at most
+// 64 MiB and at most a quarter of the channels' own size; when there is more
+// than one group, nMax^3 doubles more hold the per-row sums. Besides,
+// 3 x channels x nMax doubles of sums and lines x nMax of weighted basis.
 std::vector<RealVector> FitDenominators(const ComplexMatrix& basis,
                                         Eigen::Ref<const ComplexMatrix> channels, int nMin,
                                         int nMax, const ComplexVector* extraChannel = nullptr,
