@@ -95,11 +95,30 @@ Roots CompanionRoots(const Coefficients& a) {
   return solver.eigenvalues();
 }
 
+namespace {
+
+// sum over j in [begin, end) of 1 / (x - z_j), on split real and imaginary
+// parts so that the loop vectorises.
+inline void AddRepulsion(const double* re, const double* im, Index begin, Index end, double xr,
+                         double xi, double* sumRe, double* sumIm) {
+  double accRe = 0.0, accIm = 0.0;
+  for (Index j = begin; j < end; ++j) {
+    const double dr = xr - re[j], di = xi - im[j];
+    const double scale = 1.0 / (dr * dr + di * di);
+    accRe += dr * scale;
+    accIm -= di * scale;
+  }
+  *sumRe += accRe;
+  *sumIm += accIm;
+}
+
+}  // namespace
+
 bool AberthRoots(const Coefficients& a, const Roots& start, Roots* roots, int maxSweeps) {
   if (!Usable(a)) return false;
   const Index n = a.size() - 1;
   if (start.size() != n) return false;
-  Roots z = start;
+  Eigen::VectorXd re = start.real(), im = start.imag();
   std::vector<char> done(static_cast<std::size_t>(n), 0);
   Index remaining = n;
   for (int sweep = 0; sweep < maxSweeps && remaining > 0; ++sweep) {
@@ -107,17 +126,11 @@ bool AberthRoots(const Coefficients& a, const Roots& start, Roots* roots, int ma
     // the others, which converges in fewer sweeps than the Jacobi form.
     for (Index i = 0; i < n; ++i) {
       if (done[i]) continue;
-      const NewtonStep step = Newton(a.data(), n, z[i]);
-      // sum over j != i of 1 / (z_i - z_j).
+      const double xr = re[i], xi = im[i];
+      const NewtonStep step = Newton(a.data(), n, Complex(xr, xi));
       double sumRe = 0.0, sumIm = 0.0;
-      const double xr = z[i].real(), xi = z[i].imag();
-      for (Index j = 0; j < n; ++j) {
-        if (j == i) continue;
-        const double dr = xr - z[j].real(), di = xi - z[j].imag();
-        const double scale = 1.0 / (dr * dr + di * di);
-        sumRe += dr * scale;
-        sumIm -= di * scale;
-      }
+      AddRepulsion(re.data(), im.data(), 0, i, xr, xi, &sumRe, &sumIm);
+      AddRepulsion(re.data(), im.data(), i + 1, n, xr, xi, &sumRe, &sumIm);
       const Complex repulsion(sumRe, sumIm);
       const Complex delta = step.correction / (1.0 - step.correction * repulsion);
       if (!IsFinite(delta)) {
@@ -130,15 +143,18 @@ bool AberthRoots(const Coefficients& a, const Roots& start, Roots* roots, int ma
         }
         return false;
       }
-      z[i] -= delta;
+      re[i] = xr - delta.real();
+      im[i] = xi - delta.imag();
       if (step.converged) {
         done[i] = 1;
         --remaining;
       }
     }
   }
-  if (remaining > 0 || !z.allFinite()) return false;
-  *roots = std::move(z);
+  if (remaining > 0 || !re.allFinite() || !im.allFinite()) return false;
+  roots->resize(n);
+  roots->real() = re;
+  roots->imag() = im;
   return true;
 }
 
