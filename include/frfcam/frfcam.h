@@ -301,11 +301,12 @@ FRFCAM_API void DeleteCube(FrfMapCalcs* calcs, const char* folder);
 #define FRFCAM_STABILITY_BAD_MIN_ORDER (-4)
 /* maxOrder < minOrder + 1: the chart needs at least two orders. */
 #define FRFCAM_STABILITY_BAD_ORDER_RANGE (-5)
-/* numLines <= maxOrder + 1: too few lines for the highest order. */
+/* No longer returned: orders the lines cannot determine are run and get no
+ * poles (see ComputeStability). The code stays reserved. */
 #define FRFCAM_STABILITY_ORDER_TOO_HIGH (-6)
 /* A frequency is NaN or infinite, or all frequencies are equal. */
 #define FRFCAM_STABILITY_BAD_FREQUENCIES (-7)
-/* A value of frf or frfMatrix is NaN or infinite. */
+/* A value of frfMatrix is NaN or infinite (frf may hold such values). */
 #define FRFCAM_STABILITY_BAD_FRF (-8)
 /* Memory ran out during the computation. No timing line is printed, and the
  * record is not written (or, if memory ran out while writing it, is
@@ -331,13 +332,17 @@ FRFCAM_API void DeleteCube(FrfMapCalcs* calcs, const char* folder);
  *                       file is replaced.
  *   frf                 numLines complex values (re, im pairs): the FRF the
  *                       residues are fitted to (often one column of
- *                       frfMatrix).
+ *                       frfMatrix). Lines where it is NaN or infinite take
+ *                       no part in the residue fit, nor in the fits of
+ *                       estimatorFlag1 and estimatorFlag2 below; the chart,
+ *                       the selection and frfm (at every line) are written
+ *                       as usual.
  *   frfMatrix           numLines x numChannels complex values, column by
  *                       column: line i of channel j is the pair at complex
  *                       index i + j * numLines.
  *   numChannels         columns of frfMatrix, >= 1.
  *   frequencies         numLines angular frequencies in rad/s (2 pi f).
- *   numLines            spectral lines, >= 2 and > maxOrder + 1.
+ *   numLines            spectral lines, >= 2.
  *   minOrder, maxOrder  order range, 1 <= minOrder < maxOrder.
  *   selectionTolerance  relative frequency difference below which two poles
  *                       count as the same mode when selecting (e.g. 0.01).
@@ -347,10 +352,27 @@ FRFCAM_API void DeleteCube(FrfMapCalcs* calcs, const char* folder);
  *                       as stable against the order below (e.g. 0.01).
  *   dampingTolerance    relative damping change up to which a pole counts
  *                       as stable against the order below (e.g. 0.05).
- *   estimatorFlag1, estimatorFlag2
- *                       estimator options (0 or non-zero), passed through.
+ *   estimatorFlag1      non-zero: frfnum holds the highest order's fitted
+ *                       model of frf at every line; 0: frfnum is empty.
+ *   estimatorFlag2      non-zero: frf takes part in the pole estimation as
+ *                       one more channel, and its non-finite lines then
+ *                       take no part in it for any channel; 0: only
+ *                       frfMatrix does.
  *
- * The arrays are only read, and not kept after the call returns.
+ * The arrays are only read, and not kept after the call returns. frfMatrix
+ * is read in place, not copied: the memory the call adds grows with
+ * numChannels x maxOrder, not with numChannels x numLines.
+ *
+ * Orders the lines cannot determine: with C channels (numChannels, plus 1
+ * with estimatorFlag2) and D = 2 x (distinct frequencies strictly between
+ * the lowest and the highest line) + (1 for each of those two ends), order
+ * n has n + 1 numerator coefficients per channel and n denominator
+ * coefficients, and is determined when C x (D - n - 1) >= n. For example 50
+ * evenly spaced lines give D = 98, so 16 channels determine orders up to 91
+ * and 3 channels up to 72. Higher orders (and orders whose equations are
+ * numerically singular) get no poles: their orderInfo entries are present,
+ * with empty class lists. Lines of frf that take no part (above) do not
+ * count towards D.
  *
  * The record is one talproto.stabChartData message in protobuf binary form
  * (no framing): numOrders = maxOrder - minOrder + 1; one orderInfo entry per
@@ -364,7 +386,10 @@ FRFCAM_API void DeleteCube(FrfMapCalcs* calcs, const char* folder);
  * no part in the fit; its frfm value is the model without that term.
  *
  * Console: when the record cannot be written, "Failed to write address
- * book." and a line end go to stderr and the call still returns 0. Every call
+ * book." and a line end go to stderr and the call still returns 0. Only a
+ * regular file (new or existing) takes the record: a path naming a FIFO, a
+ * device or a directory counts as unwritable, without waiting on it or
+ * writing to it. A write that fails part way leaves the file empty. Every call
  * that passes the checks prints "took " N "ms to run." and a line end to
  * stdout (for example "took 27ms to run."), N being the whole milliseconds
  * from the start of the estimation to the closing of the file.

@@ -1,9 +1,10 @@
 #include "stability/driver.h"
 
 #include <cmath>
-#include <fstream>
 #include <iostream>
+#include <string>
 
+#include "platform/record_file.h"
 #include "stability/estimator.h"
 #include "stability/record.h"
 #include "stability/residues.h"
@@ -32,19 +33,12 @@ ComplexVector CopyComplex(const double* interleaved, Eigen::Index count) {
                                          count);
 }
 
-ComplexMatrix CopyComplexMatrix(const double* interleaved, Eigen::Index rows, Eigen::Index cols) {
-  return Eigen::Map<const ComplexMatrix>(reinterpret_cast<const std::complex<double>*>(interleaved),
-                                         rows, cols);
-}
-
-// Writes the record; false when the file could not be opened, written or
-// closed (a full disk shows up only when the buffer is flushed).
+// Writes the record whole; false when it cannot be serialised or the path
+// does not take a regular file (see platform::WriteWholeFile).
 bool WriteRecord(const talproto::stabChartData& record, const char* path) {
-  std::ofstream out(path, std::ios::binary | std::ios::out | std::ios::trunc);
-  if (!out.is_open()) return false;
-  const bool written = record.SerializeToOstream(&out);
-  out.close();
-  return written && !out.fail();
+  std::string bytes;
+  if (!record.SerializeToString(&bytes)) return false;
+  return platform::WriteWholeFile(path, bytes.data(), bytes.size());
 }
 
 }  // namespace
@@ -62,7 +56,6 @@ StabilityStatus ValidateRequest(const StabilityRequest& r) {
   const std::int64_t minOrder = r.minOrder;
   const std::int64_t maxOrder = r.maxOrder;
   if (maxOrder < minOrder + 1) return kStabilityBadOrderRange;
-  if (static_cast<std::int64_t>(r.numLines) <= maxOrder + 1) return kStabilityOrderTooHigh;
 
   if (!AllFinite(r.frequencies, r.numLines)) return kStabilityBadFrequencies;
   bool allEqual = true;
@@ -70,10 +63,9 @@ StabilityStatus ValidateRequest(const StabilityRequest& r) {
   if (allEqual) return kStabilityBadFrequencies;
 
   const std::int64_t matrixDoubles = 2 * static_cast<std::int64_t>(r.numLines) * r.numChannels;
-  if (!AllFinite(r.frf, 2 * static_cast<std::int64_t>(r.numLines)) ||
-      !AllFinite(r.frfMatrix, matrixDoubles)) {
-    return kStabilityBadFrf;
-  }
+  // `frf` may hold non-finite values: those lines drop out of the fits
+  // that use it.
+  if (!AllFinite(r.frfMatrix, matrixDoubles)) return kStabilityBadFrf;
   return kStabilityOk;
 }
 
@@ -91,8 +83,10 @@ int ComputeStability(const StabilityRequest& request, StageTimes* times) {
   const Eigen::Index lines = request.numLines;
   const RealVector frequencyVector = CopyReal(request.frequencies, lines);
   const ComplexVector frfVector = CopyComplex(request.frf, lines);
-  const ComplexMatrix frfMatrixCopy =
-      CopyComplexMatrix(request.frfMatrix, lines, request.numChannels);
+  // The matrix is read in place: it can be far larger than everything else
+  // the call holds (one channel per pixel), and no stage writes to it.
+  const Eigen::Map<const ComplexMatrix> frfMatrix(
+      reinterpret_cast<const std::complex<double>*>(request.frfMatrix), lines, request.numChannels);
   const std::vector<std::int32_t> orders = OrderList(request.minOrder, request.maxOrder);
 
   StageTimes local;
@@ -107,7 +101,7 @@ int ComputeStability(const StabilityRequest& request, StageTimes* times) {
   };
 
   const EstimationResult estimation =
-      Estimate(frequencyVector, frfVector, frfMatrixCopy, orders, request.frequencyTolerance,
+      Estimate(frequencyVector, frfVector, frfMatrix, orders, request.frequencyTolerance,
                request.dampingTolerance, request.estimatorFlag1, request.estimatorFlag2);
   lap(t.estimation);
 

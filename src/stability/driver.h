@@ -36,7 +36,7 @@ enum StabilityStatus : int {
   kStabilityNoChannels = -3,
   kStabilityBadMinOrder = -4,
   kStabilityBadOrderRange = -5,
-  kStabilityOrderTooHigh = -6,
+  kStabilityOrderTooHigh = -6,  // no longer returned; the code stays reserved
   kStabilityBadFrequencies = -7,
   kStabilityBadFrf = -8,
   kStabilityOutOfMemory = -9,
@@ -62,9 +62,11 @@ std::vector<std::int32_t> OrderList(std::int32_t minOrder, std::int32_t maxOrder
 // Validates, estimates every order, fills the record, selects the stable
 // poles and fits their residues (when some order had a stable pole), writes
 // the record to `outputPath` (replacing the file) and prints the timing line.
-// An unwritable file gives "Failed to write address book." on stderr and
-// still kStabilityOk. Invalid requests return their code having written and
-// printed nothing. Exceptions propagate; the export maps them.
+// An unwritable path (one that is not, or cannot become, a regular file)
+// gives "Failed to write address book." on stderr and still kStabilityOk.
+// Non-finite values of `frf` are accepted (those lines take no part in the
+// fits of `frf`); orders the lines cannot determine get no poles. Invalid requests return their
+// code having written and printed nothing. Exceptions propagate; the export maps them.
 int ComputeStability(const StabilityRequest& request, StageTimes* times = nullptr);
 
 }  // namespace frfcam::stability

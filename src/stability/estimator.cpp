@@ -3,10 +3,12 @@
 #include <tbb/parallel_for.h>
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 #include <stdexcept>
 
 #include "stability/lscf.h"
+#include "stability/roots.h"
 
 namespace frfcam::stability {
 
@@ -16,12 +18,52 @@ RealVector ToVector(const std::vector<double>& v) {
   return Eigen::Map<const RealVector>(v.data(), static_cast<Eigen::Index>(v.size()));
 }
 
+std::vector<lscf::SortedPoles> SweepPoles(const std::vector<RealVector>& denominators,
+                                          std::int64_t fitMin, std::int64_t nMin,
+                                          std::int64_t numOrders, const lscf::Band& band) {
+  std::vector<lscf::SortedPoles> poles(static_cast<size_t>(numOrders));
+  const auto count = static_cast<std::int64_t>(denominators.size());
+  if (count == 0) return poles;
+  // The roots of each order start from those of the order below. The fitted
+  // orders are cut into a fixed number of runs of about equal work (n^2 per
+  // order), each run starting cold, so that the runs go in parallel and the
+  // result does not depend on the number of threads.
+  constexpr int kRuns = 8;
+  std::vector<std::int64_t> runStart = {0};
+  {
+    double total = 0.0;
+    for (std::int64_t i = 0; i < count; ++i) total += std::pow(double(fitMin + i) + 1.0, 2);
+    double sum = 0.0;
+    for (std::int64_t i = 0; i < count; ++i) {
+      sum += std::pow(double(fitMin + i) + 1.0, 2);
+      if (sum >= total * static_cast<double>(runStart.size()) / kRuns && i + 1 < count) {
+        runStart.push_back(i + 1);
+      }
+    }
+    runStart.push_back(count);
+  }
+  tbb::parallel_for(size_t{0}, runStart.size() - 1, [&](size_t run) {
+    roots::Roots previous;
+    for (std::int64_t i = runStart[run]; i < runStart[run + 1]; ++i) {
+      const RealVector& a = denominators[static_cast<size_t>(i)];
+      const Eigen::Index degree = a.size() - 1;
+      const roots::Roots start =
+          previous.size() > 0 ? roots::WarmStart(previous, degree) : roots::Roots();
+      previous = roots::PolynomialRoots(a, start);
+      const std::int64_t order = fitMin + i;
+      poles[static_cast<size_t>(order - nMin)] =
+          lscf::SortPoles(lscf::PolesOfRoots(previous, band.dt), band.fMin);
+    }
+  });
+  return poles;
+}
+
 }  // namespace
 
 EstimationResult Estimate(const RealVector& frequencies, const ComplexVector& frf,
-                          const ComplexMatrix& frfMatrix, const std::vector<std::int32_t>& orders,
-                          double frequencyTolerance, double dampingTolerance, bool flag1,
-                          bool flag2) {
+                          Eigen::Ref<const ComplexMatrix> frfMatrix,
+                          const std::vector<std::int32_t>& orders, double frequencyTolerance,
+                          double dampingTolerance, bool flag1, bool flag2) {
   EstimationResult result;
   const Eigen::Index lines = frequencies.size();
   if (frfMatrix.rows() != lines && frfMatrix.size() != 0) {
@@ -36,42 +78,42 @@ EstimationResult Estimate(const RealVector& frequencies, const ComplexVector& fr
   const int nMin = *minIt, nMax = *maxIt;
   const lscf::Band band = lscf::BandOf(frequencies);
   const RealVector omegaShifted = lscf::ShiftedOmega(frequencies, band);
-  // Orders below 1 have no poles. Above 2 x lines coefficients the lines
-  // cannot determine the fit at all, so those orders are not fitted either
-  // (which also keeps absurd orders from sizing the working matrices).
+
+  // An empty matrix of any shape stands for no channels. With flag2 the
+  // single FRF is one more channel, and its non-finite lines drop out of the
+  // whole fit (the common denominator needs the same lines in every channel).
+  const Eigen::Index matrixChannels = frfMatrix.size() == 0 ? 0 : frfMatrix.cols();
+  const ComplexMatrix none(lines, 0);
+  const Eigen::Ref<const ComplexMatrix> channels =
+      matrixChannels > 0 ? frfMatrix : Eigen::Ref<const ComplexMatrix>(none);
+  RealVector weights;
+  if (flag2 && !frf.allFinite()) {
+    weights = (frf.real().array().isFinite() && frf.imag().array().isFinite()).cast<double>();
+  }
+  const RealVector* lineWeights = weights.size() > 0 ? &weights : nullptr;
+  const Eigen::Index numChannels = matrixChannels + (flag2 ? 1 : 0);
+
+  // Orders below 1 have no poles, and orders the lines cannot determine are
+  // not fitted (which also keeps absurd orders from sizing the matrices).
   const std::int64_t fitMin = std::max(nMin, 0);
-  const std::int64_t fitMax = std::min<std::int64_t>(nMax, 2 * std::int64_t{lines});
+  const std::int64_t fitMax = std::min<std::int64_t>(
+      nMax, lscf::HighestDeterminedOrder(frequencies, band, lineWeights, numChannels));
   const ComplexMatrix basis =
       lscf::BuildBasis(omegaShifted, band.dt, static_cast<int>(std::max<std::int64_t>(fitMax, 0)));
 
   std::vector<RealVector> denominators;
   if (fitMin <= fitMax) {
-    const int lo = static_cast<int>(fitMin), hi = static_cast<int>(fitMax);
-    if (flag2) {
-      // The single FRF takes part in the denominator fit as one more channel.
-      const Eigen::Index columns = frfMatrix.size() == 0 ? 0 : frfMatrix.cols();
-      ComplexMatrix channels(lines, columns + 1);
-      if (columns > 0) channels.leftCols(columns) = frfMatrix;
-      channels.col(columns) = frf;
-      denominators = lscf::FitDenominators(basis, channels, lo, hi);
-    } else {
-      // An empty matrix of any shape stands for no channels.
-      const ComplexMatrix none(lines, 0);
-      denominators = lscf::FitDenominators(basis, frfMatrix.size() == 0 ? none : frfMatrix, lo, hi);
-    }
+    denominators =
+        lscf::FitDenominators(basis, channels, static_cast<int>(fitMin), static_cast<int>(fitMax),
+                              flag2 ? &frf : nullptr, lineWeights);
   }
   const auto fitted = [&](std::int64_t n) -> const RealVector* {
     return n >= fitMin && n <= fitMax ? &denominators[n - fitMin] : nullptr;
   };
 
-  // Poles of every order are independent of each other; only the
-  // classification below has to run in ascending order.
   const std::int64_t numOrders = std::int64_t{nMax} - nMin + 1;
-  std::vector<lscf::SortedPoles> poles(static_cast<size_t>(numOrders));
-  tbb::parallel_for(std::int64_t{0}, numOrders, [&](std::int64_t i) {
-    const RealVector* a = fitted(nMin + i);
-    if (a != nullptr) poles[i] = lscf::SortPoles(lscf::DenominatorPoles(*a, band.dt), band.fMin);
-  });
+  const std::vector<lscf::SortedPoles> poles =
+      SweepPoles(denominators, fitMin, nMin, numOrders, band);
 
   const lscf::SortedPoles* reference = nullptr;
   for (std::int64_t i = 0; i < numOrders; ++i) {

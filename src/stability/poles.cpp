@@ -1,11 +1,11 @@
 // Poles of a denominator, their natural frequencies and damping ratios, and
 // the classification of one order's poles against the previous order.
-#include <Eigen/Eigenvalues>
 #include <algorithm>
 #include <cmath>
 #include <numeric>
 
 #include "stability/lscf.h"
+#include "stability/roots.h"
 
 namespace frfcam::stability::lscf {
 
@@ -14,22 +14,13 @@ constexpr double kTwoPi = 6.283185307179586;
 }  // namespace
 
 ComplexVector DenominatorPoles(const RealVector& denominator, double dt) {
-  const Eigen::Index n = denominator.size() - 1;
-  if (n < 1 || !denominator.allFinite() || denominator(n) == 0.0) return {};
+  return PolesOfRoots(roots::CompanionRoots(denominator), dt);
+}
 
-  // Companion matrix: -a_(n-1) .. -a_0 on the first row (divided by the
-  // leading coefficient), ones on the subdiagonal.
-  Eigen::MatrixXd companion = Eigen::MatrixXd::Zero(n, n);
-  for (Eigen::Index j = 0; j < n; ++j) companion(0, j) = -denominator(n - 1 - j) / denominator(n);
-  for (Eigen::Index i = 1; i < n; ++i) companion(i, i - 1) = 1.0;
-
-  const Eigen::EigenSolver<Eigen::MatrixXd> solver(companion, /*computeEigenvectors=*/false);
-  if (solver.info() != Eigen::Success) return {};
-  const Eigen::VectorXcd& z = solver.eigenvalues();
-
-  ComplexVector kept(n);
+ComplexVector PolesOfRoots(const ComplexVector& z, double dt) {
+  ComplexVector kept(z.size());
   Eigen::Index count = 0;
-  for (Eigen::Index i = 0; i < n; ++i) {
+  for (Eigen::Index i = 0; i < z.size(); ++i) {
     const double logMagnitude = std::log(std::hypot(z[i].real(), z[i].imag()));
     const double angle = std::atan2(z[i].imag(), z[i].real());
     const std::complex<double> s(logMagnitude / dt, angle / dt);

@@ -48,10 +48,10 @@ class BindingTest(unittest.TestCase):
 
     def test_stability_rejects_too_few_lines(self):
         out = os.path.join(self.dir.name, "r.pb")
-        omega = np.array([1.0, 2.0])
+        omega = np.array([1.0])
         with self.assertRaises(frfcam.FrfcamError) as e:
-            frfcam.compute_stability(out, np.ones(2), np.ones((2, 1)), omega, 2, 10)
-        self.assertLess(e.exception.code, 0)
+            frfcam.compute_stability(out, np.ones(1), np.ones((1, 1)), omega, 2, 10)
+        self.assertEqual(e.exception.code, -2)
         self.assertFalse(os.path.exists(out))
 
 

@@ -141,6 +141,70 @@ TEST(EstimatorOutputs, FlagsAndSingleOrderRange) {
   EXPECT_EQ(single.frfNum.size(), data.frf.size());
 }
 
+// 50 lines and 16 channels determine orders up to 16 x 97 / 17 = 91: the
+// true modes are there at high orders, and orders above 91 have no poles.
+TEST(EstimatorRange, FewLinesDetermineHighOrders) {
+  const SyntheticSystem system = DefaultFiveModeSystem(50, 16, 0.002);
+  const SyntheticFrfs data = SynthesizeFrfs(system);
+  const lscf::Band band = lscf::BandOf(data.omega);
+  EXPECT_EQ(lscf::HighestDeterminedOrder(data.omega, band, nullptr, 16), 91);
+  EXPECT_EQ(lscf::HighestDeterminedOrder(data.omega, band, nullptr, 0), 0);
+  const EstimationResult r =
+      Estimate(data.omega, data.frf, data.matrix, {2, 100}, 0.01, 0.05, false, false);
+  ASSERT_EQ(r.sByOrder.size(), 98u);  // orders 3..100
+  const auto entry = [&](int order) { return static_cast<std::size_t>(order - 3); };
+  for (int order = 48; order <= 60; ++order) {
+    std::vector<double> all;
+    for (const auto* list : {&r.sByOrder, &r.fByOrder, &r.dByOrder, &r.oByOrder}) {
+      const RealVector& v = (*list)[entry(order)];
+      all.insert(all.end(), v.begin(), v.end());
+    }
+    for (const SyntheticMode& mode : system.modes) {
+      const double want = Mapped(mode, system.fMinHz).frequencyHz;
+      double best = 1e300;
+      for (double f : all) best = std::min(best, std::abs(f / want - 1.0));
+      EXPECT_LT(best, 1e-3) << "order " << order << ", " << mode.frequencyHz << " Hz";
+    }
+  }
+  for (int order = 92; order <= 100; ++order) {
+    EXPECT_EQ(r.sByOrder[entry(order)].size() + r.fByOrder[entry(order)].size() +
+                  r.dByOrder[entry(order)].size() + r.oByOrder[entry(order)].size(),
+              0)
+        << "order " << order;
+  }
+}
+
+// A NaN in the single FRF: with flag2 its line leaves the denominator fit
+// of every channel (the fit then equals one over the remaining lines, on the
+// band of all lines), and flag1's model skips it.
+TEST(EstimatorRange, NonFiniteFrfLinesLeaveTheFit) {
+  const SyntheticFrfs data = SynthesizeFrfs(DefaultFiveModeSystem(400, 2, 0.002));
+  SyntheticFrfs spoilt = data;
+  spoilt.frf[100] = {kNaN, 0.0};
+  spoilt.frf[101] = {0.0, std::numeric_limits<double>::infinity()};
+  const EstimationResult r =
+      Estimate(spoilt.omega, spoilt.frf, spoilt.matrix, {20, 30}, 0.01, 0.05, true, true);
+  ASSERT_EQ(r.frfNum.size(), data.frf.size());
+  EXPECT_TRUE(r.frfNum.allFinite());
+  EXPECT_GE(r.eigenFrequency.size(), 5);
+
+  // The same fit with weights that drop lines 100 and 101.
+  const lscf::Band band = lscf::BandOf(data.omega);
+  const ComplexMatrix basis = lscf::BuildBasis(lscf::ShiftedOmega(data.omega, band), band.dt, 30);
+  RealVector weights = RealVector::Ones(400);
+  weights[100] = weights[101] = 0.0;
+  const auto dropped = lscf::FitDenominators(basis, spoilt.matrix, 30, 30, &spoilt.frf, &weights);
+  ComplexMatrix kept(398, 3);
+  ComplexMatrix keptBasis(398, 31);
+  for (Eigen::Index i = 0, k = 0; i < 400; ++i) {
+    if (weights[i] == 0.0) continue;
+    kept.row(k) << data.matrix.row(i), data.frf[i];
+    keptBasis.row(k++) = basis.row(i);
+  }
+  const RealVector direct = direct::FitDenominator(keptBasis, kept, 30);
+  EXPECT_LT((dropped[0] - direct).norm() / direct.norm(), 1e-8);
+}
+
 lscf::SortedPoles Poles(std::initializer_list<double> f, std::initializer_list<double> zeta) {
   return {Eigen::Map<const RealVector>(f.begin(), static_cast<Eigen::Index>(f.size())),
           Eigen::Map<const RealVector>(zeta.begin(), static_cast<Eigen::Index>(zeta.size()))};
