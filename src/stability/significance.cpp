@@ -101,53 +101,51 @@ SelectedPoles FilterSignificantPoles(const SelectedPoles& candidates, const Real
     }
   }
 
-  // 2. Backward elimination. The columns are equilibrated to unit norm so
-  // that the small normal systems stay well scaled.
-  const auto buildSubsetModel = [&](const std::vector<std::size_t>& poles, ComplexMatrix* gram,
-                                    ComplexMatrix* projections) {
-    RealVector f(static_cast<Index>(poles.size())), z(f.size());
-    for (Index r = 0; r < f.size(); ++r) {
-      f[r] = all[poles[static_cast<std::size_t>(r)]].frequency;
-      z[r] = all[poles[static_cast<std::size_t>(r)]].damping;
-    }
-    ComplexMatrix a = ModalDesignMatrix(w, f, z);
-    for (Index c = 0; c < a.cols(); ++c) {
-      const double n = a.col(c).norm();
-      if (n > 0.0 && std::isfinite(n)) a.col(c) /= n;
-    }
-    *gram = a.adjoint() * a;
-    *projections = a.adjoint() * h;
-  };
+  // 2. Backward elimination. One design matrix holds every physical pole
+  // and the two residual terms; its columns are equilibrated to unit norm so
+  // that the small normal systems stay well scaled, and each subset's fit is
+  // solved from the rows and columns of one Gram matrix and one projection.
+  const auto k0 = static_cast<Index>(alive.size());
+  RealVector f(k0), z(k0);
+  for (Index r = 0; r < k0; ++r) {
+    f[r] = all[alive[static_cast<std::size_t>(r)]].frequency;
+    z[r] = all[alive[static_cast<std::size_t>(r)]].damping;
+  }
+  ComplexMatrix a = ModalDesignMatrix(w, f, z);
+  for (Index c = 0; c < a.cols(); ++c) {
+    const double n = a.col(c).norm();
+    if (n > 0.0 && std::isfinite(n)) a.col(c) /= n;
+  }
+  const ComplexMatrix gram = a.adjoint() * a;
+  const ComplexMatrix projections = a.adjoint() * h;
   const double dataEnergy = h.squaredNorm();
   const double lines = std::max<double>(1.0, static_cast<double>(w.size()));
+  std::vector<Index> columns(static_cast<std::size_t>(k0));  // column of each alive pole
+  std::iota(columns.begin(), columns.end(), Index{0});
   while (!alive.empty() && w.size() > 0) {
-    ComplexMatrix gram, projections;
-    buildSubsetModel(alive, &gram, &projections);
-    const auto k = static_cast<Index>(alive.size());
-    std::vector<Index> full(static_cast<std::size_t>(k) + 2);
-    std::iota(full.begin(), full.end(), Index{0});
+    std::vector<Index> full = columns;
+    full.push_back(k0);
+    full.push_back(k0 + 1);
     const double residual = ResidualEnergy(gram, projections, dataEnergy, full);
-    // A floor keeps noise-free data (residual ~ rounding) from making every
-    // pole look infinitely significant or, worse, dividing by zero.
+    // A floor keeps noise-free data (a residual of rounding errors) from
+    // dividing by zero.
     const double perLine = std::max(residual / lines, 1e-14 * dataEnergy / lines);
     std::size_t weakest = 0;
     double weakestValue = std::numeric_limits<double>::infinity();
-    for (Index r = 0; r < k; ++r) {
-      std::vector<Index> without;
-      for (Index c = 0; c < k + 2; ++c) {
-        if (c != r) without.push_back(c);
-      }
+    for (std::size_t r = 0; r < columns.size(); ++r) {
+      std::vector<Index> without = full;
+      without.erase(without.begin() + static_cast<std::ptrdiff_t>(r));
       const double grown = ResidualEnergy(gram, projections, dataEnergy, without) - residual;
       const double significance = std::max(0.0, grown) / perLine;
-      all[alive[static_cast<std::size_t>(r)]].significance = significance;
+      all[alive[r]].significance = significance;
       if (significance < weakestValue) {
         weakestValue = significance;
-        weakest = static_cast<std::size_t>(r);
+        weakest = r;
       }
     }
     if (weakestValue >= settings.minSignificance) break;
-    all[alive[weakest]].significance = weakestValue;
     alive.erase(alive.begin() + static_cast<std::ptrdiff_t>(weakest));
+    columns.erase(columns.begin() + static_cast<std::ptrdiff_t>(weakest));
   }
 
   SelectedPoles kept;
