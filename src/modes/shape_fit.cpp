@@ -1,0 +1,125 @@
+#include "modes/shape_fit.h"
+
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+
+#include <Eigen/Dense>
+#include <algorithm>
+#include <cmath>
+#include <new>
+
+#include "stability/significance.h"
+
+namespace frfcam::modes {
+
+namespace {
+
+using Eigen::Index;
+using MatrixXcfCol = Eigen::Matrix<std::complex<float>, Eigen::Dynamic, Eigen::Dynamic>;
+using PlaneMap = Eigen::Map<const MatrixXcfCol, Eigen::Unaligned, Eigen::OuterStride<>>;
+
+// Pixels per task of the product: a block of rows of a chunk stays in the
+// cache while its energy is summed after the product.
+constexpr Index kRowsPerTask = 2048;
+
+}  // namespace
+
+ShapeFitStatus FitShapes(frfmap::CubeFileSet& cube, std::uint32_t pixels,
+                         const std::vector<std::uint32_t>& bins, const stability::RealVector& omega,
+                         const std::vector<std::complex<double>>& referenceAtBin,
+                         const stability::RealVector& modeHz,
+                         const stability::RealVector& modeDamping, std::size_t chunkBytes,
+                         const std::atomic<bool>* cancel, ShapeFit* out) {
+  const auto lines = static_cast<Index>(bins.size());
+  const Index p = pixels;
+
+  // The operator, in double precision: equilibrated columns, a
+  // rank-revealing solve of the small normal system, and 1/R folded in.
+  stability::ComplexMatrix a = stability::ModalDesignMatrix(omega, modeHz, modeDamping);
+  const Index terms = a.cols();
+  stability::RealVector scale = stability::RealVector::Ones(terms);
+  for (Index c = 0; c < terms; ++c) {
+    const double n = a.col(c).norm();
+    if (n > 0.0 && std::isfinite(n)) scale[c] = n;
+    a.col(c) /= scale[c];
+  }
+  const stability::ComplexMatrix gram = a.adjoint() * a;
+  const stability::ComplexMatrix pinv = gram.colPivHouseholderQr().solve(a.adjoint());
+  MatrixXcfCol w(lines, terms);
+  Eigen::VectorXf energyWeight(lines);
+  for (Index b = 0; b < lines; ++b) {
+    const std::complex<double> r = referenceAtBin[static_cast<std::size_t>(b)];
+    for (Index t = 0; t < terms; ++t) w(b, t) = std::complex<float>(pinv(t, b) / r);
+    energyWeight[b] = static_cast<float>(1.0 / std::norm(r));
+  }
+
+  MatrixXcfCol coefficients;
+  Eigen::VectorXf energy;
+  try {
+    coefficients = MatrixXcfCol::Zero(p, terms);
+    energy = Eigen::VectorXf::Zero(p);
+  } catch (const std::bad_alloc&) {
+    return ShapeFitStatus::kOutOfMemory;
+  }
+
+  // Chunks of consecutive planes that lie back to back in one cube file
+  // (mapped), so each is one pixels x bins matrix without a copy.
+  const std::size_t planeBytes = static_cast<std::size_t>(p) * sizeof(std::complex<float>);
+  const Index maxPlanes = std::max<Index>(1, static_cast<Index>(chunkBytes / planeBytes));
+  Index first = 0;
+  while (first < lines) {
+    if (cancel != nullptr && cancel->load(std::memory_order_relaxed)) {
+      return ShapeFitStatus::kCancelled;
+    }
+    const frfmap::CubeFileSet::PlaneView start =
+        cube.MapPlane(bins[static_cast<std::size_t>(first)]);
+    if (start.size != planeBytes) return ShapeFitStatus::kShortCube;
+    Index count = 1;
+    while (first + count < lines && count < maxPlanes) {
+      const frfmap::CubeFileSet::PlaneView next =
+          cube.MapPlane(bins[static_cast<std::size_t>(first + count)]);
+      if (next.size != planeBytes) return ShapeFitStatus::kShortCube;
+      if (next.data != start.data + static_cast<std::size_t>(count) * planeBytes) break;
+      ++count;
+    }
+    const PlaneMap x(reinterpret_cast<const std::complex<float>*>(start.data), p, count,
+                     Eigen::OuterStride<>(p));
+    const auto wc = w.middleRows(first, count);
+    const auto ec = energyWeight.segment(first, count);
+    tbb::parallel_for(tbb::blocked_range<Index>(0, (p + kRowsPerTask - 1) / kRowsPerTask),
+                      [&](const tbb::blocked_range<Index>& range) {
+                        for (Index task = range.begin(); task != range.end(); ++task) {
+                          const Index r0 = task * kRowsPerTask;
+                          const Index n = std::min(kRowsPerTask, p - r0);
+                          const auto rows = x.middleRows(r0, n);
+                          coefficients.middleRows(r0, n).noalias() += rows * wc;
+                          energy.segment(r0, n).noalias() += rows.cwiseAbs2() * ec;
+                        }
+                      });
+    first += count;
+  }
+
+  // Explained energy c^H G c of each pixel, against its energy over the band.
+  out->quality.assign(static_cast<std::size_t>(p), 0.0f);
+  const Eigen::MatrixXcf g = gram.cast<std::complex<float>>();
+  // Row by row, c^H G c = sum_k conj(c_k) (G^T c)_k: one product per block.
+  const Eigen::MatrixXcf gt = gram.transpose().cast<std::complex<float>>();
+  tbb::parallel_for(
+      tbb::blocked_range<Index>(0, p, kRowsPerTask), [&](const tbb::blocked_range<Index>& range) {
+        const auto c = coefficients.middleRows(range.begin(), range.size());
+        const Eigen::VectorXf explained = c.conjugate().cwiseProduct(c * gt).rowwise().sum().real();
+        for (Index i = 0; i < explained.size(); ++i) {
+          const float e = energy[range.begin() + i];
+          out->quality[static_cast<std::size_t>(range.begin() + i)] =
+              e > 0.0f ? std::clamp(explained[i] / e, 0.0f, 1.0f) : 0.0f;
+        }
+      });
+  for (Index t = 0; t < terms; ++t) {
+    coefficients.col(t) /= static_cast<float>(scale[t]);
+  }
+  out->terms = static_cast<int>(terms);
+  out->coefficients.assign(coefficients.data(), coefficients.data() + coefficients.size());
+  return ShapeFitStatus::kOk;
+}
+
+}  // namespace frfcam::modes
