@@ -15,20 +15,22 @@ using Eigen::Index;
 using cd = std::complex<double>;
 
 // Residual energy of the least-squares fit that uses only the columns in
-// `subset`, from the Gram matrix G = A^H A, the projections B = A^H H and
-// the data energy: |H|^2 - Re tr(B_S^H G_SS^-1 B_S). A rank-revealing solve
-// keeps a nearly repeated pole from blowing the fit up.
-double ResidualEnergy(const ComplexMatrix& gram, const ComplexMatrix& projections,
-                      double dataEnergy, const std::vector<Index>& subset) {
+// `subset`, from the Gram matrix G = A^H A, the cross products M = B B^H of
+// the projections B = A^H H, and the data energy:
+//   |H|^2 - Re tr(B_S^H G_SS^-1 B_S) = |H|^2 - Re tr(G_SS^-1 M_SS),
+// so no subset costs more than a small solve, however many channels. A
+// rank-revealing solve keeps a nearly repeated pole from blowing it up.
+double ResidualEnergy(const ComplexMatrix& gram, const ComplexMatrix& cross, double dataEnergy,
+                      const std::vector<Index>& subset) {
   const auto k = static_cast<Index>(subset.size());
-  ComplexMatrix g(k, k);
-  ComplexMatrix b(k, projections.cols());
+  ComplexMatrix g(k, k), m(k, k);
   for (Index i = 0; i < k; ++i) {
-    b.row(i) = projections.row(subset[i]);
-    for (Index j = 0; j < k; ++j) g(i, j) = gram(subset[i], subset[j]);
+    for (Index j = 0; j < k; ++j) {
+      g(i, j) = gram(subset[i], subset[j]);
+      m(i, j) = cross(subset[i], subset[j]);
+    }
   }
-  const ComplexMatrix x = g.colPivHouseholderQr().solve(b);
-  const double fitted = (b.conjugate().cwiseProduct(x)).real().sum();
+  const double fitted = g.colPivHouseholderQr().solve(m).trace().real();
   return std::max(0.0, dataEnergy - fitted);
 }
 
@@ -104,7 +106,7 @@ SelectedPoles FilterSignificantPoles(const SelectedPoles& candidates, const Real
   // 2. Backward elimination. One design matrix holds every physical pole
   // and the two residual terms; its columns are equilibrated to unit norm so
   // that the small normal systems stay well scaled, and each subset's fit is
-  // solved from the rows and columns of one Gram matrix and one projection.
+  // solved from the rows and columns of two small matrices.
   const auto k0 = static_cast<Index>(alive.size());
   RealVector f(k0), z(k0);
   for (Index r = 0; r < k0; ++r) {
@@ -118,6 +120,7 @@ SelectedPoles FilterSignificantPoles(const SelectedPoles& candidates, const Real
   }
   const ComplexMatrix gram = a.adjoint() * a;
   const ComplexMatrix projections = a.adjoint() * h;
+  const ComplexMatrix cross = projections * projections.adjoint();
   const double dataEnergy = h.squaredNorm();
   const double lines = std::max<double>(1.0, static_cast<double>(w.size()));
   std::vector<Index> columns(static_cast<std::size_t>(k0));  // column of each alive pole
@@ -126,7 +129,7 @@ SelectedPoles FilterSignificantPoles(const SelectedPoles& candidates, const Real
     std::vector<Index> full = columns;
     full.push_back(k0);
     full.push_back(k0 + 1);
-    const double residual = ResidualEnergy(gram, projections, dataEnergy, full);
+    const double residual = ResidualEnergy(gram, cross, dataEnergy, full);
     // A floor keeps noise-free data (a residual of rounding errors) from
     // dividing by zero.
     const double perLine = std::max(residual / lines, 1e-14 * dataEnergy / lines);
@@ -135,7 +138,7 @@ SelectedPoles FilterSignificantPoles(const SelectedPoles& candidates, const Real
     for (std::size_t r = 0; r < columns.size(); ++r) {
       std::vector<Index> without = full;
       without.erase(without.begin() + static_cast<std::ptrdiff_t>(r));
-      const double grown = ResidualEnergy(gram, projections, dataEnergy, without) - residual;
+      const double grown = ResidualEnergy(gram, cross, dataEnergy, without) - residual;
       const double significance = std::max(0.0, grown) / perLine;
       all[alive[r]].significance = significance;
       if (significance < weakestValue) {
