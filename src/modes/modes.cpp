@@ -1,5 +1,8 @@
 #include "modes/modes.h"
 
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+
 #include <algorithm>
 #include <cmath>
 #include <new>
@@ -187,15 +190,27 @@ ModesStatus ComputeModes(const std::string& headerPath, const std::vector<float>
   } catch (const std::bad_alloc&) {
     return Fail(ModesStatus::kOutOfMemory, "not enough memory for the pole-fit pixels", error);
   }
+  // Planes are mapped up front (the file set is not thread-safe), then
+  // gathered in parallel, one bin per column.
+  std::vector<const std::complex<float>*> planes(static_cast<std::size_t>(lines));
   for (Index b = 0; b < lines; ++b) {
-    if (b % 64 == 0 && Cancelled(options)) return Fail(ModesStatus::kCancelled, "cancelled", error);
     const frfmap::CubeFileSet::PlaneView plane = cube.MapPlane(band[static_cast<std::size_t>(b)]);
     if (plane.size != layout.plane_bytes) {
       return Fail(ModesStatus::kCubeIncomplete, "a cube file is too short", error);
     }
-    const auto* values = reinterpret_cast<const std::complex<float>*>(plane.data);
-    for (std::size_t g = 0; g < grid.size(); ++g) x(static_cast<Index>(g), b) = values[grid[g]];
+    planes[static_cast<std::size_t>(b)] = reinterpret_cast<const std::complex<float>*>(plane.data);
   }
+  tbb::parallel_for(tbb::blocked_range<Index>(0, lines, 16),
+                    [&](const tbb::blocked_range<Index>& range) {
+                      if (Cancelled(options)) return;
+                      for (Index b = range.begin(); b != range.end(); ++b) {
+                        const std::complex<float>* values = planes[static_cast<std::size_t>(b)];
+                        for (std::size_t g = 0; g < grid.size(); ++g) {
+                          x(static_cast<Index>(g), b) = values[grid[g]];
+                        }
+                      }
+                    });
+  if (Cancelled(options)) return Fail(ModesStatus::kCancelled, "cancelled", error);
   std::vector<Index> kept;
   std::vector<float> power(static_cast<std::size_t>(lines));
   for (Index g = 0; g < x.rows(); ++g) {
