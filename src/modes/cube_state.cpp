@@ -4,6 +4,8 @@
 #include <cstdint>
 
 #include "frfmap/capture_header.h"
+#include "frfmap/cube_files.h"
+#include "frfmap/cube_record.h"
 #include "frfmap/layout.h"
 #include "frfmap/naming.h"
 #include "platform/platform.h"
@@ -19,6 +21,18 @@ bool CubeIsComplete(const std::string& headerPath, std::string* why) {
   if (!header.Load(headerPath)) return say(headerPath + ": cannot read the capture header");
   const std::int32_t frames = header.frame_count();
   if (frames < 1 || header.pixels() == 0) return say(headerPath + ": the capture is empty");
+  if (!frfmap::CubeIsComplete(headerPath)) {
+    frfmap::CubeRecord record;
+    switch (frfmap::ReadCubeRecord(headerPath, &record)) {
+      case frfmap::RecordState::kAbsent:
+        return say("the capture has no cube (or one without a completion record)");
+      case frfmap::RecordState::kInvalid:
+        return say("the cube's completion record is damaged");
+      case frfmap::RecordState::kValid:
+        return say(record.complete ? "the cube was rendered for other dimensions"
+                                   : "the cube's last render did not finish");
+    }
+  }
   const auto bins = static_cast<std::uint32_t>(frames / 2 + 1);
   const frfmap::CubeLayout layout = frfmap::CubeLayout::For(header.pixels(), bins);
   const unsigned files = layout.FileCount();

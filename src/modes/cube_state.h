@@ -1,8 +1,7 @@
-// Whether a capture's cube is there to be read: every cube file present and
-// at least as long as the planes it must hold. A render that was cancelled
-// or failed leaves its last files short (or missing), which this detects; a
-// cube whose files are complete but stale (an older render of a capture
-// since rewritten with the same size) is not detected.
+// Whether a capture's cube is there to be read: its completion record says
+// that the last render finished for the capture's dimensions (see
+// frfmap/cube_record.h), and every cube file is present and at least as long
+// as the planes it must hold (a file cut short after the render).
 #pragma once
 
 #include <string>

@@ -4,6 +4,7 @@
 #include <tbb/parallel_for.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <new>
 #include <numbers>
@@ -190,26 +191,46 @@ ModesStatus ComputeModes(const std::string& headerPath, const std::vector<float>
   } catch (const std::bad_alloc&) {
     return Fail(ModesStatus::kOutOfMemory, "not enough memory for the pole-fit pixels", error);
   }
-  // Planes are mapped up front (the file set is not thread-safe), then
-  // gathered in parallel, one bin per column.
-  std::vector<const std::complex<float>*> planes(static_cast<std::size_t>(lines));
-  for (Index b = 0; b < lines; ++b) {
-    const frfmap::CubeFileSet::PlaneView plane = cube.MapPlane(band[static_cast<std::size_t>(b)]);
-    if (plane.size != layout.plane_bytes) {
-      return Fail(ModesStatus::kCubeIncomplete, "a cube file is too short", error);
+  // The grid's rows of every band plane, read in parallel, one bin per
+  // column. Every cube file is opened first on this thread, as the file set
+  // opens lazily; positioned reads on open files may then run side by side.
+  unsigned lastFile = 0;
+  std::vector<std::complex<float>> probe(1);
+  for (std::uint32_t b : band) {
+    if (layout.Locate(b).file != lastFile) {
+      lastFile = layout.Locate(b).file;
+      if (cube.ReadInPlane(b, 0, probe.data(), sizeof(probe[0])) != sizeof(probe[0])) {
+        return Fail(ModesStatus::kCubeIncomplete, "a cube file cannot be read", error);
+      }
     }
-    planes[static_cast<std::size_t>(b)] = reinterpret_cast<const std::complex<float>*>(plane.data);
   }
-  tbb::parallel_for(tbb::blocked_range<Index>(0, lines, 16),
-                    [&](const tbb::blocked_range<Index>& range) {
-                      if (Cancelled(options)) return;
-                      for (Index b = range.begin(); b != range.end(); ++b) {
-                        const std::complex<float>* values = planes[static_cast<std::size_t>(b)];
-                        for (std::size_t g = 0; g < grid.size(); ++g) {
-                          x(static_cast<Index>(g), b) = values[grid[g]];
-                        }
-                      }
-                    });
+  std::vector<unsigned> gridRows;
+  for (unsigned y = static_cast<unsigned>(s / 2); y < height; y += static_cast<unsigned>(s)) {
+    gridRows.push_back(y);
+  }
+  std::atomic<bool> shortRead{false};
+  const std::size_t rowBytes = std::size_t{width} * sizeof(std::complex<float>);
+  tbb::parallel_for(
+      tbb::blocked_range<Index>(0, lines, 8), [&](const tbb::blocked_range<Index>& range) {
+        std::vector<std::complex<float>> row(width);
+        for (Index b = range.begin(); b != range.end(); ++b) {
+          if (Cancelled(options)) return;
+          Index g = 0;
+          for (unsigned y : gridRows) {
+            if (cube.ReadInPlane(band[static_cast<std::size_t>(b)], std::uint64_t{y} * rowBytes,
+                                 row.data(), rowBytes) != rowBytes) {
+              shortRead.store(true);
+              return;
+            }
+            for (unsigned xx = static_cast<unsigned>(s / 2); xx < width;
+                 xx += static_cast<unsigned>(s)) {
+              x(g++, b) = row[xx];
+            }
+          }
+        }
+      });
+  if (shortRead.load())
+    return Fail(ModesStatus::kCubeIncomplete, "a cube file is too short", error);
   if (Cancelled(options)) return Fail(ModesStatus::kCancelled, "cancelled", error);
   std::vector<Index> kept;
   std::vector<float> power(static_cast<std::size_t>(lines));

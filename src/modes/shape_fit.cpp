@@ -5,6 +5,7 @@
 
 #include <Eigen/Dense>
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <new>
 
@@ -19,8 +20,8 @@ using Eigen::Index;
 using MatrixXcfCol = Eigen::Matrix<std::complex<float>, Eigen::Dynamic, Eigen::Dynamic>;
 
 // Pixels per task: one plane's share of a task (16 KiB) stays in the first
-// level cache while every term is accumulated from it, so each value of the
-// cube crosses the memory bus once.
+// level cache while every term is accumulated from it, so each value read
+// from the cube crosses the memory bus once more.
 constexpr Index kRowsPerTask = 2048;
 
 // acc[t][i] += x[i] * w[t] for every term t, and energy[i] += |x[i]|^2 * e,
@@ -85,27 +86,45 @@ ShapeFitStatus FitShapes(frfmap::CubeFileSet& cube, std::uint32_t pixels,
     return ShapeFitStatus::kOutOfMemory;
   }
 
-  // Chunks of consecutive planes that lie back to back in one cube file
-  // (mapped), so each is one pixels x bins matrix without a copy.
+  // Chunks of planes read into one buffer of at most chunkBytes (at least
+  // one plane), plane after plane: a pixels x bins matrix, column-major.
   const std::size_t planeBytes = static_cast<std::size_t>(p) * sizeof(std::complex<float>);
-  const Index maxPlanes = std::max<Index>(1, static_cast<Index>(chunkBytes / planeBytes));
+  const Index maxPlanes =
+      std::min<Index>(lines, std::max<Index>(1, static_cast<Index>(chunkBytes / planeBytes)));
+  std::vector<std::complex<float>> buffer;
+  try {
+    buffer.resize(static_cast<std::size_t>(maxPlanes) * p);
+  } catch (const std::bad_alloc&) {
+    return ShapeFitStatus::kOutOfMemory;
+  }
+  // Every cube file is opened on this thread first (the set opens lazily);
+  // positioned reads on open files then run side by side.
+  {
+    unsigned lastFile = 0;
+    for (std::uint32_t b : bins) {
+      const unsigned file = cube.layout().Locate(b).file;
+      if (file != lastFile && cube.ReadInPlane(b, 0, buffer.data(), 8) != 8) {
+        return ShapeFitStatus::kShortCube;
+      }
+      lastFile = file;
+    }
+  }
   Index first = 0;
   while (first < lines) {
     if (cancel != nullptr && cancel->load(std::memory_order_relaxed)) {
       return ShapeFitStatus::kCancelled;
     }
-    const frfmap::CubeFileSet::PlaneView start =
-        cube.MapPlane(bins[static_cast<std::size_t>(first)]);
-    if (start.size != planeBytes) return ShapeFitStatus::kShortCube;
-    Index count = 1;
-    while (first + count < lines && count < maxPlanes) {
-      const frfmap::CubeFileSet::PlaneView next =
-          cube.MapPlane(bins[static_cast<std::size_t>(first + count)]);
-      if (next.size != planeBytes) return ShapeFitStatus::kShortCube;
-      if (next.data != start.data + static_cast<std::size_t>(count) * planeBytes) break;
-      ++count;
-    }
-    const auto* base = reinterpret_cast<const float*>(start.data);
+    const Index count = std::min(maxPlanes, lines - first);
+    std::atomic<bool> shortRead{false};
+    tbb::parallel_for(Index{0}, count, [&](Index b) {
+      if (cube.ReadInPlane(bins[static_cast<std::size_t>(first + b)], 0,
+                           buffer.data() + static_cast<std::size_t>(b) * p,
+                           planeBytes) != planeBytes) {
+        shortRead.store(true);
+      }
+    });
+    if (shortRead.load()) return ShapeFitStatus::kShortCube;
+    const auto* base = reinterpret_cast<const float*>(buffer.data());
     tbb::parallel_for(tbb::blocked_range<Index>(0, (p + kRowsPerTask - 1) / kRowsPerTask),
                       [&](const tbb::blocked_range<Index>& range) {
                         std::vector<float*> acc(static_cast<std::size_t>(terms));

@@ -4,6 +4,8 @@
 // factorised once, folded with the reference (H = X / R, so P H = (P / R) X),
 // and applied to the cube's planes as they stream past, one matrix product
 // per chunk of planes: C += X_chunk (pixels x bins) * W_chunk (bins x terms).
+// Planes are read into one buffer of at most `chunkBytes`, so memory stays
+// bounded whatever the size of the capture.
 #pragma once
 
 #include <atomic>
@@ -28,8 +30,9 @@ struct ShapeFit {
 
 enum class ShapeFitStatus { kOk, kShortCube, kCancelled, kOutOfMemory };
 
-// bins: the band's bins in increasing order, consecutive; omega: their
+// bins: the band's bins in increasing order; omega: their
 // angular frequencies; referenceAtBin: R at those bins (non-zero);
+// chunkBytes: the read buffer (at least one plane);
 // modeHz / modeDamping: the fixed poles. `cube` must be in read mode.
 ShapeFitStatus FitShapes(frfmap::CubeFileSet& cube, std::uint32_t pixels,
                          const std::vector<std::uint32_t>& bins, const stability::RealVector& omega,
