@@ -2,6 +2,7 @@
 
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
+#include <tbb/parallel_invoke.h>
 
 #include <Eigen/Dense>
 #include <algorithm>
@@ -86,14 +87,15 @@ ShapeFitStatus FitShapes(frfmap::CubeFileSet& cube, std::uint32_t pixels,
     return ShapeFitStatus::kOutOfMemory;
   }
 
-  // Chunks of planes read into one buffer of at most chunkBytes (at least
-  // one plane), plane after plane: a pixels x bins matrix, column-major.
+  // Chunks of planes, plane after plane (a pixels x bins matrix,
+  // column-major), in two buffers of half of chunkBytes each (at least one
+  // plane): while the pixels of one chunk are fitted, the next is read.
   const std::size_t planeBytes = static_cast<std::size_t>(p) * sizeof(std::complex<float>);
   const Index maxPlanes =
-      std::min<Index>(lines, std::max<Index>(1, static_cast<Index>(chunkBytes / planeBytes)));
-  std::vector<std::complex<float>> buffer;
+      std::min<Index>(lines, std::max<Index>(1, static_cast<Index>(chunkBytes / 2 / planeBytes)));
+  std::vector<std::complex<float>> buffers[2];
   try {
-    buffer.resize(static_cast<std::size_t>(maxPlanes) * p);
+    for (auto& b : buffers) b.resize(static_cast<std::size_t>(maxPlanes) * p);
   } catch (const std::bad_alloc&) {
     return ShapeFitStatus::kOutOfMemory;
   }
@@ -103,19 +105,15 @@ ShapeFitStatus FitShapes(frfmap::CubeFileSet& cube, std::uint32_t pixels,
     unsigned lastFile = 0;
     for (std::uint32_t b : bins) {
       const unsigned file = cube.layout().Locate(b).file;
-      if (file != lastFile && cube.ReadInPlane(b, 0, buffer.data(), 8) != 8) {
+      if (file != lastFile && cube.ReadInPlane(b, 0, buffers[0].data(), 8) != 8) {
         return ShapeFitStatus::kShortCube;
       }
       lastFile = file;
     }
   }
-  Index first = 0;
-  while (first < lines) {
-    if (cancel != nullptr && cancel->load(std::memory_order_relaxed)) {
-      return ShapeFitStatus::kCancelled;
-    }
+  std::atomic<bool> shortRead{false};
+  const auto readChunk = [&](Index first, std::vector<std::complex<float>>& buffer) {
     const Index count = std::min(maxPlanes, lines - first);
-    std::atomic<bool> shortRead{false};
     tbb::parallel_for(Index{0}, count, [&](Index b) {
       if (cube.ReadInPlane(bins[static_cast<std::size_t>(first + b)], 0,
                            buffer.data() + static_cast<std::size_t>(b) * p,
@@ -123,7 +121,9 @@ ShapeFitStatus FitShapes(frfmap::CubeFileSet& cube, std::uint32_t pixels,
         shortRead.store(true);
       }
     });
-    if (shortRead.load()) return ShapeFitStatus::kShortCube;
+  };
+  const auto fitChunk = [&](Index first, const std::vector<std::complex<float>>& buffer) {
+    const Index count = std::min(maxPlanes, lines - first);
     const auto* base = reinterpret_cast<const float*>(buffer.data());
     tbb::parallel_for(tbb::blocked_range<Index>(0, (p + kRowsPerTask - 1) / kRowsPerTask),
                       [&](const tbb::blocked_range<Index>& range) {
@@ -146,12 +146,27 @@ ShapeFitStatus FitShapes(frfmap::CubeFileSet& cube, std::uint32_t pixels,
                           }
                         }
                       });
-    first += count;
+  };
+  readChunk(0, buffers[0]);
+  int current = 0;
+  for (Index first = 0; first < lines; first += maxPlanes) {
+    if (shortRead.load()) return ShapeFitStatus::kShortCube;
+    if (cancel != nullptr && cancel->load(std::memory_order_relaxed)) {
+      return ShapeFitStatus::kCancelled;
+    }
+    const Index next = first + maxPlanes;
+    if (next < lines) {
+      tbb::parallel_invoke([&] { readChunk(next, buffers[1 - current]); },
+                           [&] { fitChunk(first, buffers[current]); });
+    } else {
+      fitChunk(first, buffers[current]);
+    }
+    current = 1 - current;
   }
+  if (shortRead.load()) return ShapeFitStatus::kShortCube;
 
   // Explained energy c^H G c of each pixel, against its energy over the band.
   out->quality.assign(static_cast<std::size_t>(p), 0.0f);
-  const Eigen::MatrixXcf g = gram.cast<std::complex<float>>();
   // Row by row, c^H G c = sum_k conj(c_k) (G^T c)_k: one product per block.
   const Eigen::MatrixXcf gt = gram.transpose().cast<std::complex<float>>();
   tbb::parallel_for(

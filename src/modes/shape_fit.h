@@ -4,7 +4,8 @@
 // factorised once, folded with the reference (H = X / R, so P H = (P / R) X),
 // and applied to the cube's planes as they stream past, one matrix product
 // per chunk of planes: C += X_chunk (pixels x bins) * W_chunk (bins x terms).
-// Planes are read into one buffer of at most `chunkBytes`, so memory stays
+// Planes are read into two buffers of half of `chunkBytes` (one is read while
+// the other is fitted), so memory stays
 // bounded whatever the size of the capture.
 #pragma once
 
