@@ -20,5 +20,6 @@ struct ExitWith {
 void RegisterCaptureCommands(CLI::App& app);    // synth, info
 void RegisterCubeCommands(CLI::App& app);       // render, map, delete
 void RegisterStabilityCommands(CLI::App& app);  // stability, synth-frf
+void RegisterModesCommand(CLI::App& app);       // modes
 
 }  // namespace frfcam::cli

@@ -10,6 +10,7 @@ int main(int argc, char** argv) {
   frfcam::cli::RegisterCaptureCommands(app);
   frfcam::cli::RegisterCubeCommands(app);
   frfcam::cli::RegisterStabilityCommands(app);
+  frfcam::cli::RegisterModesCommand(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

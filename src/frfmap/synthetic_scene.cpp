@@ -133,6 +133,34 @@ std::vector<PlateMode> DefaultPlateModes(double fps) {
           {0.27 * fps, 0.01, 2, 2, 0.05}};
 }
 
+std::vector<PlateMode> CloseModePairModes(double fps) {
+  return {{0.06 * fps, 0.02, 1, 1, 0.05},
+          {0.15 * fps, 0.01, 2, 1, 0.05},
+          {0.16 * fps, 0.01, 1, 2, 0.05}};
+}
+
+std::vector<PlateMode> CantileverModes(double fps) {
+  return {{0.02 * fps, 0.02, 1, 1, 0.05},
+          {0.02 * 6.267 * fps, 0.01, 2, 1, 0.03},
+          {0.02 * 17.547 * fps, 0.008, 3, 1, 0.02}};
+}
+
+namespace {
+
+// Roots of cos(b) cosh(b) = -1, the clamped-free beam's eigenvalues.
+constexpr double kCantileverBeta[] = {1.8751040687, 4.6940911330, 7.8547574382, 10.9955407349,
+                                      14.1371683910};
+
+double CantileverShape(int mode, double u) {
+  const int i = std::min(mode, 5) - 1;
+  const double b = kCantileverBeta[i];
+  const double sigma = (std::cosh(b) + std::cos(b)) / (std::sinh(b) + std::sin(b));
+  const double bu = b * u;
+  return 0.5 * (std::cosh(bu) - std::cos(bu) - sigma * (std::sinh(bu) - std::sin(bu)));
+}
+
+}  // namespace
+
 PlateScene::PlateScene(SceneSpec desc) : desc_(std::move(desc)) {
   Check(desc_.width > 0 && desc_.height > 0, "the scene needs a non-empty image");
   Check(desc_.frames >= 1, "the scene needs at least one frame");
@@ -154,7 +182,7 @@ PlateScene::PlateScene(SceneSpec desc) : desc_(std::move(desc)) {
 
   // The plate fills most of the view, leaving a dark margin around it.
   plate_.x0 = static_cast<int>(std::lround(0.07 * w));
-  plate_.y0 = static_cast<int>(std::lround(0.08 * h));
+  plate_.y0 = static_cast<int>(std::lround(desc_.kind == SceneKind::kStrip ? 0.38 * h : 0.08 * h));
   plate_.x1 = w - plate_.x0;
   plate_.y1 = h - plate_.y0;
 
@@ -252,6 +280,7 @@ double PlateScene::Shape(std::size_t k, int x, int y) const {
   const PlateMode& m = desc_.modes[k];
   const double u = (x - plate_.x0 + 0.5) / (plate_.x1 - plate_.x0);
   const double v = (y - plate_.y0 + 0.5) / (plate_.y1 - plate_.y0);
+  if (desc_.kind == SceneKind::kStrip) return CantileverShape(m.m, u);
   return std::sin(m.m * kPi * u) * std::sin(m.n * kPi * v);
 }
 

@@ -37,6 +37,22 @@ struct PlateMode {
 // 0.15 and 0.27 of the frame rate.
 std::vector<PlateMode> DefaultPlateModes(double fps);
 
+// Two close modes, (2,1) and (1,2) at 0.15 and 0.16 of the frame rate (1 %
+// damping each, so their half-power bands nearly touch), beside the (1,1)
+// mode at 0.06.
+std::vector<PlateMode> CloseModePairModes(double fps);
+
+// The first three bending modes of a cantilever strip (m = 1, 2, 3), the
+// first at 0.02 of the frame rate and the others at the beam's frequency
+// ratios 6.27 and 17.55.
+std::vector<PlateMode> CantileverModes(double fps);
+
+// What vibrates: a plate simply supported on all edges (shapes
+// sin(m pi u) sin(n pi v)), or a strip clamped at its left end and free at
+// its right, bending along its length (the cantilever beam's shape of mode m
+// over u, uniform over v; n is ignored), scaled to 1 at the free end.
+enum class SceneKind { kPlate, kStrip };
+
 struct SceneSpec {
   std::uint16_t width = 256;
   std::uint16_t height = 192;
@@ -45,6 +61,7 @@ struct SceneSpec {
   std::vector<PlateMode> modes;  // empty: DefaultPlateModes(fps)
   double noise = 6.0;            // camera noise, standard deviation in counts
   std::uint64_t seed = 1;
+  SceneKind kind = SceneKind::kPlate;  // kStrip: a narrow horizontal strip
 };
 
 // The plate's pixel rectangle, [x0, x1) x [y0, y1).

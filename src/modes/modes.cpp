@@ -1,0 +1,318 @@
+#include "modes/modes.h"
+
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <new>
+#include <numbers>
+
+#include "frfmap/capture_header.h"
+#include "frfmap/cube_files.h"
+#include "frfmap/fft.h"
+#include "modes/cube_state.h"
+#include "modes/shape_fit.h"
+
+namespace frfcam::modes {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Eigen::Index;
+
+constexpr float kMinReference = 1e-3f;
+
+ModesStatus Fail(ModesStatus status, const std::string& message, std::string* error) {
+  if (error != nullptr) *error = message;
+  return status;
+}
+
+bool Cancelled(const ModesOptions& o) {
+  return o.cancel != nullptr && o.cancel->load(std::memory_order_relaxed);
+}
+
+std::vector<double> ToStd(const stability::RealVector& v) {
+  return std::vector<double>(v.data(), v.data() + v.size());
+}
+
+}  // namespace
+
+int DefaultStride(unsigned width, unsigned height, int minPixels) {
+  int s = 1;
+  const auto count = [&](int step) {
+    return static_cast<std::uint64_t>((width + step - 1) / step) * ((height + step - 1) / step);
+  };
+  while (count(s + 1) >= static_cast<std::uint64_t>(std::max(1, minPixels))) ++s;
+  return s;
+}
+
+double PhaseCollinearity(const std::vector<std::complex<float>>& v) {
+  std::complex<double> squares = 0.0;
+  double energy = 0.0;
+  for (const auto& x : v) {
+    const std::complex<double> d(x);
+    squares += d * d;
+    energy += std::norm(d);
+  }
+  if (!(energy > 0.0)) return 0.0;
+  const double r = std::abs(squares) / energy;
+  return r * r;
+}
+
+double DominantPhase(const std::vector<std::complex<float>>& v) {
+  std::complex<double> squares = 0.0;
+  for (const auto& x : v) squares += std::complex<double>(x) * std::complex<double>(x);
+  double theta = 0.5 * std::arg(squares);
+  // The largest value decides the sign: it is made positive.
+  std::complex<double> largest = 0.0;
+  for (const auto& x : v) {
+    if (std::norm(std::complex<double>(x)) > std::norm(largest)) largest = x;
+  }
+  if ((largest * std::polar(1.0, -theta)).real() < 0.0) theta += std::numbers::pi;
+  return theta;
+}
+
+double Mac(const std::vector<std::complex<double>>& a, const std::vector<std::complex<double>>& b) {
+  std::complex<double> cross = 0.0;
+  double aa = 0.0, bb = 0.0;
+  for (std::size_t i = 0; i < std::min(a.size(), b.size()); ++i) {
+    cross += std::conj(a[i]) * b[i];
+    aa += std::norm(a[i]);
+    bb += std::norm(b[i]);
+  }
+  return aa > 0.0 && bb > 0.0 ? std::norm(cross) / (aa * bb) : 0.0;
+}
+
+ModesStatus ComputeModes(const std::string& headerPath, const std::vector<float>& reference,
+                         const ModesOptions& options, ModesResult* out, std::string* error) {
+  frfmap::CaptureHeader header;
+  if (!header.Load(headerPath)) {
+    return Fail(ModesStatus::kBadCapture, headerPath + ": cannot read the capture header", error);
+  }
+  const unsigned width = header.width(), height = header.height();
+  const std::int32_t frames = header.frame_count();
+  if (width == 0 || height == 0 || frames < 4) {
+    return Fail(ModesStatus::kBadCapture, headerPath + ": the capture has no usable frames", error);
+  }
+  const auto pixels = static_cast<std::uint32_t>(width * height);
+  const auto bins = static_cast<std::uint32_t>(frames / 2 + 1);
+  const frfmap::CubeLayout layout = frfmap::CubeLayout::For(pixels, bins);
+  std::string why;
+  if (!CubeIsComplete(headerPath, &why)) {
+    return Fail(ModesStatus::kCubeIncomplete, why, error);
+  }
+  if (static_cast<std::int64_t>(reference.size()) != frames) {
+    return Fail(ModesStatus::kBadReference,
+                "the reference has " + std::to_string(reference.size()) +
+                    " samples; the capture has " + std::to_string(frames) + " frames",
+                error);
+  }
+  const stability::SelectionSettings& sel = options.selection;
+  if (!(options.fps > 0.0) || !std::isfinite(options.fps)) {
+    return Fail(ModesStatus::kBadOptions, "the frame rate must be positive", error);
+  }
+  if (sel.minOrder < 1 || sel.maxOrder <= sel.minOrder) {
+    return Fail(ModesStatus::kBadOptions, "the orders need 1 <= LOW < HIGH", error);
+  }
+
+  // The band's bins.
+  const double binHz = options.fps / frames;
+  const double hi = options.bandHiHz > 0.0 ? options.bandHiHz : options.fps / 2.0;
+  std::vector<std::uint32_t> band;
+  for (std::uint32_t b = 1; b < bins; ++b) {
+    const double f = b * binHz;
+    if (f >= options.bandLoHz - 1e-9 * binHz && f <= hi + 1e-9 * binHz) band.push_back(b);
+  }
+  if (band.size() < 8) {
+    return Fail(ModesStatus::kBadOptions,
+                "the band holds " + std::to_string(band.size()) + " bins; the fit needs at least 8",
+                error);
+  }
+
+  // Reference spectrum at the band's bins. Where the reference has next to
+  // no energy (below kMinReference of its median magnitude over the band;
+  // for example at Nyquist, which a periodic excitation leaves empty) the
+  // FRF is undefined, and those bins are left out.
+  std::vector<std::complex<float>> spectrum(bins);
+  if (!frfmap::ScaledRealDft(reference.data(), frames, spectrum.data())) {
+    return Fail(ModesStatus::kOutOfMemory, "the reference transform cannot be prepared", error);
+  }
+  {
+    std::vector<float> magnitude;
+    for (std::uint32_t b : band) magnitude.push_back(std::abs(spectrum[b]));
+    auto mid = magnitude.begin() + static_cast<std::ptrdiff_t>(magnitude.size() / 2);
+    std::nth_element(magnitude.begin(), mid, magnitude.end());
+    const float floor = kMinReference * *mid;
+    std::vector<std::uint32_t> excited;
+    for (std::uint32_t b : band) {
+      if (std::abs(spectrum[b]) > floor) excited.push_back(b);
+    }
+    if (excited.size() < 8) {
+      return Fail(ModesStatus::kBadReference, "the reference has (almost) no energy in the band",
+                  error);
+    }
+    band = std::move(excited);
+  }
+  const auto lines = static_cast<Index>(band.size());
+  std::vector<std::complex<double>> r(static_cast<std::size_t>(lines));
+  stability::RealVector omega(lines);
+  for (Index i = 0; i < lines; ++i) {
+    r[static_cast<std::size_t>(i)] = spectrum[band[static_cast<std::size_t>(i)]];
+    omega[i] = 2.0 * std::numbers::pi * band[static_cast<std::size_t>(i)] * binHz;
+  }
+
+  ModesResult result;
+  result.width = width;
+  result.height = height;
+  result.bandFirstBin = static_cast<int>(band.front());
+  result.bandLastBin = static_cast<int>(band.back());
+  result.stride =
+      options.stride > 0 ? options.stride : DefaultStride(width, height, options.minGridPixels);
+  const int s = result.stride;
+  std::vector<std::uint32_t> grid;
+  for (unsigned y = static_cast<unsigned>(s / 2); y < height; y += static_cast<unsigned>(s)) {
+    for (unsigned x = static_cast<unsigned>(s / 2); x < width; x += static_cast<unsigned>(s)) {
+      grid.push_back(y * width + x);
+    }
+  }
+  result.gridPixels = static_cast<int>(grid.size());
+
+  frfmap::CubeFileSet cube;
+  cube.Reset(headerPath, layout);
+  cube.SetMode(frfmap::CubeFileSet::Mode::kRead);
+
+  // 1. Channels: X at the grid pixels, bin by bin, then the noise rule.
+  auto t0 = Clock::now();
+  Eigen::MatrixXcf x;
+  try {
+    x.resize(static_cast<Index>(grid.size()), lines);
+  } catch (const std::bad_alloc&) {
+    return Fail(ModesStatus::kOutOfMemory, "not enough memory for the pole-fit pixels", error);
+  }
+  // The grid's rows of every band plane, read in parallel, one bin per
+  // column. Every cube file is opened first on this thread, as the file set
+  // opens lazily; positioned reads on open files may then run side by side.
+  unsigned lastFile = 0;
+  std::vector<std::complex<float>> probe(1);
+  for (std::uint32_t b : band) {
+    if (layout.Locate(b).file != lastFile) {
+      lastFile = layout.Locate(b).file;
+      if (cube.ReadInPlane(b, 0, probe.data(), sizeof(probe[0])) != sizeof(probe[0])) {
+        return Fail(ModesStatus::kCubeIncomplete, "a cube file cannot be read", error);
+      }
+    }
+  }
+  std::vector<unsigned> gridRows;
+  for (unsigned y = static_cast<unsigned>(s / 2); y < height; y += static_cast<unsigned>(s)) {
+    gridRows.push_back(y);
+  }
+  std::atomic<bool> shortRead{false};
+  const std::size_t rowBytes = std::size_t{width} * sizeof(std::complex<float>);
+  tbb::parallel_for(
+      tbb::blocked_range<Index>(0, lines, 8), [&](const tbb::blocked_range<Index>& range) {
+        std::vector<std::complex<float>> row(width);
+        for (Index b = range.begin(); b != range.end(); ++b) {
+          if (Cancelled(options)) return;
+          Index g = 0;
+          for (unsigned y : gridRows) {
+            if (cube.ReadInPlane(band[static_cast<std::size_t>(b)], std::uint64_t{y} * rowBytes,
+                                 row.data(), rowBytes) != rowBytes) {
+              shortRead.store(true);
+              return;
+            }
+            for (unsigned xx = static_cast<unsigned>(s / 2); xx < width;
+                 xx += static_cast<unsigned>(s)) {
+              x(g++, b) = row[xx];
+            }
+          }
+        }
+      });
+  if (shortRead.load())
+    return Fail(ModesStatus::kCubeIncomplete, "a cube file is too short", error);
+  if (Cancelled(options)) return Fail(ModesStatus::kCancelled, "cancelled", error);
+  std::vector<Index> kept;
+  std::vector<float> power(static_cast<std::size_t>(lines));
+  for (Index g = 0; g < x.rows(); ++g) {
+    for (Index b = 0; b < lines; ++b) power[static_cast<std::size_t>(b)] = std::norm(x(g, b));
+    const float peak = *std::max_element(power.begin(), power.end());
+    auto mid = power.begin() + static_cast<std::ptrdiff_t>(power.size() / 2);
+    std::nth_element(power.begin(), mid, power.end());
+    if (peak > 0.0f && peak >= options.minPeakToMedian * *mid) kept.push_back(g);
+  }
+  result.channels = static_cast<int>(kept.size());
+  if (kept.empty()) {
+    return Fail(ModesStatus::kNoResponse,
+                "no pixel of the grid responds above its noise in the band", error);
+  }
+  stability::ComplexMatrix h(lines, static_cast<Index>(kept.size()));
+  for (std::size_t c = 0; c < kept.size(); ++c) {
+    for (Index b = 0; b < lines; ++b) {
+      h(b, static_cast<Index>(c)) =
+          std::complex<double>(x(kept[c], b)) / r[static_cast<std::size_t>(b)];
+    }
+  }
+  x.resize(0, 0);
+  auto t1 = Clock::now();
+  result.times.reading = t1 - t0;
+
+  // 2. Poles.
+  if (Cancelled(options)) return Fail(ModesStatus::kCancelled, "cancelled", error);
+  const stability::EstimationResult estimation =
+      stability::Estimate(omega, stability::ComplexVector(), h, {sel.minOrder, sel.maxOrder},
+                          sel.frequencyTolerance, sel.dampingTolerance, false, false);
+  const stability::SelectedPoles poles =
+      stability::SelectModes(estimation, omega, h, sel, &result.verdicts);
+  ChartData& chart = result.chart;
+  for (std::size_t k = 0; k < estimation.sByOrder.size(); ++k) {
+    ChartData::Order o;
+    o.order = sel.minOrder + 1 + static_cast<int>(k);
+    o.s = ToStd(estimation.sByOrder[k]);
+    o.f = ToStd(estimation.fByOrder[k]);
+    o.d = ToStd(estimation.dByOrder[k]);
+    o.o = ToStd(estimation.oByOrder[k]);
+    chart.orders.push_back(std::move(o));
+  }
+  chart.lineHz.resize(static_cast<std::size_t>(lines));
+  chart.sumMagnitude.resize(static_cast<std::size_t>(lines));
+  for (Index b = 0; b < lines; ++b) {
+    chart.lineHz[static_cast<std::size_t>(b)] = band[static_cast<std::size_t>(b)] * binHz;
+    chart.sumMagnitude[static_cast<std::size_t>(b)] = h.row(b).cwiseAbs().sum();
+  }
+  chart.selectedHz = ToStd(poles.frequency);
+  h.resize(0, 0);
+  auto t2 = Clock::now();
+  result.times.poleFit = t2 - t1;
+
+  // 3. Shapes.
+  ShapeFit fit;
+  switch (FitShapes(cube, pixels, band, omega, r, poles.frequency, poles.damping,
+                    options.chunkBytes, options.cancel, &fit)) {
+    case ShapeFitStatus::kOk:
+      break;
+    case ShapeFitStatus::kShortCube:
+      return Fail(ModesStatus::kCubeIncomplete, "a cube file is too short", error);
+    case ShapeFitStatus::kCancelled:
+      return Fail(ModesStatus::kCancelled, "cancelled", error);
+    case ShapeFitStatus::kOutOfMemory:
+      return Fail(ModesStatus::kOutOfMemory, "not enough memory for the shapes", error);
+  }
+  for (Index m = 0; m < poles.frequency.size(); ++m) {
+    Mode mode;
+    mode.frequencyHz = poles.frequency[m];
+    mode.damping = poles.damping[m];
+    const std::complex<float>* column = &fit.coefficients[static_cast<std::size_t>(m) * pixels];
+    mode.shape.assign(column, column + pixels);
+    for (std::size_t p = 0; p < pixels; ++p) {
+      if (!(fit.quality[p] >= options.minFitQuality)) mode.shape[p] = 0.0f;
+    }
+    mode.mpc = PhaseCollinearity(mode.shape);
+    result.modes.push_back(std::move(mode));
+  }
+  result.times.residues = Clock::now() - t2;
+  *out = std::move(result);
+  return ModesStatus::kOk;
+}
+
+}  // namespace frfcam::modes

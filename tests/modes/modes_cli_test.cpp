@@ -1,0 +1,118 @@
+// `frfcam modes` end to end: from a capture without a cube to every output
+// file, checked with numpy and by the files' own signatures.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "frfmap/naming.h"
+#include "support/test_support.h"
+
+namespace frfcam {
+namespace {
+
+namespace fs = std::filesystem;
+
+test::CommandResult Cli(const std::string& args) {
+  return test::RunCommand(std::string(FRFCAM_CLI) + " " + args);
+}
+
+std::string Slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+class ModesCli : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    header = dir.file("plate.hdr");
+    reference = dir.file("plate_reference.txt");
+    const auto r = Cli("synth " + header + " --width 96 --height 72 --frames 1000");
+    ASSERT_EQ(r.status, 0) << r.err;
+  }
+  test::ScratchDir dir;
+  std::string header, reference;
+};
+
+TEST_F(ModesCli, RendersFitsAndWritesEveryOutput) {
+  const std::string out = dir.file("out/nested");
+  const auto r = Cli("modes " + header + " --reference " + reference + " -o " + out);
+  ASSERT_EQ(r.status, 0) << r.err << r.out;
+  EXPECT_NE(r.out.find("rendering it"), std::string::npos);  // no cube before
+  EXPECT_NE(r.out.find("3 mode(s)"), std::string::npos) << r.out;
+
+  const std::string csv = Slurp(out + "/modes.csv");
+  EXPECT_EQ(csv.substr(0, csv.find('\n')), "mode,frequency_hz,damping_ratio,mpc");
+  EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 4);
+  std::istringstream rows(csv.substr(csv.find('\n') + 1));
+  const double expected[] = {120.0, 300.0, 540.0};
+  for (double hz : expected) {
+    int mode = 0;
+    double f = 0, zeta = 0, mpc = 0;
+    char comma;
+    rows >> mode >> comma >> f >> comma >> zeta >> comma >> mpc;
+    EXPECT_NEAR(f, hz, 0.005 * hz) << csv;
+    EXPECT_GT(mpc, 0.95) << csv;
+  }
+
+  for (int k = 1; k <= 3; ++k) {
+    const std::string base = out + "/mode_" + std::to_string(k);
+    const std::string png = Slurp(base + ".png");
+    EXPECT_EQ(png.substr(1, 3), "PNG");
+    EXPECT_NE(png.find("tEXtScale"), std::string::npos);
+    EXPECT_EQ(Slurp(base + ".gif").substr(0, 6), "GIF89a");
+  }
+  EXPECT_FALSE(fs::exists(out + "/mode_4.npy"));
+  const std::string svg = Slurp(out + "/chart.svg");
+  EXPECT_EQ(svg.substr(0, 4), "<svg");
+  EXPECT_NE(svg.find("</svg>"), std::string::npos);
+
+  if (!test::HaveSystemPython("numpy")) GTEST_SKIP() << "no python3-numpy";
+  const auto py = test::RunCommand(
+      std::string(FRFCAM_SYSTEM_PYTHON) + " -c \"import numpy as n; a = n.load('" + out +
+      "/mode_2.npy'); print(a.dtype, a.shape, int((a != 0).sum() > 1000))\"");
+  EXPECT_EQ(py.out, "complex64 (72, 96) 1\n") << py.err;
+}
+
+// A cut cube is rendered again; a band without the first mode leaves it out.
+TEST_F(ModesCli, RerendersAShortCubeAndHonoursTheBand) {
+  ASSERT_EQ(Cli("render " + header).status, 0);
+  const std::string cube = frfmap::DataFilePath(header, frfmap::DataFile::kCube, 1);
+  fs::resize_file(cube, fs::file_size(cube) / 2);
+  const auto r = Cli("modes " + header + " --reference " + reference + " --band 200:999 -o " +
+                     dir.file("out"));
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("too short"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("2 mode(s)"), std::string::npos) << r.out;
+  const std::string csv = Slurp(dir.file("out/modes.csv"));
+  EXPECT_EQ(csv.find(",120."), std::string::npos) << csv;
+}
+
+TEST_F(ModesCli, BadInputGivesOneLineAndExitOne) {
+  const std::string out = " -o " + dir.file("out");
+  struct Case {
+    std::string args, message;
+  } cases[] = {
+      {"modes " + dir.file("none.hdr") + " --reference " + reference + out, "no such file"},
+      {"modes " + header + " --reference " + dir.file("none.txt") + out, "cannot read reference"},
+      {"modes " + header + " --reference " + reference + " --band 300:100" + out, "--band"},
+      {"modes " + header + " --reference " + reference + " --orders 40:2" + out, "--orders"},
+  };
+  for (const Case& c : cases) {
+    const auto r = Cli(c.args);
+    EXPECT_EQ(r.status, 1) << c.args;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  }
+  std::ofstream(dir.file("short.txt")) << "1\n2\n3\n";
+  const auto r = Cli("modes " + header + " --reference " + dir.file("short.txt") + out);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("3 samples"), std::string::npos) << r.err;
+}
+
+}  // namespace
+}  // namespace frfcam

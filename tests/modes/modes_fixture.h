@@ -1,0 +1,65 @@
+// A rendered synthetic capture for the modes tests: the scene, its capture
+// and cube in a scratch folder, and the true shapes to compare with.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <complex>
+#include <string>
+#include <vector>
+
+#include "frfmap/capture_writer.h"
+#include "frfmap/frf_map_calcs.h"
+#include "frfmap/synthetic_scene.h"
+#include "support/test_support.h"
+
+namespace frfcam::modes::test {
+
+struct RenderedScene {
+  explicit RenderedScene(const frfmap::SceneSpec& spec, const std::string& name = "scene")
+      : scene(spec) {
+    header = dir.file(name + ".hdr");
+    frfmap::CaptureSpec desc;
+    desc.width = spec.width;
+    desc.height = spec.height;
+    desc.frames = spec.frames;
+    desc.fps = spec.fps;
+    desc.pixel_format = 1;  // 12-bit packed
+    std::string error;
+    const bool written = frfmap::WriteCapture(
+        header, desc, [&](std::int32_t f, std::uint16_t* s) { scene.Frame(f, s); }, &error);
+    EXPECT_TRUE(written) << error;
+    frfmap::FrfMapCalcs calcs("test");
+    EXPECT_EQ(calcs.OpenCube(header), 0);
+    EXPECT_EQ(calcs.RenderCube([](int) {}), 0);
+  }
+
+  // The brightness response of mode k at every pixel, raster order.
+  std::vector<std::complex<double>> TrueShape(std::size_t k) const {
+    const auto& d = scene.desc();
+    std::vector<std::complex<double>> v(static_cast<std::size_t>(d.width) * d.height);
+    for (int y = 0; y < d.height; ++y) {
+      for (int x = 0; x < d.width; ++x) {
+        v[static_cast<std::size_t>(y) * d.width + x] = scene.Texture(x, y) * scene.Shape(k, x, y);
+      }
+    }
+    return v;
+  }
+
+  frfcam::test::ScratchDir dir;
+  frfmap::PlateScene scene;
+  std::string header;
+};
+
+inline frfmap::SceneSpec SmallScene(frfmap::SceneKind kind, std::vector<frfmap::PlateMode> modes) {
+  frfmap::SceneSpec s;
+  s.width = 96;
+  s.height = 72;
+  s.frames = 1000;
+  s.fps = 2000.0;
+  s.kind = kind;
+  s.modes = std::move(modes);
+  return s;
+}
+
+}  // namespace frfcam::modes::test

@@ -1,0 +1,331 @@
+// modes: natural frequencies, damping and full-field mode shapes of a
+// capture, rendering its cube first when it is missing or incomplete.
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <numbers>
+#include <string>
+#include <vector>
+
+#include "chart_svg.h"
+#include "commands.h"
+#include "formats/npy.h"
+#include "frfmap/capture_header.h"
+#include "frfmap/frf_map_calcs.h"
+#include "modes/cube_state.h"
+#include "modes/modes.h"
+
+namespace frfcam::cli {
+
+namespace {
+
+constexpr int kGifFrames = 24;
+
+// What a Ctrl-C cancels: the render in progress, or the modes computation.
+// Both are atomic stores, safe in a signal handler.
+std::atomic<frfmap::FrfMapCalcs*> g_render{nullptr};
+std::atomic<bool> g_cancel{false};
+extern "C" void OnModesInterrupt(int) {
+  g_cancel.store(true);
+  if (frfmap::FrfMapCalcs* c = g_render.load()) c->CancelRender();
+}
+
+struct InterruptScope {
+  InterruptScope() {
+    struct sigaction sa = {};
+    sa.sa_handler = OnModesInterrupt;
+    sigaction(SIGINT, &sa, &previous);
+  }
+  ~InterruptScope() { sigaction(SIGINT, &previous, nullptr); }
+  struct sigaction previous = {};
+};
+
+struct ModesCliOptions {
+  std::string header;
+  std::string reference;
+  std::string output;
+  double fps = 0.0;
+  std::string band;
+  std::string orders = "2:40";
+  int stride = 0;
+  int minStable = modes::ModesOptions::DefaultModesSelection().minStableCount;
+};
+
+std::vector<float> ReadSignal(const std::string& path) {
+  std::ifstream in(path);
+  if (!in) throw CommandError("cannot read reference file " + path);
+  std::vector<float> values;
+  std::string line;
+  int number = 0;
+  while (std::getline(in, line)) {
+    ++number;
+    if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+    try {
+      std::size_t used = 0;
+      values.push_back(std::stof(line, &used));
+      if (line.find_first_not_of(" \t\r", used) != std::string::npos) {
+        throw std::invalid_argument("");
+      }
+    } catch (const std::exception&) {
+      throw CommandError(path + ":" + std::to_string(number) + ": not a number: " + line);
+    }
+  }
+  if (values.empty()) throw CommandError(path + ": no values");
+  return values;
+}
+
+void ParsePair(const std::string& text, const char* option, double* a, double* b) {
+  const auto colon = text.find(':');
+  try {
+    if (colon == std::string::npos) throw std::invalid_argument(text);
+    std::size_t u1 = 0, u2 = 0;
+    const std::string x = text.substr(0, colon), y = text.substr(colon + 1);
+    *a = std::stod(x, &u1);
+    *b = std::stod(y, &u2);
+    if (u1 != x.size() || u2 != y.size()) throw std::invalid_argument(text);
+  } catch (const std::logic_error&) {
+    throw CommandError(std::string(option) + ": expected LOW:HIGH, got '" + text + "'");
+  }
+}
+
+void ShowRenderProgress(int percent) {
+  static int last = -1;
+  if (::isatty(2)) {
+    std::fprintf(stderr, "\rrendering the cube: %3d%%", percent);
+    if (percent == 100) std::fputc('\n', stderr);
+  } else if (percent / 10 != last / 10 || percent == 100) {
+    std::fprintf(stderr, "rendering the cube: %d%%\n", percent);
+  }
+  last = percent;
+  std::fflush(stderr);
+}
+
+void RenderIfNeeded(const std::string& header) {
+  std::string why;
+  if (modes::CubeIsComplete(header, &why)) return;
+  std::printf("cube not ready (%s); rendering it\n", why.c_str());
+  std::fflush(stdout);
+  frfmap::FrfMapCalcs calcs("frfcam");
+  if (calcs.OpenCube(header) != frfmap::kOpenOk) {
+    throw CommandError(header + ": not a capture that can be rendered (see 'frfcam info " + header +
+                       "')");
+  }
+  g_render.store(&calcs);
+  const int result = calcs.RenderCube(ShowRenderProgress);
+  g_render.store(nullptr);
+  switch (result) {
+    case frfmap::kRenderOk:
+      return;
+    case frfmap::kRenderCancelled:
+      std::fprintf(stderr, "\nfrfcam: render cancelled; the cube is incomplete\n");
+      throw ExitWith{130};
+    case frfmap::kRenderWriteFailed:
+      throw CommandError("writing the cube files failed (disk full or file size limit?)");
+    default:
+      throw CommandError("not enough memory to render");
+  }
+}
+
+// The shape turned to its dominant phase, and the value that maps to the
+// colour extremes: the 99.5th percentile of |value|, so a few hot pixels do
+// not wash the picture out.
+struct Picture {
+  double theta = 0.0;
+  double scale = 1.0;
+};
+Picture PictureOf(const std::vector<std::complex<float>>& shape) {
+  Picture p;
+  p.theta = modes::DominantPhase(shape);
+  std::vector<float> magnitude;
+  for (const auto& v : shape) {
+    if (v != std::complex<float>(0.0f)) magnitude.push_back(std::abs(v));
+  }
+  if (!magnitude.empty()) {
+    auto at = magnitude.begin() + static_cast<std::ptrdiff_t>(magnitude.size() * 995 / 1000);
+    std::nth_element(magnitude.begin(), at, magnitude.end());
+    if (*at > 0.0f) p.scale = *at;
+  }
+  return p;
+}
+
+std::uint8_t ColourIndex(double value, double scale) {
+  const double t = std::clamp(value / scale, -1.0, 1.0);
+  return static_cast<std::uint8_t>(std::lround(127.5 + 127.5 * t));
+}
+
+void WriteModeFiles(const std::string& dir, int k, const modes::Mode& mode, unsigned w,
+                    unsigned h) {
+  const std::string base = dir + "/mode_" + std::to_string(k);
+  const formats::NpyStatus s = formats::WriteNpy(base + ".npy", {h, w}, mode.shape.data());
+  if (s != formats::NpyStatus::kOk) {
+    throw CommandError(base + ".npy: " + formats::NpyStatusText(s));
+  }
+
+  const Picture pic = PictureOf(mode.shape);
+  const Palette palette = DivergingPalette();
+  const std::size_t pixels = static_cast<std::size_t>(w) * h;
+  std::vector<std::uint8_t> rgb(pixels * 3);
+  const std::complex<double> turn = std::polar(1.0, -pic.theta);
+  for (std::size_t p = 0; p < pixels; ++p) {
+    const auto& c =
+        palette[ColourIndex((std::complex<double>(mode.shape[p]) * turn).real(), pic.scale)];
+    std::copy(c.begin(), c.end(), &rgb[3 * p]);
+  }
+  char scale[200];
+  std::snprintf(scale, sizeof scale,
+                "real part after turning by %.4f rad; full blue = -%.6g, white = 0, full red = "
+                "+%.6g (residue units)",
+                -pic.theta, pic.scale, pic.scale);
+  char title[120];
+  std::snprintf(title, sizeof title, "mode %d: %.3f Hz, damping %.3f %%, MPC %.3f", k,
+                mode.frequencyHz, 100.0 * mode.damping, mode.mpc);
+  WriteRgbPng(base + ".png", rgb.data(), w, h,
+              {{"Title", title}, {"Scale", scale}, {"Software", "frfcam modes"}});
+
+  std::vector<std::vector<std::uint8_t>> frames(kGifFrames, std::vector<std::uint8_t>(pixels));
+  for (int f = 0; f < kGifFrames; ++f) {
+    const std::complex<double> phase =
+        turn * std::polar(1.0, 2.0 * std::numbers::pi * f / kGifFrames);
+    for (std::size_t p = 0; p < pixels; ++p) {
+      frames[f][p] = ColourIndex((std::complex<double>(mode.shape[p]) * phase).real(), pic.scale);
+    }
+  }
+  WriteAnimatedGif(base + ".gif", frames, w, h, palette, 4);
+}
+
+void RunModes(const ModesCliOptions& o) {
+  frfmap::CaptureHeader header;
+  if (!std::filesystem::exists(o.header)) throw CommandError(o.header + ": no such file");
+  if (!header.Load(o.header)) throw CommandError("cannot read capture header " + o.header);
+  modes::ModesOptions options;
+  options.fps = o.fps > 0 ? o.fps : header.float_field();
+  if (!(options.fps > 0) || !std::isfinite(options.fps)) {
+    throw CommandError("the header holds no frame rate; give --fps");
+  }
+  if (!o.band.empty()) {
+    ParsePair(o.band, "--band", &options.bandLoHz, &options.bandHiHz);
+    if (!(options.bandLoHz >= 0 && options.bandHiHz > options.bandLoHz)) {
+      throw CommandError("--band " + o.band + ": needs 0 <= LOW < HIGH (Hz)");
+    }
+  }
+  double lo = 0, hi = 0;
+  ParsePair(o.orders, "--orders", &lo, &hi);
+  options.selection.minOrder = static_cast<int>(lo);
+  options.selection.maxOrder = static_cast<int>(hi);
+  if (lo != std::floor(lo) || hi != std::floor(hi) || lo < 1 || hi <= lo || hi > 200) {
+    throw CommandError("--orders " + o.orders + ": needs whole numbers 1 <= LOW < HIGH <= 200");
+  }
+  options.selection.minStableCount = o.minStable;
+  options.stride = o.stride;
+  options.cancel = &g_cancel;
+  const std::vector<float> reference = ReadSignal(o.reference);
+  if (static_cast<std::int64_t>(reference.size()) != header.frame_count()) {
+    throw CommandError(o.reference + ": " + std::to_string(reference.size()) +
+                       " samples, but the capture has " + std::to_string(header.frame_count()) +
+                       " frames");
+  }
+  std::error_code ec;
+  std::filesystem::create_directories(o.output, ec);
+  if (ec || !std::filesystem::is_directory(o.output)) {
+    throw CommandError("cannot create the output folder " + o.output);
+  }
+
+  g_cancel.store(false);
+  InterruptScope interrupt;
+  RenderIfNeeded(o.header);
+
+  modes::ModesResult r;
+  std::string error;
+  switch (modes::ComputeModes(o.header, reference, options, &r, &error)) {
+    case modes::ModesStatus::kOk:
+      break;
+    case modes::ModesStatus::kCancelled:
+      std::fprintf(stderr, "frfcam: cancelled\n");
+      throw ExitWith{130};
+    default:
+      throw CommandError(error);
+  }
+
+  const auto t0 = std::chrono::steady_clock::now();
+  std::string csv = "mode,frequency_hz,damping_ratio,mpc\n";
+  for (std::size_t k = 0; k < r.modes.size(); ++k) {
+    char row[160];
+    std::snprintf(row, sizeof row, "%zu,%.6f,%.6f,%.6f\n", k + 1, r.modes[k].frequencyHz,
+                  r.modes[k].damping, r.modes[k].mpc);
+    csv += row;
+  }
+  WriteTextFile(o.output + "/modes.csv", csv);
+  for (std::size_t k = 0; k < r.modes.size(); ++k) {
+    WriteModeFiles(o.output, static_cast<int>(k + 1), r.modes[k], r.width, r.height);
+  }
+  ChartInput chart;
+  for (const auto& order : r.chart.orders) {
+    chart.orders.push_back({order.order, order.s, order.f, order.d, order.o});
+  }
+  chart.lineHz = r.chart.lineHz;
+  chart.sumMagnitude = r.chart.sumMagnitude;
+  chart.selectedHz = r.chart.selectedHz;
+  chart.title = "Stabilisation chart: " + std::filesystem::path(o.header).filename().string();
+  WriteTextFile(o.output + "/chart.svg", StabilisationChartSvg(chart));
+  const double writing =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+
+  const auto sec = [](std::chrono::nanoseconds t) {
+    return std::chrono::duration<double>(t).count();
+  };
+  std::printf(
+      "%ux%u pixels, band %.2f..%.2f Hz (bins %d..%d); pole fit on %d of %d grid "
+      "pixels (stride %d), orders %d..%d\n",
+      r.width, r.height, r.bandFirstBin * options.fps / header.frame_count(),
+      r.bandLastBin * options.fps / header.frame_count(), r.bandFirstBin, r.bandLastBin, r.channels,
+      r.gridPixels, r.stride, options.selection.minOrder, options.selection.maxOrder);
+  if (r.modes.empty()) {
+    std::printf(
+        "\nNo mode passed the selection; a lower --min-stable or another --band may "
+        "help.\n");
+  } else {
+    std::printf("\n%zu mode(s):\n\n  mode  frequency [Hz]  damping [%%]     MPC\n", r.modes.size());
+    for (std::size_t k = 0; k < r.modes.size(); ++k) {
+      std::printf("  %4zu  %14.4f  %11.4f  %6.3f\n", k + 1, r.modes[k].frequencyHz,
+                  100.0 * r.modes[k].damping, r.modes[k].mpc);
+    }
+  }
+  std::printf("\ntimes: reading %.2f s, pole fit %.2f s, residues %.2f s, writing %.2f s\n",
+              sec(r.times.reading), sec(r.times.poleFit), sec(r.times.residues), writing);
+  std::printf("wrote modes.csv, chart.svg and mode_K.{npy,png,gif} into %s\n", o.output.c_str());
+}
+
+}  // namespace
+
+void RegisterModesCommand(CLI::App& app) {
+  auto o = std::make_shared<ModesCliOptions>();
+  CLI::App* m = app.add_subcommand(
+      "modes", "Natural frequencies, damping and full-field mode shapes of a capture");
+  m->add_option("capture", o->header, "Capture header file (the cube is rendered if needed)")
+      ->required();
+  m->add_option("--reference", o->reference,
+                "Reference signal: one float per line, as many as frames")
+      ->required();
+  m->add_option("--fps", o->fps, "Frame rate (default: the header's)")->check(CLI::PositiveNumber);
+  m->add_option("--band", o->band, "Band LO:HI in Hz (default: all bins above 0)");
+  m->add_option("--orders", o->orders, "Model order range LOW:HIGH")->capture_default_str();
+  m->add_option("--stride", o->stride,
+                "Grid step of the pole-fit pixels (default: at least 10000 pixels)")
+      ->check(CLI::PositiveNumber);
+  m->add_option("--min-stable", o->minStable,
+                "Orders a pole must recur in to be selected (its own included)")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1000));
+  m->add_option("-o,--output", o->output, "Folder for the outputs (created if missing)")
+      ->required();
+  m->callback([o] { RunModes(*o); });
+}
+
+}  // namespace frfcam::cli
