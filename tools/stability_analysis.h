@@ -1,0 +1,49 @@
+// The modal analysis as the command line and the Python package run it: the
+// stages of ComputeStability called one by one, so that residues are fitted
+// to every channel (the mode shapes), not only to the reference channel.
+// The record it fills is the one ComputeStability writes for the same
+// request.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "stability/estimator.h"
+#include "stability/residues.h"
+#include "stability/selection.h"
+#include "talproto.pb.h"
+
+namespace frfcam {
+
+struct AnalysisRequest {
+  stability::RealVector omega;    // rad/s, one per line
+  stability::ComplexMatrix frfs;  // lines x channels
+  int referenceChannel = 0;       // 0-based: its fit goes into the record
+  int minOrder = 2;
+  int maxOrder = 60;
+  double selectionTolerance = 0.01;
+  int minStableCount = 5;
+  double frequencyTolerance = 0.01;
+  double dampingTolerance = 0.05;
+  bool flag1 = false;
+  bool flag2 = false;
+};
+
+struct Analysis {
+  std::vector<std::int32_t> orders;  // minOrder .. maxOrder
+  stability::EstimationResult estimation;
+  stability::SelectedPoles selection;       // empty when no order had an s pole
+  std::vector<stability::ResidueFit> fits;  // one per channel (empty as above)
+  talproto::stabChartData record;
+};
+
+// Checks the request as ComputeStability does; "" when it can run, else a
+// one-line reason in the words of the options (--orders and so on).
+std::string CheckAnalysis(const AnalysisRequest& request);
+
+// Runs estimation, selection and the residue fits, and fills the record.
+// Throws std::invalid_argument with CheckAnalysis's reason for a request
+// that cannot run; std::bad_alloc when memory runs out.
+Analysis RunAnalysis(const AnalysisRequest& request);
+
+}  // namespace frfcam
