@@ -8,13 +8,20 @@
 namespace frfcam {
 
 std::string CheckAnalysis(const AnalysisRequest& r) {
-  const stability::ComplexVector reference =
-      r.frfs.cols() > 0 && r.referenceChannel >= 0 && r.referenceChannel < r.frfs.cols()
-          ? stability::ComplexVector(r.frfs.col(r.referenceChannel))
-          : stability::ComplexVector(r.frfs.rows());
   if (r.frfs.cols() > 0 && (r.referenceChannel < 0 || r.referenceChannel >= r.frfs.cols())) {
     return "reference channel " + std::to_string(r.referenceChannel + 1) + ": there are " +
            std::to_string(r.frfs.cols()) + " channel(s)";
+  }
+  const stability::ComplexVector reference =
+      r.frfs.cols() > 0 ? stability::ComplexVector(r.frfs.col(r.referenceChannel))
+                        : stability::ComplexVector(r.frfs.rows());
+  const stability::SelectionSettings& s = r.settings;
+  if (!(s.selectionTolerance > 0) || !(s.frequencyTolerance >= 0) || !(s.dampingTolerance >= 0)) {
+    return "the tolerances must be positive numbers";
+  }
+  if (s.minStableCount < 1) return "the minimum stable count must be at least 1";
+  if (r.significanceFilter && (!(s.maxDamping > 0) || !(s.minSignificance >= 0))) {
+    return "the significance filter needs a positive maximum damping and a significance >= 0";
   }
   if (r.omega.size() != r.frfs.rows()) {
     return "the frequencies (" + std::to_string(r.omega.size()) + ") and the FRF lines (" +
@@ -27,9 +34,9 @@ std::string CheckAnalysis(const AnalysisRequest& r) {
   q.numChannels = static_cast<int>(r.frfs.cols());
   q.frequencies = r.omega.data();
   q.numLines = r.omega.size() > 0x7fffffff ? 0x7fffffff : static_cast<int>(r.omega.size());
-  q.minOrder = r.minOrder;
-  q.maxOrder = r.maxOrder;
-  const std::string orders = std::to_string(r.minOrder) + ":" + std::to_string(r.maxOrder);
+  q.minOrder = s.minOrder;
+  q.maxOrder = s.maxOrder;
+  const std::string orders = std::to_string(s.minOrder) + ":" + std::to_string(s.maxOrder);
   switch (stability::ValidateRequest(q)) {
     case stability::kStabilityOk:
       return "";
@@ -58,15 +65,20 @@ Analysis RunAnalysis(const AnalysisRequest& r) {
   const std::string problem = CheckAnalysis(r);
   if (!problem.empty()) throw std::invalid_argument(problem);
   Analysis a;
-  a.orders = stability::OrderList(r.minOrder, r.maxOrder);
+  const stability::SelectionSettings& s = r.settings;
+  a.orders = stability::OrderList(s.minOrder, s.maxOrder);
   const stability::ComplexVector reference = r.frfs.col(r.referenceChannel);
-  a.estimation = stability::Estimate(r.omega, reference, r.frfs, a.orders, r.frequencyTolerance,
-                                     r.dampingTolerance, r.flag1, r.flag2);
+  a.estimation = stability::Estimate(r.omega, reference, r.frfs, a.orders, s.frequencyTolerance,
+                                     s.dampingTolerance, r.flag1, r.flag2);
   stability::FillChart(a.orders, a.estimation, &a.record);
   if (!a.estimation.poleFrequencyByOrder.empty()) {
-    a.selection = stability::SelectStablePoles(a.estimation.poleFrequencyByOrder,
-                                               a.estimation.poleDampingByOrder,
-                                               r.selectionTolerance, r.minStableCount);
+    const stability::SelectedPoles exact = stability::SelectStablePoles(
+        a.estimation.poleFrequencyByOrder, a.estimation.poleDampingByOrder, s.selectionTolerance,
+        s.minStableCount);
+    a.candidates = static_cast<int>(exact.frequency.size());
+    a.selection = r.significanceFilter
+                      ? stability::FilterSignificantPoles(exact, r.omega, r.frfs, s, &a.verdicts)
+                      : exact;
     a.fits.reserve(static_cast<std::size_t>(r.frfs.cols()));
     for (Eigen::Index c = 0; c < r.frfs.cols(); ++c) {
       a.fits.push_back(stability::FitResidues(r.omega, r.frfs.col(c), a.selection.frequency,

@@ -1,8 +1,9 @@
 // The modal analysis as the command line and the Python package run it: the
 // stages of ComputeStability called one by one, so that residues are fitted
-// to every channel (the mode shapes), not only to the reference channel.
-// The record it fills is the one ComputeStability writes for the same
-// request.
+// to every channel (the mode shapes), not only to the reference channel, and
+// the modes are chosen by the exact stable-pole rule followed by the
+// significance filter (stability/significance.h). With the filter off, the
+// record it fills is the one ComputeStability writes for the same request.
 #pragma once
 
 #include <string>
@@ -11,20 +12,18 @@
 #include "stability/estimator.h"
 #include "stability/residues.h"
 #include "stability/selection.h"
+#include "stability/significance.h"
 #include "talproto.pb.h"
 
 namespace frfcam {
 
+// Defaults are those of stability::SelectionSettings.
 struct AnalysisRequest {
   stability::RealVector omega;    // rad/s, one per line
   stability::ComplexMatrix frfs;  // lines x channels
   int referenceChannel = 0;       // 0-based: its fit goes into the record
-  int minOrder = 2;
-  int maxOrder = 60;
-  double selectionTolerance = 0.01;
-  int minStableCount = 5;
-  double frequencyTolerance = 0.01;
-  double dampingTolerance = 0.05;
+  stability::SelectionSettings settings;
+  bool significanceFilter = true;  // false: the exact rule alone, as the export
   bool flag1 = false;
   bool flag2 = false;
 };
@@ -32,8 +31,10 @@ struct AnalysisRequest {
 struct Analysis {
   std::vector<std::int32_t> orders;  // minOrder .. maxOrder
   stability::EstimationResult estimation;
-  stability::SelectedPoles selection;       // empty when no order had an s pole
-  std::vector<stability::ResidueFit> fits;  // one per channel (empty as above)
+  stability::SelectedPoles selection;            // empty when no order had an s pole
+  int candidates = 0;                            // poles of the exact rule
+  std::vector<stability::PoleVerdict> verdicts;  // the filter's, per candidate
+  std::vector<stability::ResidueFit> fits;       // one per channel (empty as above)
   talproto::stabChartData record;
 };
 

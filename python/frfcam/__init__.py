@@ -18,11 +18,11 @@ Errors raise FileNotFoundError, ValueError or RuntimeError with a message.
 The package is built for Debian's interpreter (/usr/bin/python3).
 """
 from ._cube import Capture, Cube, RenderCancelled, delete_cube, spectrum_of
-from ._stability import (CLASSES, StabilityResult, compute_stability, plot_stability,
+from ._stability import (CLASSES, DEFAULTS, StabilityResult, compute_stability, plot_stability,
                          read_record)
 
 __version__ = "0.1.0"
 
-__all__ = ["Capture", "Cube", "RenderCancelled", "delete_cube", "spectrum_of", "CLASSES",
+__all__ = ["Capture", "Cube", "RenderCancelled", "delete_cube", "spectrum_of", "CLASSES", "DEFAULTS",
            "StabilityResult", "compute_stability", "plot_stability", "read_record",
            "__version__"]

@@ -35,6 +35,9 @@ class StabilityResult:
     upper_residual, lower_residual: complex (channels,).
     synthesised: complex (lines, channels), the fitted modal model.
     frequencies_hz, frf_matrix: the input (None when read from a record).
+    candidates: the poles of the exact rule and what the significance filter
+      made of them (fields frequency, damping, significance, kept); empty
+      without the filter, None when read from a record.
     """
 
     chart: np.ndarray
@@ -50,6 +53,7 @@ class StabilityResult:
     eigen_damping: npt.NDArray[np.float64]
     frequencies_hz: Optional[npt.NDArray[np.float64]] = None
     frf_matrix: Optional[npt.NDArray[np.complex128]] = None
+    candidates: Optional[np.ndarray] = None
 
     @property
     def modes(self) -> int:
@@ -87,21 +91,41 @@ def _orders(orders: Any) -> Tuple[int, int]:
         raise ValueError(f"orders must be a pair of integers (low, high), got {orders!r}") from None
 
 
+#: The defaults of the automatic selection (the same as `frfcam stability`):
+#: orders, the estimator's and the exact rule's tolerances, and the
+#: significance filter's maximum damping and minimum significance.
+DEFAULTS = dict(_native.default_settings())
+
+
 def compute_stability(frequencies_hz: npt.ArrayLike, frf_matrix: npt.ArrayLike,
-                      orders: Sequence[int] = (2, 60), *, reference_channel: int = 0,
-                      selection_tolerance: float = 0.01, min_stable: int = 5,
-                      frequency_tolerance: float = 0.01, damping_tolerance: float = 0.05,
+                      orders: Sequence[int] = (DEFAULTS["min_order"], DEFAULTS["max_order"]),
+                      *, reference_channel: int = 0,
+                      selection_tolerance: float = DEFAULTS["selection_tolerance"],
+                      min_stable: int = DEFAULTS["min_stable"],
+                      frequency_tolerance: float = DEFAULTS["frequency_tolerance"],
+                      damping_tolerance: float = DEFAULTS["damping_tolerance"],
+                      significance: bool = True,
+                      max_damping: float = DEFAULTS["max_damping"],
+                      min_significance: float = DEFAULTS["min_significance"],
                       flag1: bool = False, flag2: bool = False,
                       record: Optional[PathLike] = None) -> StabilityResult:
     """Stabilisation chart, selected modes and residues of measured FRFs.
 
     frequencies_hz: (lines,) in Hz. frf_matrix: complex (lines, channels), or
-    (lines,) for one channel. All channels estimate the poles; residues are
-    fitted to every channel (the mode shapes); the record, when a path is
-    given, carries the fit of `reference_channel` (0-based), as
-    `frfcam stability` writes it. Raises ValueError for inputs the analysis
-    cannot take (with the reason) and RuntimeError when the record cannot be
-    written (checked before the work starts).
+    (lines,) for one channel. All channels estimate the poles for every order
+    of `orders` (low, high). The modes are the poles that recur in at least
+    `min_stable` orders within `selection_tolerance` (the exact rule of the
+    library's ComputeStability), then, with `significance`, only those that
+    are physical (0 < damping <= max_damping, inside the band) and that the
+    data need: a pole is dropped while leaving it out raises the residual of
+    the fit to all channels by less than `min_significance` times the
+    residual per line. Residues are fitted to every channel (the mode
+    shapes). The record, when a path is given, carries the fit of
+    `reference_channel` (0-based), as `frfcam stability` writes it.
+
+    Raises ValueError for inputs the analysis cannot take (with the reason)
+    and RuntimeError when the record cannot be written (checked before the
+    work starts).
     """
     freq = np.ascontiguousarray(frequencies_hz, dtype=np.float64)
     frf = np.asarray(frf_matrix)
@@ -116,12 +140,19 @@ def compute_stability(frequencies_hz: npt.ArrayLike, frf_matrix: npt.ArrayLike,
     low, high = _orders(orders)
     if not 0 <= int(reference_channel) < frf.shape[1]:
         raise ValueError(f"reference_channel {reference_channel} is outside 0..{frf.shape[1] - 1}")
+    settings = dict(min_order=low, max_order=high, selection_tolerance=float(selection_tolerance),
+                    min_stable=int(min_stable), frequency_tolerance=float(frequency_tolerance),
+                    damping_tolerance=float(damping_tolerance), max_damping=float(max_damping),
+                    min_significance=float(min_significance))
     path = None if record is None else fspath(record, "record path")
-    raw = _native.compute_stability(freq, frf, int(reference_channel), low, high,
-                                    float(selection_tolerance), int(min_stable),
-                                    float(frequency_tolerance), float(damping_tolerance),
-                                    bool(flag1), bool(flag2), path)
-    return _result(raw, freq, frf)
+    raw = _native.compute_stability(freq, frf, int(reference_channel), settings,
+                                    bool(significance), bool(flag1), bool(flag2), path)
+    result = _result(raw, freq, frf)
+    result.candidates = np.rec.fromarrays(
+        [raw["candidate_frequency"], raw["candidate_damping"], raw["candidate_significance"],
+         raw["candidate_kept"].astype(bool)],
+        names="frequency,damping,significance,kept")
+    return result
 
 
 def read_record(path: PathLike) -> StabilityResult:

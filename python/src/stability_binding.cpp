@@ -96,10 +96,8 @@ void PutChart(py::dict& out, const talproto::stabChartData& record,
 
 py::dict ComputeStability(py::array_t<double, py::array::c_style | py::array::forcecast> freqHz,
                           py::array_t<Complex, py::array::f_style | py::array::forcecast> frfs,
-                          int referenceChannel, int minOrder, int maxOrder,
-                          double selectionTolerance, int minStableCount, double frequencyTolerance,
-                          double dampingTolerance, bool flag1, bool flag2,
-                          std::optional<std::string> recordPath) {
+                          int referenceChannel, const py::dict& settings, bool significance,
+                          bool flag1, bool flag2, std::optional<std::string> recordPath) {
   if (freqHz.ndim() != 1) throw std::invalid_argument("frequencies_hz must be 1-D");
   if (frfs.ndim() != 2) throw std::invalid_argument("frf_matrix must be 2-D (lines, channels)");
   AnalysisRequest request;
@@ -108,12 +106,16 @@ py::dict ComputeStability(py::array_t<double, py::array::c_style | py::array::fo
   request.frfs =
       Eigen::Map<const stability::ComplexMatrix>(frfs.data(), frfs.shape(0), frfs.shape(1));
   request.referenceChannel = referenceChannel;
-  request.minOrder = minOrder;
-  request.maxOrder = maxOrder;
-  request.selectionTolerance = selectionTolerance;
-  request.minStableCount = minStableCount;
-  request.frequencyTolerance = frequencyTolerance;
-  request.dampingTolerance = dampingTolerance;
+  stability::SelectionSettings& s = request.settings;
+  s.minOrder = settings["min_order"].cast<int>();
+  s.maxOrder = settings["max_order"].cast<int>();
+  s.selectionTolerance = settings["selection_tolerance"].cast<double>();
+  s.minStableCount = settings["min_stable"].cast<int>();
+  s.frequencyTolerance = settings["frequency_tolerance"].cast<double>();
+  s.dampingTolerance = settings["damping_tolerance"].cast<double>();
+  s.maxDamping = settings["max_damping"].cast<double>();
+  s.minSignificance = settings["min_significance"].cast<double>();
+  request.significanceFilter = significance;
   request.flag1 = flag1;
   request.flag2 = flag2;
   const std::string problem = CheckAnalysis(request);
@@ -141,16 +143,16 @@ py::dict ComputeStability(py::array_t<double, py::array::c_style | py::array::fo
   py::array_t<Complex> synthesised({lines, channels});
   py::array_t<Complex> upper(channels), lower(channels);
   auto r = residues.mutable_unchecked<2>();
-  auto s = synthesised.mutable_unchecked<2>();
+  auto fitted = synthesised.mutable_unchecked<2>();
   for (py::ssize_t c = 0; c < channels; ++c) {
     if (a.fits.empty()) {
       upper.mutable_data()[c] = lower.mutable_data()[c] = Complex(std::nan(""), std::nan(""));
-      for (py::ssize_t i = 0; i < lines; ++i) s(i, c) = Complex(std::nan(""), std::nan(""));
+      for (py::ssize_t i = 0; i < lines; ++i) fitted(i, c) = Complex(std::nan(""), std::nan(""));
       continue;
     }
     const stability::ResidueFit& fit = a.fits[static_cast<std::size_t>(c)];
     for (py::ssize_t j = 0; j < modes; ++j) r(c, j) = fit.residues[j];
-    for (py::ssize_t i = 0; i < lines; ++i) s(i, c) = fit.synthesised[i];
+    for (py::ssize_t i = 0; i < lines; ++i) fitted(i, c) = fit.synthesised[i];
     upper.mutable_data()[c] = fit.upperResidual;
     lower.mutable_data()[c] = fit.lowerResidual;
   }
@@ -160,7 +162,33 @@ py::dict ComputeStability(py::array_t<double, py::array::c_style | py::array::fo
   out["synthesised"] = synthesised;
   out["eigen_frequency"] = EigenToArray(a.estimation.eigenFrequency);
   out["eigen_damping"] = EigenToArray(a.estimation.dampingFactor);
+  std::vector<double> vf, vd, vs;
+  std::vector<std::uint8_t> vk;
+  for (const stability::PoleVerdict& v : a.verdicts) {
+    vf.push_back(v.frequency);
+    vd.push_back(v.damping);
+    vs.push_back(v.significance);
+    vk.push_back(v.kept ? 1 : 0);
+  }
+  out["candidate_frequency"] = ToArray(vf);
+  out["candidate_damping"] = ToArray(vd);
+  out["candidate_significance"] = ToArray(vs);
+  out["candidate_kept"] = ToArray(vk);
   return out;
+}
+
+py::dict DefaultSettings() {
+  const stability::SelectionSettings s;
+  py::dict d;
+  d["min_order"] = s.minOrder;
+  d["max_order"] = s.maxOrder;
+  d["selection_tolerance"] = s.selectionTolerance;
+  d["min_stable"] = s.minStableCount;
+  d["frequency_tolerance"] = s.frequencyTolerance;
+  d["damping_tolerance"] = s.dampingTolerance;
+  d["max_damping"] = s.maxDamping;
+  d["min_significance"] = s.minSignificance;
+  return d;
 }
 
 // A record file as the same arrays, as far as the record holds them: the
@@ -212,9 +240,9 @@ py::dict ReadRecord(const std::string& path) {
 
 void BindStability(py::module_& m) {
   m.def("compute_stability", &ComputeStability, py::arg("frequencies_hz"), py::arg("frf_matrix"),
-        py::arg("reference_channel"), py::arg("min_order"), py::arg("max_order"),
-        py::arg("selection_tolerance"), py::arg("min_stable_count"), py::arg("frequency_tolerance"),
-        py::arg("damping_tolerance"), py::arg("flag1"), py::arg("flag2"), py::arg("record_path"));
+        py::arg("reference_channel"), py::arg("settings"), py::arg("significance"),
+        py::arg("flag1"), py::arg("flag2"), py::arg("record_path"));
+  m.def("default_settings", &DefaultSettings);
   m.def("read_record", &ReadRecord, py::arg("path"));
 }
 
