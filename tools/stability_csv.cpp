@@ -28,8 +28,8 @@ std::string Trim(const std::string& s) {
 struct Row {
   std::vector<double> values;
   std::size_t fields = 0;
-  bool numeric = true;      // every field so far was a finite number
-  std::string firstBad;     // the first field that was not, and its column
+  bool numeric = true;   // every field so far was a finite number
+  std::string firstBad;  // the first field that was not, and its column
   std::size_t firstBadColumn = 0;
   std::string badReason;
   std::uint64_t bytes = 0;
@@ -142,6 +142,8 @@ FrfTable ReadFrfCsv(const std::string& path, CsvInfo* info) {
       if (c == ',') {
         row.EndField(field);
         field.clear();
+      } else if (field.empty() && (c == ' ' || c == '\t')) {
+        // padding before a value is not held
       } else if (field.size() < kMaxCsvFieldBytes) {
         field.push_back(c);
       } else {
