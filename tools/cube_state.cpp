@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "frfmap/cube_record.h"
 #include "frfmap/layout.h"
 #include "frfmap/naming.h"
 #include "platform/platform.h"
@@ -28,6 +29,34 @@ bool CubeComplete(const std::string& header_path, const frfmap::CaptureHeader& h
   const unsigned files = layout.FileCount();
   if (files == 0 || files > frfmap::kMaxFileNumber) {
     if (why) *why = header_path + ": this capture has no cube (zero size or frames)";
+    return false;
+  }
+  // The completion record says whether the last render finished; the sizes
+  // below catch cube files cut short since.
+  frfmap::CubeRecord record;
+  switch (frfmap::ReadCubeRecord(header_path, &record)) {
+    case frfmap::RecordState::kAbsent:
+      if (why) *why = header_path + ": the capture has not been rendered; render it first";
+      return false;
+    case frfmap::RecordState::kInvalid:
+      if (why) *why = header_path + ": the cube's completion record is damaged; render it again";
+      return false;
+    case frfmap::RecordState::kValid:
+      break;
+  }
+  if (record.width != header.width() || record.height != header.height() ||
+      record.bins != layout.bins) {
+    if (why) {
+      *why = header_path + ": the cube was rendered for another capture size; render it again";
+    }
+    return false;
+  }
+  if (!record.complete) {
+    if (why) {
+      *why = header_path + ": the cube is incomplete (" + std::to_string(record.rows) + " of " +
+             std::to_string(header.height()) +
+             " rows: a render is running, was cancelled or failed); render it again";
+    }
     return false;
   }
   for (unsigned n = 1; n <= files; ++n) {
