@@ -14,15 +14,21 @@ Modal analysis of measured FRFs::
     result = frfcam.compute_stability(freq_hz, frf_matrix, orders=(2, 60))
     frfcam.plot_stability(result)
 
+Universal files (dataset 58, ASCII and binary)::
+
+    functions = frfcam.read_uff58("measured.uff")
+    freq_hz, frf_matrix, used = frfcam.uff_frf_matrix(functions)
+
 Errors raise FileNotFoundError, ValueError or RuntimeError with a message.
 The package is built for Debian's interpreter (/usr/bin/python3).
 """
 from ._cube import Capture, Cube, RenderCancelled, delete_cube, spectrum_of
 from ._stability import (CLASSES, DEFAULTS, StabilityResult, compute_stability, plot_stability,
                          read_record)
+from ._uff import UffFunction, read_uff58, uff_frf_matrix, write_uff58
 
 __version__ = "0.1.0"
 
 __all__ = ["Capture", "Cube", "RenderCancelled", "delete_cube", "spectrum_of", "CLASSES", "DEFAULTS",
            "StabilityResult", "compute_stability", "plot_stability", "read_record",
-           "__version__"]
+           "UffFunction", "read_uff58", "write_uff58", "uff_frf_matrix", "__version__"]

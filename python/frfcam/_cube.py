@@ -312,17 +312,7 @@ def spectrum_of(signal: npt.ArrayLike) -> npt.NDArray[np.complex64]:
 
 
 def delete_cube(folder: PathLike) -> int:
-    """Removes every cube file (.fft) below `folder`; returns how many.
-    FileNotFoundError when the folder does not exist."""
-    path = fspath(folder, "folder")
-    if not os.path.isdir(path):
-        if os.path.exists(path):
-            raise ValueError(f"{path}: not a folder")
-        raise FileNotFoundError(f"{path}: no such folder")
-    removed = 0
-    for root, _, files in os.walk(path):
-        for name in files:
-            if os.path.splitext(name)[1] == ".fft":
-                os.remove(os.path.join(root, name))
-                removed += 1
-    return removed
+    """Removes every cube file (.fft, with the cubes' completion records)
+    below `folder`; returns how many. FileNotFoundError when the folder does
+    not exist."""
+    return _native.delete_cube(fspath(folder, "folder"))

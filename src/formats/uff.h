@@ -112,8 +112,9 @@ bool ParseUff58(const std::string& text, const std::string& name, std::vector<Uf
 // The bytes of `functions` as datasets (binary: 58b, little endian IEEE).
 // The spacing of each function follows evenAbscissa; for even spacing the
 // first two abscissa values give minimum and increment. Values are rounded
-// to the precision of the ordinate type (and, in ASCII, uneven abscissa to
-// E13.5). Throws std::invalid_argument when x and y differ in length, a
+// to the precision of the ordinate type; the minimum and increment of an
+// even abscissa (record 7), and in ASCII every uneven abscissa value, are
+// E13.5, about six significant digits. Throws std::invalid_argument when x and y differ in length, a
 // function has no point, an ordinate type is not one of the four, or even
 // spacing is claimed for fewer than two points that are not evenly spaced.
 std::string FormatUff58(const std::vector<Uff58>& functions, bool binary);

@@ -117,7 +117,7 @@ class RenderedCube(unittest.TestCase):
         path = os.path.join(self.dir.name, "short.hdr")
         with open(path, "wb") as f:
             f.write(b"\0" * 100)
-        with self.assertRaisesRegex(ValueError, "not a capture header"):
+        with self.assertRaisesRegex(ValueError, "not a capture"):
             frfcam.Capture.open(path)
 
 
