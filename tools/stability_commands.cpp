@@ -6,15 +6,19 @@
 #include <cmath>
 #include <complex>
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <numbers>
 #include <string>
 #include <vector>
 
+#include "chart_raster.h"
+#include "chart_svg.h"
 #include "commands.h"
 #include "formats/npz.h"
 #include "formats/output_file.h"
 #include "formats/uff.h"
+#include "platform/platform.h"
 #include "stability/synthetic.h"
 #include "stability_analysis.h"
 #include "stability_csv.h"
@@ -190,6 +194,81 @@ FrfInput FromUff(const std::string& path, const std::vector<std::string>& respon
       (skipped > 0 ? "; " + std::to_string(skipped) + " other dataset(s) skipped" : "") +
       (toHz != 1.0 ? "; abscissa in rad/s converted to Hz" : ""));
   return in;
+}
+
+FrfInput LoadInput(const StabilityOptions& o);
+
+// ---- chart ------------------------------------------------------------------
+
+struct ChartOptions {
+  std::string record;
+  std::string output;
+  std::string frf;  // optional: the measured FRFs, for the magnitude behind
+  std::string frequencies;
+  std::vector<std::string> responses;
+  std::string size = "960x540";
+};
+
+void RunChart(const ChartOptions& o) {
+  const std::string ext = Extension(o.output);
+  if (ext != ".svg" && ext != ".png") {
+    throw CommandError("-o " + o.output + ": the chart is written as .svg or .png");
+  }
+  unsigned width = 0, height = 0;
+  char tail = 0;
+  if (std::sscanf(o.size.c_str(), "%ux%u%c", &width, &height, &tail) != 2 || width < 200 ||
+      height < 150 || width > 8000 || height > 8000) {
+    throw CommandError("--size " + o.size + ": expected WIDTHxHEIGHT, 200x150 to 8000x8000");
+  }
+  std::string why;
+  if (!formats::CanWriteFile(o.output, &why)) throw CommandError(why);
+  std::uint64_t bytes = 0;
+  if (!platform::FileSize(o.record, &bytes)) throw CommandError(o.record + ": no such file");
+  std::ifstream in(platform::PathFromUtf8(o.record), std::ios::binary);
+  talproto::stabChartData record;
+  if (!in || !record.ParseFromIstream(&in)) {
+    throw CommandError(o.record + ": not a stability record (written by 'frfcam stability')");
+  }
+  ChartInput chart;
+  for (const auto& info : record.orderinfo()) {
+    ChartInput::Order order;
+    order.order = static_cast<int>(info.order_num());
+    order.s.assign(info.s().begin(), info.s().end());
+    order.f.assign(info.f().begin(), info.f().end());
+    order.d.assign(info.d().begin(), info.d().end());
+    order.o.assign(info.o().begin(), info.o().end());
+    chart.orders.push_back(std::move(order));
+  }
+  chart.selectedHz.assign(record.selected_poles().begin(), record.selected_poles().end());
+  chart.title = o.record;
+  if (!o.frf.empty()) {
+    StabilityOptions input;
+    input.input = o.frf;
+    input.frequencies = o.frequencies;
+    input.responses = o.responses;
+    const FrfInput frf = LoadInput(input);
+    chart.lineHz = frf.frequencyHz;
+    chart.sumMagnitude.assign(chart.lineHz.size(), 0.0);
+    for (Eigen::Index i = 0; i < frf.frfs.rows(); ++i) {
+      chart.sumMagnitude[static_cast<std::size_t>(i)] = frf.frfs.row(i).cwiseAbs().sum();
+    }
+  }
+  if (ext == ".svg") {
+    if (!formats::WriteFileWhole(o.output, StabilisationChartSvg(chart), &why)) {
+      throw CommandError(why);
+    }
+  } else {
+    const std::vector<std::uint8_t> rgb = StabilisationChartRgb(chart, width, height);
+    WriteRgbPng(o.output, rgb.data(), width, height,
+                {{"Title", "Stabilisation chart of " + o.record},
+                 {"Description",
+                  "x: frequency [Hz], y: model order; s filled blue circle, f open "
+                  "green circle, d orange plus, o grey dot; selected modes dashed "
+                  "red; grey: sum of |FRF| (log scale)"}});
+  }
+  std::printf("wrote %s: %zu order(s), %zu selected mode(s)%s\n", o.output.c_str(),
+              chart.orders.size(), chart.selectedHz.size(),
+              chart.lineHz.empty() ? " (no --frf: no magnitude behind the chart)" : "");
 }
 
 FrfInput LoadInput(const StabilityOptions& o) {
@@ -465,6 +544,18 @@ void RegisterStabilityCommands(CLI::App& app) {
   stab->add_flag("--flag2", so->flag2, "estimator option 2");
   stab->footer(kInputFormats);
   stab->callback([so] { RunStability(*so); });
+
+  auto co = std::make_shared<ChartOptions>();
+  CLI::App* chart = app.add_subcommand(
+      "chart", "Draw the stabilisation chart of a record as SVG or PNG (no Python needed)");
+  chart->add_option("record", co->record, "record written by 'frfcam stability'")->required();
+  chart->add_option("-o,--output", co->output, "chart file: .svg or .png")->required();
+  chart->add_option("--frf", co->frf,
+                    "the measured FRFs (any stability input) to draw their summed magnitude");
+  chart->add_option("--frequencies", co->frequencies, "with a .npy --frf: its frequency vector");
+  chart->add_option("--response", co->responses, "with a UFF --frf: the responses to sum");
+  chart->add_option("--size", co->size, "PNG size WIDTHxHEIGHT")->capture_default_str();
+  chart->callback([co] { RunChart(*co); });
 
   auto sy = std::make_shared<SynthOptions>();
   CLI::App* synth = app.add_subcommand(

@@ -114,9 +114,9 @@ bool ParseUff58(const std::string& text, const std::string& name, std::vector<Uf
 // first two abscissa values give minimum and increment. Values are rounded
 // to the precision of the ordinate type; the minimum and increment of an
 // even abscissa (record 7), and in ASCII every uneven abscissa value, are
-// E13.5, about six significant digits. Throws std::invalid_argument when x and y differ in length, a
-// function has no point, an ordinate type is not one of the four, or even
-// spacing is claimed for fewer than two points that are not evenly spaced.
+// E13.5, about six significant digits. Throws std::invalid_argument when x and y differ in length,
+// a function has no point, an ordinate type is not one of the four, or even spacing is claimed for
+// fewer than two points that are not evenly spaced.
 std::string FormatUff58(const std::vector<Uff58>& functions, bool binary);
 
 // Writes FormatUff58's bytes whole (see output_file.h); false with a reason.

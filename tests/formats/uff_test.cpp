@@ -51,7 +51,7 @@ TEST(Uff58Read, AsciiFunctionsOfEveryLayout) {
       File({// A dataset of another kind first: skipped whatever it holds.
             "    -1", "   151", "model name", "    -1",
             // Complex single precision, even abscissa from 10 Hz in steps of 2.5;
-      // a three-digit exponent leaves no blank between two fields.
+            // a three-digit exponent leaves no blank between two fields.
             "    -1", "    58", "H 101+Z / 1+Z", "NONE", "22-Nov-26 06:00:00", "NONE", "NONE",
             kRecord6, "         5         4         1  1.00000E+01  2.50000E+00  0.00000E+00",
             kAxisX, kAxisY, kAxisR, kAxisZ,
