@@ -9,6 +9,27 @@
 #define FRFCAM_VERSION "unknown"
 #endif
 
+namespace {
+
+// The usage of the tool, or of the command named after "help".
+int PrintHelp(CLI::App& app, int argc, char** argv) {
+  if (argc > 2) {
+    CLI::App* command = nullptr;
+    try {
+      command = app.get_subcommand(argv[2]);
+    } catch (const CLI::OptionNotFound&) {
+      std::fprintf(stderr, "frfcam: no command '%s'; 'frfcam help' lists them\n", argv[2]);
+      return 2;
+    }
+    std::fputs(command->help().c_str(), stdout);
+  } else {
+    std::fputs(app.help().c_str(), stdout);
+  }
+  return 0;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
   CLI::App app{"frfcam " FRFCAM_VERSION ": camera-based vibration analysis", "frfcam"};
   app.set_version_flag("--version", "frfcam " FRFCAM_VERSION);
@@ -17,23 +38,9 @@ int main(int argc, char** argv) {
   frfcam::cli::RegisterCaptureCommands(app);
   frfcam::cli::RegisterCubeCommands(app);
   frfcam::cli::RegisterStabilityCommands(app);
-  // No arguments, or "help [COMMAND]": the usage, not an error.
-  if (argc == 1 || std::string(argv[1]) == "help") {
-    if (argc > 2) {
-      CLI::App* command = nullptr;
-      try {
-        command = app.get_subcommand(argv[2]);
-      } catch (const CLI::OptionNotFound&) {
-        std::fprintf(stderr, "frfcam: no command '%s'; 'frfcam help' lists them\n", argv[2]);
-        return 2;
-      }
-      std::fputs(command->help().c_str(), stdout);
-    } else {
-      std::fputs(app.help().c_str(), stdout);
-    }
-    return 0;
-  }
   try {
+    // No arguments, or "help [COMMAND]": the usage, not an error.
+    if (argc == 1 || std::string(argv[1]) == "help") return PrintHelp(app, argc, argv);
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
     return app.exit(e);
