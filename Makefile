@@ -4,7 +4,7 @@ BUILD ?= build
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
 
-.PHONY: all deps build build-asan build-tsan demo test test-release test-asan test-tsan bench format clean
+.PHONY: all deps build build-asan build-tsan demo test test-release test-asan test-tsan bench format clean wheel
 
 all: build
 
@@ -40,6 +40,11 @@ test-tsan: build-tsan
 
 test: test-release test-asan test-tsan
 
+# The Python package as a wheel in dist/, for Debian's /usr/bin/python3
+# (python3-build, no isolation: everything comes from Debian packages).
+wheel: build
+	FRFCAM_BUILD_DIR=$(abspath $(BUILD)) /usr/bin/python3 -m build --wheel --no-isolation --outdir dist python
+
 bench: build
 	bash scripts/bench $(BUILD)
 
@@ -47,4 +52,4 @@ format:
 	find include src tools tests bench -name '*.h' -o -name '*.cpp' -o -name '*.c' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) demo-out
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) demo-out dist python/build python/*.egg-info

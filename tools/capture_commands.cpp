@@ -5,6 +5,7 @@
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -38,6 +39,7 @@ struct SynthOptions {
   long long first_slot = 0;
   double noise = 6.0;
   std::uint64_t seed = 1;
+  bool force = false;
 };
 
 std::string ReferencePath(const std::string& header) {
@@ -78,6 +80,14 @@ void RunSynth(const SynthOptions& o) {
   }
   if (!o.single_file && (o.ring_slots != 0 || o.first_slot != 0)) {
     throw CommandError("--ring-slots and --first-slot need --single-file");
+  }
+  // A capture is often the only copy of a measurement: replace one only when asked.
+  std::uint64_t existing = 0;
+  std::error_code ec;
+  if (!o.force &&
+      (platform::FileSize(o.header, &existing) ||
+       std::filesystem::exists(platform::PathFromUtf8(frfmap::DataFolder(o.header)), ec))) {
+    throw CommandError(o.header + " or its data folder exists already; --force replaces it");
   }
 
   frfmap::SceneSpec scene_spec;
@@ -304,6 +314,7 @@ void RegisterCaptureCommands(CLI::App& app) {
       ->capture_default_str();
   synth->add_option("--seed", synth_options->seed, "Seed of the texture, force and noise")
       ->capture_default_str();
+  synth->add_flag("--force", synth_options->force, "Replace an existing capture of that name");
   synth->callback([synth_options] { RunSynth(*synth_options); });
 
   auto info_path = std::make_shared<std::string>();

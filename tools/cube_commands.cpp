@@ -8,16 +8,20 @@
 #include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
 #include "commands.h"
+#include "cube_state.h"
+#include "formats/output_file.h"
 #include "frfcam/frfcam.h"
 #include "frfmap/capture_header.h"
 #include "frfmap/cube_files.h"
 #include "frfmap/fft.h"
 #include "frfmap/layout.h"
+#include "platform/platform.h"
 #include "png_writer.h"
 
 namespace frfcam::cli {
@@ -40,6 +44,10 @@ struct Calcs {
 };
 
 void Open(::FrfMapCalcs* c, const std::string& header) {
+  std::uint64_t size = 0;
+  if (!platform::FileSize(header, &size)) {
+    throw CommandError("cannot read header " + header + ": no such file");
+  }
   switch (OpenCube(c, header.c_str())) {
     case FRFCAM_OPEN_OK:
       return;
@@ -132,30 +140,82 @@ struct MapOptions {
   int bin = -1;
   double freq = -1;
   double fps = 0;
-  double gain = 0;  // 0: scale so that the brightest pixels just saturate
+  double gain = 0;     // 0: scale so that the brightest pixels just saturate
+  int gain_from = -1;  // the automatic gain of this bin instead of the map's own
   std::string reference;
   std::string output;
 };
 
+// The gain that maps the 99.5th percentile of a bin's (referenced)
+// magnitudes to 255: unit gain first, then scaled until that percentile
+// lies in 128..254.
+float AutomaticGain(::FrfMapCalcs* c, int bin, unsigned w, unsigned h) {
+  std::vector<unsigned char> probe(static_cast<std::size_t>(w) * h);
+  float g = 1.0f;
+  for (int round = 0; round < 8; ++round) {
+    if (ReadFRFMap(c, bin, g, probe.data()) != 0) {
+      throw CommandError("cannot read bin " + std::to_string(bin) + " from the cube files");
+    }
+    std::vector<unsigned char> sorted(probe);
+    const std::size_t at = sorted.size() * 995 / 1000;
+    std::nth_element(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(at),
+                     sorted.end());
+    const int v = sorted[at];
+    if (v >= 128 && v < 255) return g * 255.0f / static_cast<float>(v);
+    g *= v == 0 ? 256.0f : (v == 255 ? 1.0f / 16.0f : 200.0f / static_cast<float>(v));
+    if (!std::isfinite(g) || g == 0.0f) break;
+  }
+  // An all-zero (or all-saturated) bin keeps the last gain that was tried.
+  return std::isfinite(g) && g > 0.0f ? g : 1.0f;
+}
+
+std::string Hz(double v) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.6g Hz", v);
+  return buf;
+}
+
 void RunMap(const MapOptions& o) {
+  std::uint64_t size = 0;
+  if (!platform::FileSize(o.header, &size)) {
+    throw CommandError("cannot read header " + o.header + ": no such file");
+  }
   frfmap::CaptureHeader header;
-  if (!header.Load(o.header)) throw CommandError("cannot read capture header " + o.header);
+  if (!header.Load(o.header)) throw CommandError(o.header + " is not a capture header");
   Calcs calcs;
   Open(calcs.c, o.header);
   unsigned w = 0, h = 0, bins = 0;
   GetCubeDims(calcs.c, &w, &h, &bins);
   const int frames = header.frame_count();
+  const double fps = o.fps > 0 ? o.fps : header.float_field();
 
   int bin = o.bin;
   if (bin < 0) {
-    const double fps = o.fps > 0 ? o.fps : header.float_field();
-    if (!(fps > 0)) throw CommandError("--freq needs --fps (the header holds no frame rate)");
-    bin = static_cast<int>(std::lround(o.freq * frames / fps));
+    if (!(fps > 0) || !std::isfinite(fps)) {
+      throw CommandError("--freq needs --fps (the header holds no frame rate)");
+    }
+    const double nyquist = fps / 2.0;
+    if (!(o.freq <= nyquist * (1.0 + 1e-12))) {
+      throw CommandError("--freq " + Hz(o.freq) + " is past the Nyquist frequency " + Hz(nyquist) +
+                         " (half the frame rate)");
+    }
+    bin = static_cast<int>(std::min<double>(std::lround(o.freq * frames / fps), bins - 1));
   }
   if (bin < 0 || static_cast<unsigned>(bin) >= bins) {
-    throw CommandError("bin " + std::to_string(bin) + " is outside the cube's 0.." +
-                       std::to_string(bins - 1));
+    std::string range =
+        "bin " + std::to_string(bin) + " is outside the cube's bins 0.." + std::to_string(bins - 1);
+    if (fps > 0) range += " (0.." + Hz(fps / 2.0) + ")";
+    throw CommandError(range);
   }
+  if (o.gain_from >= 0 && static_cast<unsigned>(o.gain_from) >= bins) {
+    throw CommandError("--gain-from " + std::to_string(o.gain_from) +
+                       " is outside the cube's bins 0.." + std::to_string(bins - 1));
+  }
+  // A cube that was never rendered, or whose render stopped, is not data.
+  std::string why;
+  if (!CubeComplete(o.header, header, &why)) throw CommandError(why);
+  std::string cannot;
+  if (!formats::CanWriteFile(o.output, &cannot)) throw CommandError(cannot);
 
   std::vector<float> reference;
   if (!o.reference.empty()) {
@@ -169,38 +229,26 @@ void RunMap(const MapOptions& o) {
   }
 
   float gain = static_cast<float>(o.gain);
+  const char* how = "";
   if (gain == 0.0f) {
-    // Unit gain first, then scale so that the 99.5th percentile of the
-    // unsaturated magnitudes maps to 255.
-    std::vector<unsigned char> probe(static_cast<std::size_t>(w) * h);
-    float g = 1.0f;
-    for (int round = 0; round < 8; ++round) {
-      if (ReadFRFMap(calcs.c, bin, g, probe.data()) != 0) break;
-      std::vector<unsigned char> sorted(probe);
-      const std::size_t at = sorted.size() * 995 / 1000;
-      std::nth_element(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(at),
-                       sorted.end());
-      const int v = sorted[at];
-      if (v >= 128 && v < 255) {
-        g *= 255.0f / static_cast<float>(v);
-        break;
-      }
-      g *= v == 0 ? 256.0f : (v == 255 ? 1.0f / 16.0f : 200.0f / static_cast<float>(v));
-    }
-    gain = g;
+    const int from = o.gain_from >= 0 ? o.gain_from : bin;
+    gain = AutomaticGain(calcs.c, from, w, h);
+    how = o.gain_from >= 0 ? " (automatic, of bin " : " (automatic)";
   }
 
   std::vector<unsigned char> map(static_cast<std::size_t>(w) * h);
   const int result = ReadFRFMap(calcs.c, bin, gain, map.data());
   if (result != 0) {
     throw CommandError("cannot read bin " + std::to_string(bin) +
-                       " from the cube files (has the capture been rendered?)");
+                       " from the cube files (render the capture again)");
   }
   WriteGrayPng(o.output, map.data(), w, h);
-  const double fps = o.fps > 0 ? o.fps : header.float_field();
   std::printf("wrote %s: bin %d", o.output.c_str(), bin);
   if (fps > 0) std::printf(" (%.2f Hz)", bin * fps / frames);
-  std::printf(", gain %g, %ux%u\n", gain, w, h);
+  std::printf(", gain %g%s", gain, how);
+  if (o.gain_from >= 0 && o.gain == 0) std::printf("%d)", o.gain_from);
+  // The scale: the magnitude (of value / reference) that maps to white.
+  std::printf(", 255 = |%s| %.6g, %ux%u\n", reference.empty() ? "X" : "X/R", 255.0 / gain, w, h);
 }
 
 }  // namespace
@@ -219,7 +267,12 @@ void RegisterCubeCommands(CLI::App& app) {
                    ->check(CLI::NonNegativeNumber);
   bin->excludes(freq);
   m->add_option("--fps", map.fps, "Frame rate (default: the header's)")->check(CLI::PositiveNumber);
-  m->add_option("--gain", map.gain, "Gain on the magnitudes (default: automatic)");
+  auto* gain = m->add_option("--gain", map.gain, "Gain on the magnitudes (default: automatic)");
+  auto* gain_from =
+      m->add_option("--gain-from", map.gain_from,
+                    "Automatic gain of this bin, so that a set of maps shares one scale")
+          ->check(CLI::NonNegativeNumber);
+  gain->excludes(gain_from);
   m->add_option("--reference", map.reference,
                 "Reference signal: one float per line, as many as frames");
   m->add_option("-o,--output", map.output, "PNG file to write")->required();
@@ -232,6 +285,10 @@ void RegisterCubeCommands(CLI::App& app) {
   auto* del = app.add_subcommand("delete", "Delete every cube file (.fft) below a folder");
   del->add_option("folder", folder, "Folder")->required();
   del->callback([] {
+    std::error_code ec;
+    const auto path = platform::PathFromUtf8(folder);
+    if (!std::filesystem::exists(path, ec)) throw CommandError(folder + ": no such folder");
+    if (!std::filesystem::is_directory(path, ec)) throw CommandError(folder + ": not a folder");
     const std::size_t n = frfmap::DeleteCubeFiles(folder);
     std::printf("removed %zu cube file%s below %s\n", n, n == 1 ? "" : "s", folder.c_str());
   });

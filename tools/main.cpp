@@ -1,21 +1,53 @@
 // frfcam: the command-line face of the library.
 #include <cstdio>
 #include <exception>
+#include <string>
 
 #include "commands.h"
 
+#ifndef FRFCAM_VERSION
+#define FRFCAM_VERSION "unknown"
+#endif
+
+namespace {
+
+// The usage of the tool, or of the command named after "help".
+int PrintHelp(CLI::App& app, int argc, char** argv) {
+  if (argc > 2) {
+    CLI::App* command = nullptr;
+    try {
+      command = app.get_subcommand(argv[2]);
+    } catch (const CLI::OptionNotFound&) {
+      std::fprintf(stderr, "frfcam: no command '%s'; 'frfcam help' lists them\n", argv[2]);
+      return 2;
+    }
+    std::fputs(command->help().c_str(), stdout);
+  } else {
+    std::fputs(app.help().c_str(), stdout);
+  }
+  return 0;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
-  CLI::App app{"frfcam: camera-based vibration analysis"};
+  CLI::App app{"frfcam " FRFCAM_VERSION ": camera-based vibration analysis", "frfcam"};
+  app.set_version_flag("--version", "frfcam " FRFCAM_VERSION);
   app.require_subcommand(1);
+  app.footer("'frfcam help COMMAND' or 'frfcam COMMAND --help' describes a command.");
   frfcam::cli::RegisterCaptureCommands(app);
   frfcam::cli::RegisterCubeCommands(app);
   frfcam::cli::RegisterStabilityCommands(app);
   frfcam::cli::RegisterModesCommand(app);
   try {
+    // No arguments, or "help [COMMAND]": the usage, not an error.
+    if (argc == 1 || std::string(argv[1]) == "help") return PrintHelp(app, argc, argv);
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
     return app.exit(e);
   } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForVersion& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
     std::fprintf(stderr, "frfcam: %s\n", e.what());

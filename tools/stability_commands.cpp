@@ -1,6 +1,8 @@
-// stability: runs ComputeStability on an FRF table and shows the modes it
-// selected; synth-frf: writes the FRF table of a known system to try it on.
+// stability: the modal analysis of measured FRFs (CSV, UFF 58, .npz or .npy)
+// with the modes it selected; synth-frf: writes the FRF table of a known
+// system to try it on.
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <complex>
 #include <cstdio>
@@ -10,11 +12,16 @@
 #include <string>
 #include <vector>
 
+#include "chart_raster.h"
+#include "chart_svg.h"
 #include "commands.h"
-#include "frfcam/frfcam.h"
+#include "formats/npz.h"
+#include "formats/output_file.h"
+#include "formats/uff.h"
+#include "platform/platform.h"
 #include "stability/synthetic.h"
+#include "stability_analysis.h"
 #include "stability_csv.h"
-#include "talproto.pb.h"
 
 namespace frfcam::cli {
 
@@ -22,22 +29,34 @@ namespace {
 
 constexpr double kTwoPi = 2.0 * std::numbers::pi;
 
-constexpr const char* kCsvFormat =
-    "FRF.csv: a header row, then one row per spectral line, comma separated:\n"
-    "  frequency_hz,ch1_re,ch1_im,ch2_re,ch2_im,...\n"
-    "the frequency in Hz, then the real and imaginary part of each channel's\n"
-    "FRF at that line. All channels estimate the poles; the residues are\n"
-    "fitted to the channel chosen with --reference-column.";
+constexpr const char* kInputFormats =
+    "Input, by extension:\n"
+    "  .csv  an optional header row, then one row per spectral line:\n"
+    "        frequency_hz,ch1_re,ch1_im,ch2_re,ch2_im,...\n"
+    "  .uff, .unv  universal file, datasets 58 / 58b: the FRFs (function type 4;\n"
+    "        all functions when there is none) that share the first one's\n"
+    "        abscissa, or those of the --response nodes\n"
+    "  .npz  numpy archive: a frequency vector (frequencies_hz, freq, f, ...) and\n"
+    "        a complex FRF matrix (frf_matrix, frf, H, ...), lines x channels\n"
+    "  .npy  a complex FRF matrix, lines x channels, with --frequencies FREQ.npy\n"
+    "All channels estimate the poles; the modes are the poles that recur in\n"
+    "--min-stable orders, then (unless --exact-selection) those that are physical\n"
+    "and significant: leaving one out must raise the residual of the fit to all\n"
+    "channels by at least --min-significance times the residual per line.\n"
+    "Residues are fitted to every channel; the record holds the fit of the\n"
+    "--reference-column channel.";
 
 struct StabilityOptions {
   std::string input;
   std::string output;
-  std::string orders = "2:60";
-  double selectionTolerance = 0.01;
-  int minStable = 5;
-  double frequencyTolerance = 0.01;
-  double dampingTolerance = 0.05;
+  std::string frequencies;
+  std::string orders;
+  stability::SelectionSettings settings;
+  bool exactSelection = false;
   int referenceColumn = 1;
+  std::vector<std::string> responses;
+  std::string writeUff;
+  bool binaryUff = false;
   bool flag1 = false;
   bool flag2 = false;
 };
@@ -56,109 +75,386 @@ void ParseOrders(const std::string& text, int* minOrder, int* maxOrder) {
   }
 }
 
-std::string Explain(int code, const StabilityOptions& o, std::size_t lines) {
-  switch (code) {
-    case FRFCAM_STABILITY_TOO_FEW_LINES:
-      return "the FRF table needs at least 2 lines";
-    case FRFCAM_STABILITY_NO_CHANNELS:
-      return "the FRF table has no channel";
-    case FRFCAM_STABILITY_BAD_MIN_ORDER:
-      return "--orders " + o.orders + ": the lowest order must be at least 1";
-    case FRFCAM_STABILITY_BAD_ORDER_RANGE:
-      return "--orders " + o.orders + ": give at least two orders (LOW:HIGH with HIGH > LOW)";
-    case FRFCAM_STABILITY_ORDER_TOO_HIGH:
-      return "--orders " + o.orders +
-             ": the highest order needs more lines than order + 1; the "
-             "table has " +
-             std::to_string(lines);
-    case FRFCAM_STABILITY_BAD_FREQUENCIES:
-      return "the frequencies of the table are all equal";
-    case FRFCAM_STABILITY_BAD_FRF:
-      return "the FRF table holds a value that is not finite";
-    case FRFCAM_STABILITY_OUT_OF_MEMORY:
-      return "out of memory";
-    default:
-      return "the stability computation failed (code " + std::to_string(code) + ")";
-  }
+std::string Lower(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
 }
 
-void PrintModes(const talproto::stabChartData& record, const StabilityOptions& o) {
+std::string Extension(const std::string& path) {
+  const auto slash = path.find_last_of("/\\");
+  const auto dot = path.find_last_of('.');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return "";
+  return Lower(path.substr(dot));
+}
+
+// The FRFs of one input, whatever its format.
+struct FrfInput {
+  std::vector<double> frequencyHz;
+  stability::ComplexMatrix frfs;    // lines x channels
+  std::vector<std::string> names;   // one per channel
+  std::vector<formats::Uff58> uff;  // the selected functions, for --write-uff
+  std::vector<std::string> notes;   // how the input was read
+};
+
+FrfInput FromTable(const FrfTable& table) {
+  FrfInput in;
+  in.frequencyHz = table.frequencyHz;
+  const auto lines = static_cast<Eigen::Index>(table.frequencyHz.size());
+  in.frfs.resize(lines, static_cast<Eigen::Index>(table.channels.size()));
+  for (std::size_t c = 0; c < table.channels.size(); ++c) {
+    for (Eigen::Index i = 0; i < lines; ++i) {
+      in.frfs(i, static_cast<Eigen::Index>(c)) = table.channels[c][static_cast<std::size_t>(i)];
+    }
+  }
+  return in;
+}
+
+FrfInput FromArrays(const formats::FrfArrays& a) {
+  FrfInput in;
+  in.frequencyHz = a.frequencyHz;
+  const auto lines = static_cast<Eigen::Index>(a.frequencyHz.size());
+  in.frfs = Eigen::Map<const stability::ComplexMatrix>(a.frf.data(), lines,
+                                                       static_cast<Eigen::Index>(a.channels));
+  in.notes.push_back(a.note);
+  return in;
+}
+
+// "101" or "101:+Z" / "101:3" / "101:-x".
+bool MatchesResponse(const formats::Uff58& f, const std::string& spec) {
+  const auto colon = spec.find(':');
+  const std::string node = spec.substr(0, colon);
+  if (node != std::to_string(f.responseNode)) return false;
+  if (colon == std::string::npos) return true;
+  const std::string dir = spec.substr(colon + 1);
+  return Lower(dir) == Lower(formats::UffDirectionName(f.responseDirection)) ||
+         Lower("+" + dir) == Lower(formats::UffDirectionName(f.responseDirection)) ||
+         dir == std::to_string(f.responseDirection);
+}
+
+std::string Describe(const formats::Uff58& f) {
+  return std::to_string(f.responseNode) + " " + formats::UffDirectionName(f.responseDirection) +
+         " / " + std::to_string(f.referenceNode) + " " +
+         formats::UffDirectionName(f.referenceDirection);
+}
+
+FrfInput FromUff(const std::string& path, const std::vector<std::string>& responses) {
+  std::vector<formats::Uff58> all;
+  std::string error;
+  int skipped = 0;
+  if (!formats::ReadUff58File(path, &all, &error, &skipped)) throw CommandError(error);
+  std::vector<const formats::Uff58*> picked;
+  const bool anyFrf = std::any_of(all.begin(), all.end(), [](const formats::Uff58& f) {
+    return f.functionType == formats::kUffFunctionFrf;
+  });
+  for (const formats::Uff58& f : all) {
+    if (anyFrf && f.functionType != formats::kUffFunctionFrf) continue;
+    if (!responses.empty() && std::none_of(responses.begin(), responses.end(),
+                                           [&](const auto& r) { return MatchesResponse(f, r); })) {
+      continue;
+    }
+    picked.push_back(&f);
+  }
+  if (picked.empty()) {
+    throw CommandError(path + ": no FRF of the --response nodes among its " +
+                       std::to_string(all.size()) + " function(s)");
+  }
+  FrfInput in;
+  const formats::Uff58& first = *picked.front();
+  const std::string units = Lower(first.abscissa.units);
+  const double toHz = units.find("rad") != std::string::npos ? 1.0 / kTwoPi : 1.0;
+  for (std::size_t c = 0; c < picked.size(); ++c) {
+    const formats::Uff58& f = *picked[c];
+    bool same = f.x.size() == first.x.size();
+    const double span = std::abs(first.x.back() - first.x.front()) + 1e-300;
+    for (std::size_t i = 0; same && i < f.x.size(); ++i) {
+      same = std::abs(f.x[i] - first.x[i]) <= 1e-6 * span;
+    }
+    if (!same) {
+      throw CommandError(path + ": the FRF " + Describe(f) + " has " + std::to_string(f.x.size()) +
+                         " lines from " + std::to_string(f.x.front()) + ", the first FRF " +
+                         std::to_string(first.x.size()) + " from " +
+                         std::to_string(first.x.front()) +
+                         "; select FRFs of one abscissa with --response NODE[:DIR]");
+    }
+  }
+  for (double x : first.x) in.frequencyHz.push_back(x * toHz);
+  in.frfs.resize(static_cast<Eigen::Index>(first.x.size()),
+                 static_cast<Eigen::Index>(picked.size()));
+  for (std::size_t c = 0; c < picked.size(); ++c) {
+    for (std::size_t i = 0; i < first.x.size(); ++i) {
+      in.frfs(static_cast<Eigen::Index>(i), static_cast<Eigen::Index>(c)) = picked[c]->y[i];
+    }
+    in.names.push_back(Describe(*picked[c]) + " (function " +
+                       std::to_string(picked[c]->functionId) + ")");
+    in.uff.push_back(*picked[c]);
+  }
+  in.notes.push_back(
+      std::to_string(all.size()) + " function(s) in the file, " + std::to_string(picked.size()) +
+      " taken" + (anyFrf ? "" : " (none is an FRF, function type 4: all are used)") +
+      (skipped > 0 ? "; " + std::to_string(skipped) + " other dataset(s) skipped" : "") +
+      (toHz != 1.0 ? "; abscissa in rad/s converted to Hz" : ""));
+  return in;
+}
+
+FrfInput LoadInput(const StabilityOptions& o);
+
+// ---- chart ------------------------------------------------------------------
+
+struct ChartOptions {
+  std::string record;
+  std::string output;
+  std::string frf;  // optional: the measured FRFs, for the magnitude behind
+  std::string frequencies;
+  std::vector<std::string> responses;
+  std::string size = "960x540";
+};
+
+void RunChart(const ChartOptions& o) {
+  const std::string ext = Extension(o.output);
+  if (ext != ".svg" && ext != ".png") {
+    throw CommandError("-o " + o.output + ": the chart is written as .svg or .png");
+  }
+  unsigned width = 0, height = 0;
+  char tail = 0;
+  if (std::sscanf(o.size.c_str(), "%ux%u%c", &width, &height, &tail) != 2 || width < 200 ||
+      height < 150 || width > 8000 || height > 8000) {
+    throw CommandError("--size " + o.size + ": expected WIDTHxHEIGHT, 200x150 to 8000x8000");
+  }
+  std::string why;
+  if (!formats::CanWriteFile(o.output, &why)) throw CommandError(why);
+  std::uint64_t bytes = 0;
+  if (!platform::FileSize(o.record, &bytes)) throw CommandError(o.record + ": no such file");
+  std::ifstream in(platform::PathFromUtf8(o.record), std::ios::binary);
+  talproto::stabChartData record;
+  if (!in || !record.ParseFromIstream(&in)) {
+    throw CommandError(o.record + ": not a stability record (written by 'frfcam stability')");
+  }
+  ChartInput chart;
+  for (const auto& info : record.orderinfo()) {
+    ChartInput::Order order;
+    order.order = static_cast<int>(info.order_num());
+    order.s.assign(info.s().begin(), info.s().end());
+    order.f.assign(info.f().begin(), info.f().end());
+    order.d.assign(info.d().begin(), info.d().end());
+    order.o.assign(info.o().begin(), info.o().end());
+    chart.orders.push_back(std::move(order));
+  }
+  chart.selectedHz.assign(record.selected_poles().begin(), record.selected_poles().end());
+  chart.title = o.record;
+  if (!o.frf.empty()) {
+    StabilityOptions input;
+    input.input = o.frf;
+    input.frequencies = o.frequencies;
+    input.responses = o.responses;
+    const FrfInput frf = LoadInput(input);
+    chart.lineHz = frf.frequencyHz;
+    chart.sumMagnitude.assign(chart.lineHz.size(), 0.0);
+    for (Eigen::Index i = 0; i < frf.frfs.rows(); ++i) {
+      chart.sumMagnitude[static_cast<std::size_t>(i)] = frf.frfs.row(i).cwiseAbs().sum();
+    }
+  }
+  if (ext == ".svg") {
+    if (!formats::WriteFileWhole(o.output, StabilisationChartSvg(chart), &why)) {
+      throw CommandError(why);
+    }
+  } else {
+    const std::vector<std::uint8_t> rgb = StabilisationChartRgb(chart, width, height);
+    WriteRgbPng(o.output, rgb.data(), width, height,
+                {{"Title", "Stabilisation chart of " + o.record},
+                 {"Description",
+                  "x: frequency [Hz], y: model order; s filled blue circle, f open "
+                  "green circle, d orange plus, o grey dot; selected modes dashed "
+                  "red; grey: sum of |FRF| (log scale)"}});
+  }
+  std::printf("wrote %s: %zu order(s), %zu selected mode(s)%s\n", o.output.c_str(),
+              chart.orders.size(), chart.selectedHz.size(),
+              chart.lineHz.empty() ? " (no --frf: no magnitude behind the chart)" : "");
+}
+
+FrfInput LoadInput(const StabilityOptions& o) {
+  const std::string ext = Extension(o.input);
+  if (ext != ".npy" && !o.frequencies.empty()) {
+    throw CommandError("--frequencies is for .npy input (the other formats carry their own)");
+  }
+  if (ext == ".uff" || ext == ".unv" || ext == ".uf") return FromUff(o.input, o.responses);
+  if (!o.responses.empty()) throw CommandError("--response is for UFF input");
+  std::string error;
+  if (ext == ".npz") {
+    std::vector<formats::NpzMember> members;
+    formats::FrfArrays arrays;
+    if (!formats::ReadNpz(o.input, &members, &error) ||
+        !formats::FrfFromArrays(members, o.input, &arrays, &error)) {
+      throw CommandError(error);
+    }
+    return FromArrays(arrays);
+  }
+  if (ext == ".npy") {
+    if (o.frequencies.empty()) {
+      throw CommandError(o.input + ": a .npy holds only the FRFs; give --frequencies FREQ.npy");
+    }
+    std::vector<formats::NpzMember> members(2);
+    members[0].name = "frequencies";
+    members[1].name = "frf";
+    const std::string* paths[2] = {&o.frequencies, &o.input};
+    for (int k = 0; k < 2; ++k) {
+      const formats::NpyStatus s = formats::ReadNpy(*paths[k], &members[k].array);
+      if (s != formats::NpyStatus::kOk) {
+        throw CommandError(*paths[k] + ": " + formats::NpyStatusText(s));
+      }
+    }
+    formats::FrfArrays arrays;
+    if (!formats::FrfFromArrays(members, o.input, &arrays, &error)) throw CommandError(error);
+    return FromArrays(arrays);
+  }
+  CsvInfo info;
+  FrfInput in = FromTable(ReadFrfCsv(o.input, &info));
+  if (!info.header) in.notes.push_back("no header row: the first row is data");
+  return in;
+}
+
+void PrintModes(const Analysis& a, const StabilityOptions& o) {
+  const auto& record = a.record;
   std::printf("\n%d order(s) in the chart (orders %u..%d)\n", record.orderinfo_size(),
               record.orderinfo_size() > 0 ? record.orderinfo(0).order_num() : 0,
               record.orderinfo_size() > 0
                   ? static_cast<int>(record.orderinfo(record.orderinfo_size() - 1).order_num())
                   : 0);
-  if (!record.has_upper_residual()) {
+  if (a.estimation.poleFrequencyByOrder.empty()) {
     std::printf(
         "No order had a pole stable in both frequency and damping, so nothing was selected.\n"
         "Wider --freq-tol / --damp-tol or a higher order range may help.\n");
     return;
   }
-  const int modes = record.selected_poles_size();
-  if (modes == 0) {
+  const stability::SelectionSettings& s = o.settings;
+  if (!o.exactSelection) {
     std::printf(
-        "No pole recurred within %g %% in %d orders; nothing was selected.\n"
-        "A lower --min-stable or a wider --selection-tol may help.\n",
-        100.0 * o.selectionTolerance, o.minStable);
+        "%d pole(s) recur in >= %d orders within %g %%; %zu of them are physical and "
+        "significant (>= %g)\n",
+        a.candidates, s.minStableCount, 100.0 * s.selectionTolerance,
+        static_cast<std::size_t>(a.selection.frequency.size()), s.minSignificance);
+  }
+  const auto modes = static_cast<int>(a.selection.frequency.size());
+  if (modes == 0) {
+    std::printf("Nothing was selected. A lower --min-stable%s may help.\n",
+                o.exactSelection ? " or a wider --selection-tol" : " or --min-significance");
   } else {
     std::vector<int> order(static_cast<std::size_t>(modes));
     for (int j = 0; j < modes; ++j) order[static_cast<std::size_t>(j)] = j;
-    std::stable_sort(order.begin(), order.end(), [&](int a, int b) {
-      return record.selected_poles(a) < record.selected_poles(b);
+    std::stable_sort(order.begin(), order.end(), [&](int x, int y) {
+      return a.selection.frequency[x] < a.selection.frequency[y];
     });
-    std::printf("%d mode(s) selected (stable in >= %d orders, within %g %%):\n\n", modes,
-                o.minStable, 100.0 * o.selectionTolerance);
+    std::printf("%d mode(s) selected:\n\n", modes);
     std::printf("  mode  frequency [Hz]  damping [%%]     |residue|\n");
+    const auto& fit = a.fits[static_cast<std::size_t>(o.referenceColumn - 1)];
     int n = 0;
     for (int j : order) {
-      const auto& r = record.residues(j);
-      std::printf("  %4d  %14.4f  %11.4f  %12.5g\n", ++n, record.selected_poles(j),
-                  100.0 * record.selected_dampingfactor(j), std::hypot(r.re(), r.im()));
+      std::printf("  %4d  %14.4f  %11.4f  %12.5g\n", ++n, a.selection.frequency[j],
+                  100.0 * a.selection.damping[j], std::abs(fit.residues[j]));
     }
   }
-  std::printf("\nupper residual %.5g%+.5gi, lower residual %.5g%+.5gi\n",
-              record.upper_residual().re(), record.upper_residual().im(),
-              record.lower_residual().re(), record.lower_residual().im());
+  if (!a.fits.empty()) {
+    const auto& fit = a.fits[static_cast<std::size_t>(o.referenceColumn - 1)];
+    std::printf("\nupper residual %.5g%+.5gi, lower residual %.5g%+.5gi\n",
+                fit.upperResidual.real(), fit.upperResidual.imag(), fit.lowerResidual.real(),
+                fit.lowerResidual.imag());
+  }
 }
 
-void RunStability(const StabilityOptions& o) {
-  int minOrder = 0, maxOrder = 0;
-  ParseOrders(o.orders, &minOrder, &maxOrder);
-  const FrfTable table = ReadFrfCsv(o.input);
-  const std::size_t lines = table.frequencyHz.size();
-  const int channels = static_cast<int>(table.channels.size());
+bool EvenlySpaced(const std::vector<double>& x) {
+  if (x.size() < 2) return true;
+  const double step = x[1] - x[0];
+  const double span = std::abs(x.back() - x.front());
+  for (std::size_t k = 2; k < x.size(); ++k) {
+    if (std::abs(x[k] - (x[0] + static_cast<double>(k) * step)) > 1e-9 * span) return false;
+  }
+  return true;
+}
+
+// The fitted FRFs as UFF functions, one per channel, carrying the nodes of
+// the input functions where there were some.
+std::vector<formats::Uff58> FitAsUff(const FrfInput& in, const Analysis& a) {
+  std::vector<formats::Uff58> out;
+  const bool even = EvenlySpaced(in.frequencyHz);
+  for (std::size_t c = 0; c < a.fits.size(); ++c) {
+    formats::Uff58 f = c < in.uff.size() ? in.uff[c] : formats::Uff58{};
+    if (c >= in.uff.size()) {
+      f.responseNode = static_cast<long>(c + 1);
+      f.functionId = static_cast<int>(c + 1);
+    }
+    f.idLines = {"frfcam modal fit", "channel " + std::to_string(c + 1), "NONE", "NONE", "NONE"};
+    f.functionType = formats::kUffFunctionFrf;
+    f.ordinateType = formats::kUffComplexDouble;
+    f.evenAbscissa = even;
+    f.abscissa = formats::UffAxis{18, 0, 0, 0, "Frequency", "Hz"};
+    f.x = in.frequencyHz;
+    f.y.assign(a.fits[c].synthesised.data(),
+               a.fits[c].synthesised.data() + a.fits[c].synthesised.size());
+    out.push_back(std::move(f));
+  }
+  return out;
+}
+
+void RunStability(StabilityOptions o) {
+  stability::SelectionSettings& s = o.settings;
+  if (!o.orders.empty()) ParseOrders(o.orders, &s.minOrder, &s.maxOrder);
+  // Every output is checked before the work, which may take long.
+  std::string why;
+  if (!formats::CanWriteFile(o.output, &why)) throw CommandError(why);
+  if (!o.writeUff.empty() && !formats::CanWriteFile(o.writeUff, &why)) throw CommandError(why);
+
+  FrfInput in = LoadInput(o);
+  const std::size_t lines = in.frequencyHz.size();
+  const auto channels = static_cast<int>(in.frfs.cols());
   if (o.referenceColumn < 1 || o.referenceColumn > channels) {
-    throw CommandError("--reference-column " + std::to_string(o.referenceColumn) +
-                       ": the table has " + std::to_string(channels) + " channel(s)");
+    throw CommandError("--reference-column " + std::to_string(o.referenceColumn) + ": " + o.input +
+                       " has " + std::to_string(channels) + " channel(s)");
   }
-
-  std::vector<double> omega(lines);
-  for (std::size_t i = 0; i < lines; ++i) omega[i] = kTwoPi * table.frequencyHz[i];
-  std::vector<std::complex<double>> matrix;
-  matrix.reserve(lines * table.channels.size());
-  for (const auto& channel : table.channels)
-    matrix.insert(matrix.end(), channel.begin(), channel.end());
-  const auto& reference = table.channels[static_cast<std::size_t>(o.referenceColumn - 1)];
-
-  std::printf(
-      "%zu line(s) of %d channel(s) from %s, orders %d..%d, residues fitted to channel %d\n", lines,
-      channels, o.input.c_str(), minOrder, maxOrder, o.referenceColumn);
+  std::printf("%zu line(s) of %d channel(s) from %s, orders %d..%d, record fit to channel %d\n",
+              lines, channels, o.input.c_str(), s.minOrder, s.maxOrder, o.referenceColumn);
+  for (const std::string& note : in.notes) std::printf("  %s\n", note.c_str());
+  if (!in.names.empty()) {
+    std::printf("  channel  response / reference\n");
+    for (std::size_t c = 0; c < in.names.size(); ++c) {
+      std::printf("  %7zu  %s\n", c + 1, in.names[c].c_str());
+    }
+  }
   std::fflush(stdout);
-  const int code =
-      ComputeStability(o.output.c_str(), reinterpret_cast<const double*>(reference.data()),
-                       reinterpret_cast<const double*>(matrix.data()), channels, omega.data(),
-                       static_cast<int>(std::min<std::size_t>(lines, 0x7fffffff)), minOrder,
-                       maxOrder, o.selectionTolerance, o.minStable, o.frequencyTolerance,
-                       o.dampingTolerance, o.flag1 ? 1 : 0, o.flag2 ? 1 : 0);
-  if (code != FRFCAM_STABILITY_OK) throw CommandError(Explain(code, o, lines));
 
-  std::ifstream in(o.output, std::ios::binary);
-  talproto::stabChartData record;
-  if (!in || !record.ParseFromIstream(&in)) {
-    throw CommandError("no record could be read back from " + o.output);
+  AnalysisRequest request;
+  request.omega.resize(static_cast<Eigen::Index>(lines));
+  for (std::size_t i = 0; i < lines; ++i) {
+    request.omega[static_cast<Eigen::Index>(i)] = kTwoPi * in.frequencyHz[i];
   }
-  PrintModes(record, o);
+  request.frfs = std::move(in.frfs);
+  request.referenceChannel = o.referenceColumn - 1;
+  request.settings = s;
+  request.significanceFilter = !o.exactSelection;
+  request.flag1 = o.flag1;
+  request.flag2 = o.flag2;
+  const std::string problem = CheckAnalysis(request);
+  if (!problem.empty()) throw CommandError(o.input + ": " + problem);
+  const auto start = std::chrono::steady_clock::now();
+  const Analysis a = RunAnalysis(request);
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                      std::chrono::steady_clock::now() - start)
+                      .count();
+  std::printf("took %lldms to run.\n", static_cast<long long>(ms));
+
+  if (!formats::WriteFileWhole(o.output, a.record.SerializeAsString(), &why)) {
+    throw CommandError(why);
+  }
+  PrintModes(a, o);
   std::printf("\nrecord written to %s\n", o.output.c_str());
+  if (!o.writeUff.empty()) {
+    if (a.fits.empty()) {
+      throw CommandError("--write-uff: no mode was selected, so there is no fit to write");
+    }
+    if (!formats::WriteUff58File(o.writeUff, FitAsUff(in, a), o.binaryUff, &why)) {
+      throw CommandError(why);
+    }
+    std::printf("fitted FRFs written to %s (%zu function(s), dataset 58%s)\n", o.writeUff.c_str(),
+                a.fits.size(), o.binaryUff ? "b" : "");
+  }
 }
 
 struct SynthOptions {
@@ -206,30 +502,60 @@ void RunSynth(const SynthOptions& o) {
 
 void RegisterStabilityCommands(CLI::App& app) {
   auto so = std::make_shared<StabilityOptions>();
+  stability::SelectionSettings& s = so->settings;
   CLI::App* stab = app.add_subcommand(
       "stability", "Stabilisation chart, selected modes and residues of measured FRFs");
-  stab->add_option("input", so->input, "FRF table (CSV, format below)")->required();
+  stab->add_option("input", so->input, "FRFs: .csv, .uff/.unv, .npz or .npy (formats below)")
+      ->required();
   stab->add_option("-o,--output", so->output, "record file to write (replaced)")->required();
-  stab->add_option("--orders", so->orders, "model order range LOW:HIGH")->capture_default_str();
-  stab->add_option("--selection-tol", so->selectionTolerance,
+  stab->add_option("--orders", so->orders,
+                   "model order range LOW:HIGH [default: " + std::to_string(s.minOrder) + ":" +
+                       std::to_string(s.maxOrder) + "]");
+  stab->add_option("--selection-tol", s.selectionTolerance,
                    "relative frequency tolerance of the mode selection")
       ->capture_default_str();
-  stab->add_option("--min-stable", so->minStable,
+  stab->add_option("--min-stable", s.minStableCount,
                    "orders a pole must recur in to be selected (its own included)")
       ->capture_default_str();
-  stab->add_option("--freq-tol", so->frequencyTolerance,
+  stab->add_option("--freq-tol", s.frequencyTolerance,
                    "relative frequency change still stable between orders")
       ->capture_default_str();
-  stab->add_option("--damp-tol", so->dampingTolerance,
+  stab->add_option("--damp-tol", s.dampingTolerance,
                    "relative damping change still stable between orders")
       ->capture_default_str();
-  stab->add_option("--reference-column", so->referenceColumn,
-                   "channel (1 = first) whose FRF the residues are fitted to")
+  stab->add_option("--max-damping", s.maxDamping, "largest damping ratio of a physical mode")
       ->capture_default_str();
+  stab->add_option("--min-significance", s.minSignificance,
+                   "how much a mode must lower the fit's residual, in residuals per line")
+      ->capture_default_str();
+  stab->add_flag("--exact-selection", so->exactSelection,
+                 "select by the recurrence rule alone, as the library's ComputeStability");
+  stab->add_option("--reference-column", so->referenceColumn,
+                   "channel (1 = first) whose fit the record holds")
+      ->capture_default_str();
+  stab->add_option("--response", so->responses,
+                   "UFF input: take the FRFs of this response NODE or NODE:DIR (e.g. 101:+Z); "
+                   "repeatable");
+  stab->add_option("--frequencies", so->frequencies, ".npy input: the frequency vector (Hz)");
+  stab->add_option("--write-uff", so->writeUff,
+                   "also write the fitted FRFs of every channel as UFF dataset 58");
+  stab->add_flag("--binary-uff", so->binaryUff, "write --write-uff as binary 58b");
   stab->add_flag("--flag1", so->flag1, "estimator option 1");
   stab->add_flag("--flag2", so->flag2, "estimator option 2");
-  stab->footer(kCsvFormat);
+  stab->footer(kInputFormats);
   stab->callback([so] { RunStability(*so); });
+
+  auto co = std::make_shared<ChartOptions>();
+  CLI::App* chart = app.add_subcommand(
+      "chart", "Draw the stabilisation chart of a record as SVG or PNG (no Python needed)");
+  chart->add_option("record", co->record, "record written by 'frfcam stability'")->required();
+  chart->add_option("-o,--output", co->output, "chart file: .svg or .png")->required();
+  chart->add_option("--frf", co->frf,
+                    "the measured FRFs (any stability input) to draw their summed magnitude");
+  chart->add_option("--frequencies", co->frequencies, "with a .npy --frf: its frequency vector");
+  chart->add_option("--response", co->responses, "with a UFF --frf: the responses to sum");
+  chart->add_option("--size", co->size, "PNG size WIDTHxHEIGHT")->capture_default_str();
+  chart->callback([co] { RunChart(*co); });
 
   auto sy = std::make_shared<SynthOptions>();
   CLI::App* synth = app.add_subcommand(
@@ -245,7 +571,6 @@ void RegisterStabilityCommands(CLI::App& app) {
       ->capture_default_str()
       ->check(CLI::NonNegativeNumber);
   synth->add_option("--seed", sy->seed, "noise seed")->capture_default_str();
-  synth->footer(kCsvFormat);
   synth->callback([sy] { RunSynth(*sy); });
 }
 

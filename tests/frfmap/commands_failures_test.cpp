@@ -1,0 +1,96 @@
+// The command-line tool fails loudly: every misuse of the cube commands is
+// one line on stderr and a non-zero exit status, never a black picture.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <regex>
+#include <string>
+
+#include "support/test_support.h"
+
+namespace frfcam {
+namespace {
+
+namespace fs = std::filesystem;
+
+test::CommandResult Cli(const std::string& args) {
+  return test::RunCommand(std::string(FRFCAM_CLI) + " " + args);
+}
+
+void ExpectOneLineError(const std::string& args, const std::string& words) {
+  const test::CommandResult r = Cli(args);
+  EXPECT_EQ(r.status, 1) << args;
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << args << ": " << r.err;
+  EXPECT_NE(r.err.find(words), std::string::npos) << args << ": " << r.err;
+}
+
+TEST(CommandFailures, UsageAndVersionAreNotErrors) {
+  for (const char* args : {"", "help", "--help"}) {
+    const test::CommandResult r = Cli(args);
+    EXPECT_EQ(r.status, 0) << args;
+    EXPECT_NE(r.out.find("Usage: frfcam"), std::string::npos) << args << r.out;
+    EXPECT_NE(r.out.find("stability"), std::string::npos) << args;
+  }
+  const test::CommandResult version = Cli("--version");
+  EXPECT_EQ(version.status, 0);
+  EXPECT_TRUE(std::regex_match(version.out, std::regex("frfcam \\d+\\.\\d+\\.\\d+\n")))
+      << version.out;
+  const test::CommandResult map_help = Cli("help map");
+  EXPECT_EQ(map_help.status, 0);
+  EXPECT_NE(map_help.out.find("--gain-from"), std::string::npos) << map_help.out;
+  EXPECT_EQ(Cli("help nothing").status, 2);
+}
+
+TEST(CommandFailures, CubeCommandsRefuseWhatIsNotThere) {
+  test::ScratchDir dir;
+  const std::string hdr = dir.file("p.hdr");
+  const std::string png = dir.file("m.png");
+  ASSERT_EQ(Cli("synth " + hdr + " --width 40 --height 30 --frames 64 --fps 1000").status, 0);
+
+  ExpectOneLineError("map " + hdr + " --bin 3 -o " + png, "has not been rendered");
+  EXPECT_FALSE(fs::exists(png));
+  ExpectOneLineError("render " + dir.file("missing.hdr"), "no such file");
+  ExpectOneLineError("map " + dir.file("missing.hdr") + " --bin 1 -o " + png, "no such file");
+  ExpectOneLineError("delete " + dir.file("nowhere"), "no such folder");
+  ExpectOneLineError("synth " + hdr, "--force");
+  ASSERT_EQ(Cli("synth " + hdr + " --width 40 --height 30 --frames 64 --fps 1000 --force").status,
+            0);
+
+  ASSERT_EQ(Cli("render " + hdr).status, 0);
+  ExpectOneLineError("map " + hdr + " --freq 1e300 -o " + png, "Nyquist frequency 500 Hz");
+  ExpectOneLineError("map " + hdr + " --freq 150 --fps 1e-300 -o " + png, "past the Nyquist");
+  ExpectOneLineError("map " + hdr + " --bin 33 -o " + png, "0..32");
+  ExpectOneLineError("map " + hdr + " --bin 3 --gain-from 40 -o " + png, "--gain-from 40");
+  ExpectOneLineError("map " + hdr + " --bin 3 -o /dev/full", "/dev/full");
+  ExpectOneLineError("map " + hdr + " --bin 3 -o " + dir.path().string(), "folder");
+  EXPECT_FALSE(fs::exists(png));
+
+  // A cube cut short (an interrupted render, a full disk) is no cube.
+  const fs::path cube = dir.path() / "p" / "p_0001.fft";
+  fs::resize_file(cube, fs::file_size(cube) - 8);
+  ExpectOneLineError("map " + hdr + " --bin 3 -o " + png, "incomplete");
+}
+
+TEST(CommandFailures, GainFromSharesOneScaleAcrossMaps) {
+  test::ScratchDir dir;
+  const std::string hdr = dir.file("p.hdr");
+  ASSERT_EQ(Cli("synth " + hdr + " --width 40 --height 30 --frames 100 --fps 1000").status, 0);
+  ASSERT_EQ(Cli("render " + hdr).status, 0);
+  const std::regex gain("gain ([0-9.e+-]+) \\(automatic(, of bin (\\d+))?\\), 255 = \\|X\\| ");
+  std::smatch m;
+  const std::string own = Cli("map " + hdr + " --freq 150 -o " + dir.file("a.png")).out;
+  ASSERT_TRUE(std::regex_search(own, m, gain)) << own;
+  const std::string resonance = m[1];
+  const std::string off = Cli("map " + hdr + " --freq 400 -o " + dir.file("b.png")).out;
+  ASSERT_TRUE(std::regex_search(off, m, gain)) << off;
+  EXPECT_NE(m[1], resonance) << "an off-resonance map scaled on its own";
+  const std::string shared =
+      Cli("map " + hdr + " --freq 400 --gain-from 15 -o " + dir.file("c.png")).out;
+  ASSERT_TRUE(std::regex_search(shared, m, gain)) << shared;
+  EXPECT_EQ(m[1], resonance);
+  EXPECT_EQ(m[3], "15");
+}
+
+}  // namespace
+}  // namespace frfcam

@@ -1,0 +1,162 @@
+"""compute_stability, read_record and plot_stability through the installed
+package, on the five-mode system of `frfcam synth-frf`."""
+import os
+import subprocess
+import tempfile
+import unittest
+
+import numpy as np
+
+import frfcam
+
+CLI = os.environ["FRFCAM_CLI"]
+TRUE_HZ = np.array([48.0, 121.5, 203.0, 287.5, 412.0])
+
+
+class Stability(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.dir = tempfile.TemporaryDirectory()
+        csv = os.path.join(cls.dir.name, "frf.csv")
+        subprocess.run([CLI, "synth-frf", csv, "--lines", "600", "--channels", "3",
+                        "--noise", "0.001"], check=True, stdout=subprocess.DEVNULL)
+        table = np.loadtxt(csv, delimiter=",", skiprows=1)
+        cls.freq = table[:, 0]
+        cls.frf = table[:, 1::2] + 1j * table[:, 2::2]
+        cls.record = os.path.join(cls.dir.name, "r.pb")
+        cls.result = frfcam.compute_stability(cls.freq, cls.frf, orders=(2, 40),
+                                              reference_channel=1, record=cls.record)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.dir.cleanup()
+
+    def test_finds_the_modes_with_shapes_for_every_channel(self):
+        r = self.result
+        found = np.sort(r.selected_frequency)
+        self.assertEqual(found.size, 5, found)
+        np.testing.assert_allclose(found, TRUE_HZ, rtol=2e-3)
+        self.assertTrue(np.all((r.selected_damping > 0.005) & (r.selected_damping < 0.03)))
+        self.assertEqual(r.residues.shape, (3, 5))
+        self.assertEqual(r.synthesised.shape, self.frf.shape)
+        error = np.abs(r.synthesised - self.frf).max(axis=0) / np.abs(self.frf).max(axis=0)
+        self.assertTrue(np.all(error < 0.02), error)
+        self.assertEqual(r.upper_residual.shape, (3,))
+
+    def test_chart_rows_and_classes(self):
+        chart = self.result.chart
+        np.testing.assert_array_equal(self.result.orders, np.arange(3, 41))
+        self.assertEqual(self.result.num_orders, 39)
+        self.assertEqual(set(chart["class"]) - set(frfcam.CLASSES), set())
+        stable = self.result.chart_of("s")
+        self.assertGreater(stable.size, 50)
+        self.assertTrue(np.all(np.isfinite(stable["damping"])))
+        self.assertTrue(np.all(np.isnan(self.result.chart_of("o")["damping"])))
+        self.assertTrue(np.all((chart["frequency"] > self.freq[0]) & (chart["frequency"] < self.freq[-1])))
+
+    def test_record_reads_back_as_the_same_selection(self):
+        back = frfcam.read_record(self.record)
+        np.testing.assert_array_equal(back.selected_frequency, self.result.selected_frequency)
+        np.testing.assert_array_equal(back.chart["frequency"], self.result.chart["frequency"])
+        np.testing.assert_allclose(back.residues[0], self.result.residues[1])
+        np.testing.assert_allclose(back.synthesised[:, 0], self.result.synthesised[:, 1])
+
+    def test_plot_draws_classes_magnitude_and_modes(self):
+        import matplotlib
+        matplotlib.use("Agg")
+        import matplotlib.pyplot as plt
+        ax = frfcam.plot_stability(self.result)
+        self.assertEqual(len(ax.collections), 4)
+        marked = [l for l in ax.lines if len(l.get_xdata()) and l.get_xdata()[0] in self.result.selected_frequency]
+        self.assertEqual(len(marked), 5)
+        out = os.path.join(self.dir.name, "chart.png")
+        ax.figure.savefig(out)
+        self.assertGreater(os.path.getsize(out), 1000)
+        plt.close("all")
+
+    def test_bad_input_raises_before_any_work(self):
+        missing = os.path.join(self.dir.name, "no", "r.pb")
+        cases = [
+            (dict(orders=(2, 2)), ValueError, "two orders"),
+            (dict(orders=(2.5, 9)), ValueError, "integers"),
+            (dict(orders=(2, 700)), ValueError, "more lines"),
+            (dict(reference_channel=3), ValueError, "reference_channel"),
+            (dict(record=missing), RuntimeError, "r.pb"),
+            (dict(record=self.dir.name), RuntimeError, "folder"),
+            (dict(record=b"r.pb"), ValueError, "bytes"),
+        ]
+        for kwargs, error, words in cases:
+            with self.subTest(**{k: str(v) for k, v in kwargs.items()}):
+                with self.assertRaises(error) as e:
+                    frfcam.compute_stability(self.freq, self.frf, **kwargs)
+                self.assertIn(words, str(e.exception))
+        with self.assertRaisesRegex(ValueError, "one frequency per line"):
+            frfcam.compute_stability(self.freq[:-1], self.frf)
+        bad = self.frf.copy()
+        bad[3, 0] = np.nan
+        with self.assertRaisesRegex(ValueError, "not finite"):
+            frfcam.compute_stability(self.freq, bad)
+        with self.assertRaises(FileNotFoundError):
+            frfcam.read_record(missing)
+        self.assertFalse(os.path.exists(missing))
+
+
+def three_masses(noise, seed, lines=1000):
+    """Three equal masses on a fixed-free spring chain, forced at the first,
+    every mass measured, modal damping 2, 1.5 and 1 %; complex Gaussian noise
+    of `noise` times each channel's RMS magnitude."""
+    k = np.array([[2.0, -1, 0], [-1, 2, -1], [0, -1, 1]])
+    values, vectors = np.linalg.eigh(k)
+    scale = (2 * np.pi * 50.0) ** 2 / values[0]
+    wr = np.sqrt(scale * values)
+    zeta = np.array([0.02, 0.015, 0.01])
+    f = np.linspace(1.0, 300.0, lines)
+    w = 2 * np.pi * f[:, None, None]
+    residues = vectors[0][None, :] * vectors  # [channel, mode]
+    h = (residues[None] / (wr ** 2 - w ** 2 + 2j * zeta * wr * w)).sum(axis=2)
+    rng = np.random.default_rng(seed)
+    rms = np.sqrt((np.abs(h) ** 2).mean(axis=0))
+    h = h + noise * rms * (rng.normal(size=h.shape) + 1j * rng.normal(size=h.shape)) / np.sqrt(2)
+    return f, h, wr / (2 * np.pi), zeta
+
+
+class AutomaticSelection(unittest.TestCase):
+    def test_defaults_find_three_masses_in_nine_of_ten_seeds_at_one_percent(self):
+        right = exact_right = 0
+        for seed in range(1, 11):
+            f, h, hz, zeta = three_masses(0.01, seed)
+            r = frfcam.compute_stability(f, h)
+            exact = frfcam.compute_stability(f, h, significance=False)
+            ok = r.modes == 3 and np.allclose(np.sort(r.selected_frequency), hz, rtol=5e-3)
+            right += ok
+            exact_right += exact.modes == 3 and np.allclose(
+                np.sort(exact.selected_frequency), hz, rtol=5e-3)
+            if ok:
+                order = np.argsort(r.selected_frequency)
+                np.testing.assert_allclose(r.selected_damping[order], zeta, rtol=0.1)
+                # Mode shapes: residue ratios between channels are the eigenvectors'.
+                shapes = r.residues[:, order]
+                shapes = shapes / shapes[0]
+                self.assertTrue(np.all(np.isfinite(shapes)))
+            self.assertEqual(r.candidates.size, exact.modes)
+            self.assertEqual(int(r.candidates.kept.sum()), r.modes)
+        self.assertGreaterEqual(right, 9)
+        self.assertLess(exact_right, right)
+
+    def test_command_line_uses_the_same_defaults(self):
+        f, h, hz, _ = three_masses(0.01, 3)
+        with tempfile.TemporaryDirectory() as d:
+            csv = os.path.join(d, "three.csv")
+            table = np.column_stack([f] + [c for j in range(3) for c in (h[:, j].real, h[:, j].imag)])
+            np.savetxt(csv, table, delimiter=",")  # no header row: the first row is data
+            out = subprocess.run([CLI, "stability", csv, "-o", os.path.join(d, "r.pb")],
+                                 check=True, capture_output=True, text=True).stdout
+        self.assertIn("1000 line(s)", out)
+        python = frfcam.compute_stability(f, h)
+        for freq in python.selected_frequency:
+            self.assertIn(f"{freq:14.4f}", out)
+        self.assertIn(f"{python.modes} mode(s) selected", out)
+
+
+if __name__ == "__main__":
+    unittest.main()

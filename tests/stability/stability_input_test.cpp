@@ -1,0 +1,202 @@
+// The stability command's inputs and outputs: CSV with or without a header,
+// rows too long to be a table, UFF 58 and .npz input, the fitted FRFs as UFF,
+// and outputs that cannot be written, refused before the fit.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "formats/uff.h"
+#include "stability/synthetic.h"
+#include "support/test_support.h"
+
+namespace frfcam {
+namespace {
+
+using test::CommandResult;
+using test::RunCommand;
+using test::ScratchDir;
+
+CommandResult Cli(const std::string& args) {
+  return RunCommand(std::string(FRFCAM_CLI) + " " + args);
+}
+
+// The five-mode system as UFF functions: one FRF per channel, response
+// nodes 101, 102, ... in +Z, and a time history that must be skipped.
+std::vector<formats::Uff58> SystemAsUff(int channels) {
+  stability::SyntheticFrfs s =
+      stability::SynthesizeFrfs(stability::DefaultFiveModeSystem(800, channels, 0.001));
+  std::vector<formats::Uff58> out;
+  for (int c = 0; c < channels; ++c) {
+    formats::Uff58 f;
+    f.functionId = c + 1;
+    f.responseNode = 101 + c;
+    f.responseDirection = 3;
+    f.referenceNode = 1;
+    f.referenceDirection = 3;
+    for (Eigen::Index i = 0; i < s.omega.size(); ++i) {
+      f.x.push_back(s.omega[i] / (2 * 3.14159265358979323846));
+      f.y.push_back(s.matrix(i, c));
+    }
+    out.push_back(f);
+  }
+  formats::Uff58 time = out[0];
+  time.functionType = 1;
+  time.responseNode = 999;
+  out.insert(out.begin() + 1, time);
+  return out;
+}
+
+// A shell prefix that limits the address space to 2 GiB; sanitizer builds,
+// whose shadow memory needs far more address space, run without it.
+std::string AddressLimit() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  return "";
+#else
+  return "ulimit -v 2097152; ";
+#endif
+}
+
+int CountModes(const std::string& out) {
+  const auto at = out.find(" mode(s) selected");
+  if (at == std::string::npos) return -1;
+  return std::stoi(out.substr(out.rfind('\n', at) + 1));
+}
+
+TEST(StabilityInput, CsvWithoutHeaderAndRowsTooLong) {
+  ScratchDir dir;
+  const std::string csv = dir.file("f.csv");
+  ASSERT_EQ(Cli("synth-frf " + csv + " --lines 400 --channels 2").status, 0);
+  // The same table without its header row: every line is data.
+  std::ifstream in(csv);
+  std::string header, rest((std::istreambuf_iterator<char>(in.ignore(1 << 20, '\n'))), {});
+  std::ofstream(dir.file("bare.csv")) << rest;
+  const CommandResult with = Cli("stability " + csv + " -o " + dir.file("a.pb"));
+  const CommandResult without =
+      Cli("stability " + dir.file("bare.csv") + " -o " + dir.file("b.pb"));
+  ASSERT_EQ(with.status, 0) << with.err;
+  ASSERT_EQ(without.status, 0) << without.err;
+  EXPECT_NE(with.out.find("400 line(s) of 2 channel(s)"), std::string::npos) << with.out;
+  EXPECT_NE(without.out.find("400 line(s) of 2 channel(s)"), std::string::npos) << without.out;
+  EXPECT_NE(without.out.find("no header row"), std::string::npos);
+  EXPECT_EQ(CountModes(with.out), 5) << with.out;
+
+  // A 64 MiB row under a 2 GiB address-space limit: one line, no allocation failure.
+  const std::string wide = dir.file("wide.csv");
+  {
+    std::ofstream w(wide, std::ios::binary);
+    w << "f,re,im\n";
+    const std::string chunk(1 << 20, '1');
+    for (int i = 0; i < 64; ++i) w << chunk;
+    w << "\n";
+  }
+  const CommandResult r = RunCommand(AddressLimit() + std::string(FRFCAM_CLI) + " stability " +
+                                     wide + " -o " + dir.file("w.pb"));
+  EXPECT_EQ(r.status, 1) << r.err;
+  EXPECT_NE(r.err.find("wide.csv:2: a value longer than 256 characters"), std::string::npos)
+      << r.err;
+  {
+    std::ofstream w(wide, std::ios::binary);
+    w << "f,re,im\n";
+    const std::string chunk = std::string(1 << 19, ' ') + "1,";
+    for (int i = 0; i < 40; ++i) w << chunk;
+    w << "\n";
+  }
+  const CommandResult padded = RunCommand(AddressLimit() + std::string(FRFCAM_CLI) + " stability " +
+                                          wide + " -o " + dir.file("w.pb"));
+  EXPECT_EQ(padded.status, 1);
+  EXPECT_NE(padded.err.find("longer than 16 MiB"), std::string::npos) << padded.err;
+}
+
+TEST(StabilityInput, OutputsThatCannotBeWrittenStopBeforeTheFit) {
+  ScratchDir dir;
+  const std::string csv = dir.file("f.csv");
+  ASSERT_EQ(Cli("synth-frf " + csv + " --lines 300 --channels 1").status, 0);
+  for (const std::string& bad : std::vector<std::string>{
+           "-o " + dir.path().string(), "-o /dev/full", "-o " + dir.file("no/r.pb"),
+           "-o " + dir.file("r.pb") + " --write-uff " + dir.file("no/f.uff")}) {
+    const CommandResult r = Cli("stability " + csv + " " + bad);
+    EXPECT_EQ(r.status, 1) << bad;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << bad << ": " << r.err;
+    EXPECT_EQ(r.out.find("took"), std::string::npos) << bad << ": the fit ran";
+  }
+  EXPECT_FALSE(std::filesystem::exists(dir.file("r.pb")));
+}
+
+TEST(StabilityInput, UffInAndOut) {
+  ScratchDir dir;
+  const std::string uff = dir.file("frf.uff");
+  std::string error;
+  ASSERT_TRUE(formats::WriteUff58File(uff, SystemAsUff(3), false, &error)) << error;
+
+  const std::string fit = dir.file("fit.uff");
+  const CommandResult r =
+      Cli("stability " + uff + " -o " + dir.file("r.pb") + " --write-uff " + fit);
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("800 line(s) of 3 channel(s)"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("4 function(s) in the file, 3 taken"), std::string::npos) << r.out;
+  for (const char* channel : {"1  101 +Z / 1 +Z (function 1)", "3  103 +Z / 1 +Z (function 3)"}) {
+    EXPECT_NE(r.out.find(channel), std::string::npos) << r.out;
+  }
+  EXPECT_EQ(r.out.find("999 +Z"), std::string::npos);
+  EXPECT_EQ(CountModes(r.out), 5) << r.out;
+
+  std::vector<formats::Uff58> back;
+  ASSERT_TRUE(formats::ReadUff58File(fit, &back, &error)) << error;
+  ASSERT_EQ(back.size(), 3u);
+  const std::vector<formats::Uff58> truth = SystemAsUff(3);
+  EXPECT_EQ(back[2].responseNode, 103);
+  EXPECT_TRUE(back[2].evenAbscissa);
+  double worst = 0, peak = 0;
+  for (std::size_t i = 0; i < back[2].y.size(); ++i) {
+    worst = std::max(worst, std::abs(back[2].y[i] - truth[3].y[i]));
+    peak = std::max(peak, std::abs(truth[3].y[i]));
+  }
+  EXPECT_LT(worst, 0.02 * peak);
+
+  // One response node, binary in and out.
+  const std::string binary = dir.file("frf58b.uff");
+  ASSERT_TRUE(formats::WriteUff58File(binary, SystemAsUff(3), true, &error)) << error;
+  const CommandResult one = Cli("stability " + binary + " --response 102:+z -o " +
+                                dir.file("r2.pb") + " --write-uff " + fit + " --binary-uff");
+  ASSERT_EQ(one.status, 0) << one.err;
+  EXPECT_NE(one.out.find("of 1 channel(s)"), std::string::npos) << one.out;
+  EXPECT_NE(one.out.find("102 +Z"), std::string::npos) << one.out;
+  ASSERT_TRUE(formats::ReadUff58File(fit, &back, &error)) << error;
+  EXPECT_EQ(back.size(), 1u);
+
+  const CommandResult none = Cli("stability " + uff + " --response 555 -o " + dir.file("r3.pb"));
+  EXPECT_EQ(none.status, 1);
+  EXPECT_NE(none.err.find("no FRF of the --response nodes"), std::string::npos) << none.err;
+}
+
+TEST(StabilityInput, NumpyArchives) {
+  if (!test::HaveSystemPython("numpy")) GTEST_SKIP() << "no numpy";
+  ScratchDir dir;
+  const std::string csv = dir.file("f.csv"), npz = dir.file("f.npz");
+  ASSERT_EQ(Cli("synth-frf " + csv + " --lines 500 --channels 2").status, 0);
+  const CommandResult make =
+      RunCommand(std::string(FRFCAM_SYSTEM_PYTHON) + " -c 'import numpy as np; t=np.loadtxt(\"" +
+                 csv + "\", delimiter=\",\", skiprows=1); np.savez_compressed(\"" + npz +
+                 "\", frequencies_hz=t[:,0], frf_matrix=t[:,1::2]+1j*t[:,2::2]); np.save(\"" +
+                 dir.file("h.npy") + "\", t[:,1::2]+1j*t[:,2::2]); np.save(\"" + dir.file("f.npy") +
+                 "\", t[:,0])'");
+  ASSERT_EQ(make.status, 0) << make.err;
+  const CommandResult r = Cli("stability " + npz + " -o " + dir.file("r.pb"));
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("500 line(s) of 2 channel(s)"), std::string::npos) << r.out;
+  EXPECT_EQ(CountModes(r.out), 5) << r.out;
+  const CommandResult npy = Cli("stability " + dir.file("h.npy") + " --frequencies " +
+                                dir.file("f.npy") + " -o " + dir.file("r2.pb"));
+  ASSERT_EQ(npy.status, 0) << npy.err;
+  EXPECT_EQ(CountModes(npy.out), 5) << npy.out;
+  const CommandResult alone = Cli("stability " + dir.file("h.npy") + " -o " + dir.file("r3.pb"));
+  EXPECT_EQ(alone.status, 1);
+  EXPECT_NE(alone.err.find("--frequencies"), std::string::npos) << alone.err;
+}
+
+}  // namespace
+}  // namespace frfcam
