@@ -1,9 +1,11 @@
 #include "platform/platform.h"
 
+#if !defined(_WIN32)
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#endif
 
 #include <algorithm>
 #include <cctype>
@@ -16,7 +18,7 @@ namespace frfcam::platform {
 
 namespace {
 
-std::string ReadSmallFile(const char* path) {
+[[maybe_unused]] std::string ReadSmallFile(const char* path) {
   std::ifstream in(path);
   if (!in) return {};
   std::ostringstream ss;
@@ -64,6 +66,7 @@ std::uint64_t CgroupHeadroom(const std::string& limit, const std::string& usage)
   return l > u ? l - u : 0;
 }
 
+#if !defined(_WIN32)
 std::uint64_t AvailablePhysicalMemory() {
   std::uint64_t avail = ParseMemAvailable(ReadSmallFile("/proc/meminfo"));
   // cgroup v2, then v1. A v1 "no limit" is a huge number, which the min keeps harmless.
@@ -93,6 +96,7 @@ bool FileSize(const std::string& path, std::uint64_t* size) {
   *size = static_cast<std::uint64_t>(st.st_size);
   return true;
 }
+#endif  // !_WIN32
 
 PathParts SplitPath(const std::string& path) {
   PathParts parts;
@@ -123,6 +127,7 @@ PathParts SplitPath(const std::string& path) {
   return parts;
 }
 
+#if !defined(_WIN32)
 std::filesystem::path PathFromUtf8(const std::string& path) {
   // Narrow paths are UTF-8 here; on Windows this would go through u8string.
   return std::filesystem::path(path);
@@ -206,5 +211,7 @@ void MappedFile::Close() {
   size_ = 0;
   open_ = false;
 }
+
+#endif  // !_WIN32
 
 }  // namespace frfcam::platform

@@ -36,7 +36,8 @@ std::uint64_t ParseMemAvailable(const std::string& meminfo);
 std::uint64_t CgroupHeadroom(const std::string& limit, const std::string& usage);
 
 // Opens a file for shared access (others may read; writers are denied where
-// the OS supports it). `path` is UTF-8. Returns null on failure.
+// the OS supports it, as Windows does). `path` is UTF-8 on Linux and in the
+// ANSI code page on Windows. Returns null on failure.
 std::FILE* OpenFile(const std::string& path, const char* mode);
 
 // Seeks from the start of the file with a 64-bit offset; true on success.
@@ -57,7 +58,8 @@ struct PathParts {
 };
 PathParts SplitPath(const std::string& path);
 
-// A file-system path from a UTF-8 string.
+// A file-system path from one of the library's 8-bit strings (UTF-8 on Linux,
+// the ANSI code page on Windows, where the path is wide).
 std::filesystem::path PathFromUtf8(const std::string& path);
 
 }  // namespace frfcam::platform
@@ -89,7 +91,7 @@ class File {
   std::size_t WriteAt(std::uint64_t offset, const void* data, std::size_t size) const;
 
  private:
-  int fd_ = -1;
+  std::intptr_t fd_ = -1;  // a descriptor, or on Windows a HANDLE
 };
 
 }  // namespace frfcam::platform
@@ -118,6 +120,7 @@ class MappedFile {
   const std::uint8_t* data_ = nullptr;
   std::uint64_t size_ = 0;
   bool open_ = false;
+  std::intptr_t file_ = -1;  // Windows: held open for its share mode
 };
 
 }  // namespace frfcam::platform

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iostream>
 
+#include "platform/platform.h"
 #include "stability/estimator.h"
 #include "stability/record.h"
 #include "stability/residues.h"
@@ -40,7 +41,8 @@ ComplexMatrix CopyComplexMatrix(const double* interleaved, Eigen::Index rows, Ei
 // Writes the record; false when the file could not be opened, written or
 // closed (a full disk shows up only when the buffer is flushed).
 bool WriteRecord(const talproto::stabChartData& record, const char* path) {
-  std::ofstream out(path, std::ios::binary | std::ios::out | std::ios::trunc);
+  std::ofstream out(platform::PathFromUtf8(path),
+                    std::ios::binary | std::ios::out | std::ios::trunc);
   if (!out.is_open()) return false;
   const bool written = record.SerializeToOstream(&out);
   out.close();

@@ -1,8 +1,6 @@
 // Rendering through the C interface: cube files byte for byte against a
 // double-precision DFT, progress, cancellation and the failure codes.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cmath>
@@ -223,6 +221,7 @@ TEST(RenderCube, WriteFailureReturnsThree) {
   if (const char* header = std::getenv("FRFCAM_WRITE_LIMIT_CHILD")) {
     std::_Exit(OpenAndRender(header, nullptr));
   }
+  FRFCAM_SKIP_ON_WINDOWS("RLIMIT_FSIZE through a POSIX shell");
   ScratchDir dir;
   const Capture c = Make(dir, 64, 64, 40, 1, 40);  // a 688 KiB cube
   const std::string self = fs::read_symlink("/proc/self/exe").string();
