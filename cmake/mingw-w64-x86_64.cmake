@@ -27,6 +27,11 @@ if(FRFCAM_WIN64_PREFIX)
   set(ENV{PKG_CONFIG_LIBDIR} ${FRFCAM_WIN64_PREFIX}/lib/pkgconfig)
   set(ENV{PKG_CONFIG_PATH} "")
 endif()
+# Eigen is header-only, and protoc runs here: both are the build machine's
+# Debian packages (protoc of the same version as the protobuf sources).
+set(Eigen3_DIR /usr/share/eigen3/cmake CACHE PATH "")
+set(Protobuf_PROTOC_EXECUTABLE /usr/bin/protoc CACHE FILEPATH "")
+
 # Programs (protoc) are the build machine's; libraries and headers the target's.
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

@@ -96,8 +96,9 @@
  * - Frame data, header and cube files are opened denying other writers: while
  *   an object reads them, no program can write to or truncate them (its open
  *   fails with a sharing violation). In the same way a render cannot replace
- *   cube files that another object or program holds open; it then returns
- *   FRFCAM_RENDER_WRITE_FAILED instead of writing new files beside the old.
+ *   cube files that another object or program holds open: it returns
+ *   FRFCAM_RENDER_WRITE_FAILED and leaves those files as they were, but the
+ *   cube counts as incomplete until a later render completes.
  * - DeleteCube cannot remove a cube file that is open anywhere (Windows keeps
  *   open files); such files are left in place. It matches ".fft" exactly, as
  *   on Linux, so "X.FFT" is kept although Windows names ignore case.

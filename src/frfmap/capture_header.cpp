@@ -1,6 +1,5 @@
 #include "frfmap/capture_header.h"
 
-#include <cstdio>
 #include <cstring>
 
 #include "platform/platform.h"
@@ -21,11 +20,10 @@ std::uint64_t CaptureHeader::frame_bytes() const {
 }
 
 bool CaptureHeader::Load(const std::string& path) {
-  std::FILE* f = platform::OpenFile(path, "rb");
-  if (f == nullptr) return false;
+  platform::File f;
+  if (!f.Open(path, platform::File::Mode::kRead)) return false;
   std::array<std::uint8_t, format::kHeaderSize> buf{};
-  const std::size_t got = std::fread(buf.data(), 1, buf.size(), f);
-  std::fclose(f);
+  const std::size_t got = f.ReadAt(0, buf.data(), buf.size());
   if (got != buf.size()) return false;
   bytes = buf;
   return true;

@@ -21,18 +21,17 @@ void CaptureReader::Close() {
     c.file.Close();
     c.number = 0;
   }
-  if (single_ != nullptr) std::fclose(single_);
-  single_ = nullptr;
+  single_.Close();
   single_tried_ = false;
   single_size_ = 0;
   cap_header_.fill(0);
 }
 
-const platform::MappedFile* CaptureReader::Division(unsigned d) {
+const platform::File* CaptureReader::Division(unsigned d) {
   CachedFile& slot = division_[d % division_.size()];
-  if (!slot.file.is_open() || slot.number != d) {
+  if (slot.number != d) {
     slot.number = d;
-    slot.file.Open(DataFilePath(header_path_, DataFile::kDivision, d));
+    slot.file.Open(DataFilePath(header_path_, DataFile::kDivision, d), platform::File::Mode::kRead);
   }
   return slot.file.is_open() ? &slot.file : nullptr;
 }
@@ -58,7 +57,7 @@ bool CaptureReader::ReadDivisionFrame(std::int32_t f, std::uint64_t first, std::
   const std::uint64_t frame_bytes = header_.frame_bytes();
   const FileOffset at =
       LocateFrame(static_cast<std::uint32_t>(f), frame_bytes, header_.frames_per_division());
-  const platform::MappedFile* file = Division(at.file);
+  const platform::File* file = Division(at.file);
   if (file == nullptr) return false;
 
   // Bytes that hold the run: for 12-bit data whole groups around it, so
@@ -71,43 +70,40 @@ bool CaptureReader::ReadDivisionFrame(std::int32_t f, std::uint64_t first, std::
     begin = first;
     end = first + n;
   }
-  // A short file fails the read like a short read would.
-  const std::uint64_t pixels_at = at.offset + format::kFrameRecordSize;
+  // One read per frame: with the record when it is wanted and adjacent.
   const std::uint64_t stored_end = std::min(end, frame_bytes);
-  if (pixels_at + stored_end > file->size()) return false;
-  if (record != nullptr) {
-    std::memcpy(record, file->data() + at.offset, format::kFrameRecordSize);
+  const bool with_record = record != nullptr && begin == 0;
+  const std::uint64_t skip = with_record ? 0 : format::kFrameRecordSize + begin;
+  const std::size_t head = with_record ? format::kFrameRecordSize : 0;
+  const std::size_t want = static_cast<std::size_t>(head + stored_end - begin);
+  const std::size_t count = static_cast<std::size_t>(head + end - begin);
+  if (bytes_.size() < count) bytes_.resize(count);
+  if (file->ReadAt(at.offset + skip, bytes_.data(), want) != want) return false;
+  if (record != nullptr && !with_record &&
+      file->ReadAt(at.offset, record, format::kFrameRecordSize) != format::kFrameRecordSize) {
+    return false;
   }
-  const std::uint8_t* src = file->data() + pixels_at + begin;
+  if (with_record) std::memcpy(record, bytes_.data(), format::kFrameRecordSize);
+  const std::uint8_t* src = bytes_.data() + head;
   if (!header_.packed12()) {
     Expand8(src, n, row);
     return true;
   }
-  if (end > frame_bytes) {
-    // A frame of an odd pixel count ends with the high byte of its last
-    // sample alone; the missing low bits read as zero.
-    const std::size_t count = static_cast<std::size_t>(end - begin);
-    const std::size_t stored = static_cast<std::size_t>(stored_end - begin);
-    if (bytes_.size() < count) bytes_.resize(count);
-    std::memcpy(bytes_.data(), src, stored);
-    std::fill(bytes_.begin() + static_cast<std::ptrdiff_t>(stored),
-              bytes_.begin() + static_cast<std::ptrdiff_t>(count), std::uint8_t{0});
-    src = bytes_.data();
-  }
+  // A frame of an odd pixel count ends with the high byte of its last
+  // sample alone; the missing low bits read as zero.
+  std::fill(bytes_.begin() + static_cast<std::ptrdiff_t>(want),
+            bytes_.begin() + static_cast<std::ptrdiff_t>(count), std::uint8_t{0});
   Unpack12(src, first % 2, n, row);
   return true;
 }
 
 bool CaptureReader::OpenSingleFile() {
-  if (single_tried_) return single_ != nullptr;
+  if (single_tried_) return single_.is_open();
   single_tried_ = true;
   const std::string path = DataFilePath(header_path_, DataFile::kSingle, 0);
-  if (!platform::FileSize(path, &single_size_)) return false;
-  single_ = platform::OpenFile(path, "rb");
-  if (single_ == nullptr) return false;
-  if (std::fread(cap_header_.data(), 1, cap_header_.size(), single_) != cap_header_.size()) {
-    std::fclose(single_);
-    single_ = nullptr;
+  if (!single_.Open(path, platform::File::Mode::kRead) || !single_.Size(&single_size_) ||
+      single_.ReadAt(0, cap_header_.data(), cap_header_.size()) != cap_header_.size()) {
+    single_.Close();
     return false;
   }
   return true;
@@ -142,8 +138,8 @@ bool CaptureReader::ReadSingleFrame(std::int32_t f, std::uint64_t first, std::ui
 
   // The trailer: an empty slot (index word zero) is an error in any block.
   std::uint8_t trailer[kCapTrailerSize];
-  if (!platform::SeekTo(single_, pos + slot_size - kCapTrailerSize) ||
-      std::fread(trailer, 1, sizeof trailer, single_) != sizeof trailer) {
+  if (single_.ReadAt(pos + slot_size - kCapTrailerSize, trailer, sizeof trailer) !=
+      sizeof trailer) {
     return false;
   }
   const std::uint32_t index = LoadBE32(trailer + 4 * kCapTrailerIndexWord);
@@ -160,8 +156,7 @@ bool CaptureReader::ReadSingleFrame(std::int32_t f, std::uint64_t first, std::ui
   const std::uint64_t row1 = (first + n - 1) / width;
   const std::size_t count = static_cast<std::size_t>((row1 - row0 + 1) * row_bytes);
   if (bytes_.size() < count) bytes_.resize(count);
-  if (!platform::SeekTo(single_, pos + row0 * row_bytes) ||
-      std::fread(bytes_.data(), 1, count, single_) != count) {
+  if (single_.ReadAt(pos + row0 * row_bytes, bytes_.data(), count) != count) {
     return false;
   }
   std::uint64_t q = first;

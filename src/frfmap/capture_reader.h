@@ -34,9 +34,9 @@ class CaptureReader {
   // Fills `samples` with `frames` rows of `n` samples (row f holds pixels
   // first .. first + n - 1 of frame f) and, when first == 0 and `records` is
   // not null, `records` with each frame's 16-byte record. False on any
-  // failure: a data file that cannot be opened, a failed seek, a short read,
-  // a frame beyond the single file's end, an empty ".cap" slot, a run past
-  // the frame. Rows already filled keep their values.
+  // failure: a data file that cannot be opened, a short read, a frame beyond
+  // the single file's end, an empty ".cap" slot, a run past the frame. Rows
+  // already filled keep their values.
   bool ReadBlock(std::uint64_t first, std::uint32_t n, std::int32_t frames, std::uint16_t* samples,
                  std::uint8_t* records);
 
@@ -49,21 +49,21 @@ class CaptureReader {
   bool OpenSingleFile();
   bool ReadSingleFrame(std::int32_t f, std::uint64_t first, std::uint32_t n, std::uint16_t* row,
                        std::uint8_t* record);
-  const platform::MappedFile* Division(unsigned d);
+  const platform::File* Division(unsigned d);
 
   CaptureHeader header_;
   std::string header_path_;
 
-  // Division files, mapped: a direct-mapped cache by file number, so every
-  // file is opened once per render however many there are.
+  // Division files: a direct-mapped cache by file number, so every file is
+  // opened once per render however many there are (a failed open too).
   struct CachedFile {
     unsigned number = 0;
-    platform::MappedFile file;
+    platform::File file;
   };
   std::array<CachedFile, kHandleTableSize> division_{};
 
   // The single file, opened on first use.
-  std::FILE* single_ = nullptr;
+  platform::File single_;
   bool single_tried_ = false;
   std::uint64_t single_size_ = 0;
   std::array<std::uint8_t, format::kCapHeaderSize> cap_header_{};

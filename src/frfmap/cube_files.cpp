@@ -1,8 +1,9 @@
 #include "frfmap/cube_files.h"
 
-#include <algorithm>
 #include <filesystem>
 
+#include "frfmap/capture_header.h"
+#include "frfmap/cube_record.h"
 #include "frfmap/naming.h"
 
 namespace frfcam::frfmap {
@@ -16,7 +17,6 @@ void CubeFileSet::Reset(const std::string& header_path, const CubeLayout& layout
 
 void CubeFileSet::Close() {
   for (auto& f : files_) f.Close();
-  for (auto& m : mapped_) m.Close();
   tried_.fill(false);
 }
 
@@ -47,19 +47,21 @@ bool CubeFileSet::WriteInPlane(std::uint32_t bin, std::uint64_t offset, const vo
   return f->WriteAt(layout_.Locate(bin).offset + offset, data, size) == size;
 }
 
-CubeFileSet::PlaneView CubeFileSet::MapPlane(std::uint32_t bin) {
-  if (mode_ != Mode::kRead || layout_.bins_per_file == 0) return {};
-  const FileOffset at = layout_.Locate(bin);
-  if (at.file == 0 || at.file > kMaxFileNumber) return {};
-  platform::MappedFile& m = mapped_[at.file];
-  if (!tried_[at.file]) {
-    tried_[at.file] = true;
-    m.Open(DataFilePath(header_path_, DataFile::kCube, at.file));
-  }
-  if (!m.is_open() || at.offset >= m.size()) return {};
-  const std::size_t size =
-      static_cast<std::size_t>(std::min<std::uint64_t>(layout_.plane_bytes, m.size() - at.offset));
-  return {m.data() + at.offset, size};
+std::size_t CubeFileSet::ReadInPlane(std::uint32_t bin, std::uint64_t offset, void* data,
+                                     std::size_t size) {
+  if (mode_ != Mode::kRead) return 0;
+  const platform::File* f = FileFor(bin);
+  if (f == nullptr) return 0;
+  return f->ReadAt(layout_.Locate(bin).offset + offset, data, size);
+}
+
+bool CubeIsComplete(const std::string& header_path) {
+  CaptureHeader header;
+  if (!header.Load(header_path) || header.frame_count() < 1) return false;
+  CubeRecord record;
+  return ReadCubeRecord(header_path, &record) == RecordState::kValid && record.complete &&
+         record.width == header.width() && record.height == header.height() &&
+         record.bins == static_cast<std::uint32_t>(header.frame_count() / 2 + 1);
 }
 
 std::size_t DeleteCubeFiles(const std::string& folder) {

@@ -29,27 +29,32 @@ class CubeFileSet {
   // Writes `size` bytes at byte `offset` of bin `bin`'s plane; false on a
   // short write or a file that cannot be created.
   bool WriteInPlane(std::uint32_t bin, std::uint64_t offset, const void* data, std::size_t size);
-  // Bin `bin`'s plane in read mode, mapped: the bytes of the plane that the
-  // file holds (fewer than a plane when it is cut short, none when it cannot
-  // be opened).
-  struct PlaneView {
-    const std::uint8_t* data = nullptr;
-    std::size_t size = 0;
-  };
-  PlaneView MapPlane(std::uint32_t bin);
+  // In read mode, reads `size` bytes at byte `offset` of bin `bin`'s plane
+  // into `data` (the caller's). Returns the bytes read: fewer when the file
+  // is cut short (also by another process while it is read), none when it
+  // cannot be opened.
+  std::size_t ReadInPlane(std::uint32_t bin, std::uint64_t offset, void* data, std::size_t size);
 
  private:
-  // In write mode, the file that holds `bin`, created on first use; null
-  // when it cannot be created or the bin is beyond the files 1 .. 127.
+  // The file that holds `bin`, opened in the current mode on first use (in
+  // write mode created); null when it cannot be opened or the bin is beyond
+  // the files 1 .. 127.
   const platform::File* FileFor(std::uint32_t bin);
 
   std::string header_path_;
   CubeLayout layout_;
   Mode mode_ = Mode::kRead;
-  std::array<platform::File, kHandleTableSize> files_;         // writing
-  std::array<platform::MappedFile, kHandleTableSize> mapped_;  // reading
+  std::array<platform::File, kHandleTableSize> files_;
   std::array<bool, kHandleTableSize> tried_{};
 };
+
+// Whether the capture whose header is `header_path` has a complete cube: its
+// completion record (see cube_record.h) says the last render of it finished,
+// for the width, height and bins that the header gives now. False when there
+// is no record (a cube of another program, or none), when a render is under
+// way, was cancelled or failed, and when the header cannot be read. A caller
+// that gets false renders again. Never blocks; reads two small files.
+bool CubeIsComplete(const std::string& header_path);
 
 // Removes every regular file whose extension is exactly ".fft" anywhere below
 // `folder`. Errors (a missing folder, an entry that cannot be removed) are

@@ -12,6 +12,7 @@
 
 #include "frfmap/capture_reader.h"
 #include "frfmap/cube_files.h"
+#include "frfmap/fft.h"
 #include "frfmap/spectrum_kernel.h"
 
 namespace frfcam::frfmap {
@@ -77,6 +78,14 @@ class FrfMapCalcs {
   std::atomic<std::uint8_t> cancel_{0};
 
   std::vector<std::complex<float>> reference_;
+
+  // ReadFRFMap's working memory, kept between calls: a chunk of the plane
+  // and the map as it is made.
+  static constexpr std::size_t kMapChunkPixels = 32768;
+  FftBuffer<float> read_chunk_;
+  // The render whose cube files the read handles belong to (0: unknown).
+  std::uint64_t read_generation_ = 0;
+  std::vector<std::uint8_t> staged_map_;
 
   std::uint32_t width_ = 0;
   std::uint32_t height_ = 0;

@@ -2,7 +2,9 @@
 // that bin, as gained magnitudes quantised to 8 bits.
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
+#include "frfmap/cube_record.h"
 #include "frfmap/fft.h"
 #include "frfmap/frf_map_calcs.h"
 #include "platform/platform.h"
@@ -72,20 +74,64 @@ int FrfMapCalcs::ReadFRFMap(int bin, float gain, unsigned char* map) {
   const CubeLayout& layout = cubes_.layout();
   if (bin < 0 || layout.plane_bytes == 0) return 0;
   const std::size_t pixels = static_cast<std::size_t>(width_) * height_;
+  const std::uint64_t plane = layout.plane_bytes;
 
-  // The plane is read where the page cache holds it, without a copy.
-  cubes_.SetMode(CubeFileSet::Mode::kRead);
-  const CubeFileSet::PlaneView plane = cubes_.MapPlane(static_cast<std::uint32_t>(bin));
-  if (plane.size != pixels * kSpectrumValueBytes) return static_cast<int>(plane.size);
-  const float* values = reinterpret_cast<const float*>(plane.data);
-
-  // A zero reference value, or a bin beyond the reference, reads unreferenced.
-  const std::size_t b = static_cast<std::size_t>(bin);
-  if (b < reference_.size() && reference_[b] != std::complex<float>{}) {
-    QuantiseQuotients(values, pixels, reference_[b], gain, map);
-  } else {
-    QuantiseMagnitudes(values, pixels, gain, map);
+  // Only what the cube's completion record says is written is read: the
+  // rows of a cube being rendered (or cancelled) are complete only up to its
+  // count, and a record for other dimensions means the cube opened is gone.
+  const std::string& header_path = reader_.header_path();
+  CubeRecord before;
+  const RecordState state = ReadCubeRecord(header_path, &before);
+  if (state == RecordState::kInvalid) return 0;
+  const std::uint64_t generation = state == RecordState::kValid ? before.generation : 0;
+  if (generation != read_generation_) {
+    cubes_.Close();  // handles of an earlier render's files
+    read_generation_ = generation;
   }
+  if (state == RecordState::kValid) {
+    if (before.width != width_ || before.height != height_ || before.bins != bins_) return 0;
+    if (!before.complete) {
+      return static_cast<int>(std::min<std::uint64_t>(
+          plane, static_cast<std::uint64_t>(before.rows) * width_ * kSpectrumValueBytes));
+    }
+  }
+
+  // The plane goes through a small buffer that stays in the cache, chunk by
+  // chunk, into a map of the object's own: the caller's map is written only
+  // once the whole plane has been read, so a file cut short (even while it is
+  // read) leaves it untouched.
+  if (!read_chunk_) {
+    read_chunk_ = AllocateFftBuffer<float>(2 * kMapChunkPixels);
+    if (!read_chunk_) return kReadNoMemory;
+  }
+  if (staged_map_.size() != pixels) staged_map_.assign(pixels, 0);
+  cubes_.SetMode(CubeFileSet::Mode::kRead);
+  const auto b = static_cast<std::uint32_t>(bin);
+  // A zero reference value, or a bin beyond the reference, reads unreferenced.
+  const bool referenced = b < reference_.size() && reference_[b] != std::complex<float>{};
+  std::size_t read = 0;
+  for (std::size_t p0 = 0; p0 < pixels; p0 += kMapChunkPixels) {
+    const std::size_t count = std::min(kMapChunkPixels, pixels - p0);
+    const std::size_t bytes = count * kSpectrumValueBytes;
+    const std::size_t got = cubes_.ReadInPlane(b, read, read_chunk_.get(), bytes);
+    read += got;
+    if (got != bytes) return static_cast<int>(read);
+    if (referenced) {
+      QuantiseQuotients(read_chunk_.get(), count, reference_[b], gain, staged_map_.data() + p0);
+    } else {
+      QuantiseMagnitudes(read_chunk_.get(), count, gain, staged_map_.data() + p0);
+    }
+  }
+  // A render that began while the plane was read may have replaced part of
+  // it: then nothing of it is known to be complete.
+  if (state == RecordState::kValid) {
+    CubeRecord after;
+    if (ReadCubeRecord(header_path, &after) != RecordState::kValid ||
+        after.generation != before.generation || !after.complete) {
+      return 0;
+    }
+  }
+  std::memcpy(map, staged_map_.data(), pixels);
   return 0;
 }
 

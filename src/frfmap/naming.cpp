@@ -16,6 +16,8 @@ std::string DataFilePath(const std::string& header_path, DataFile kind, unsigned
   std::string suffix;
   if (kind == DataFile::kSingle) {
     suffix = ".cap";
+  } else if (kind == DataFile::kCubeRecord) {
+    suffix = ".fft";
   } else {
     char buf[24];
     std::snprintf(buf, sizeof buf, kind == DataFile::kDivision ? "_%04u.div" : "_%04u.fft", number);

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <thread>
 
+#include "frfmap/cube_record.h"
 #include "frfmap/fft.h"
 #include "frfmap/frf_map_calcs.h"
 #include "frfmap/handoff.h"
@@ -66,6 +67,13 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
   for (std::uint32_t start = 0; start < total_pixels_; start += block) {
     blocks.push_back({start, std::min(block, total_pixels_ - start)});
   }
+  // The cube reads as incomplete from before its first file is touched.
+  CubeRecordWriter record;
+  if (!record.Begin(reader_.header_path(), width_, height_, bins)) {
+    kernel_.Release();
+    reader_.Close();
+    return kRenderWriteFailed;
+  }
   cubes_.SetMode(CubeFileSet::Mode::kWrite);
 
   Handoff raw_free, raw_full, spec_free, spec_full;
@@ -108,6 +116,9 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
                                    static_cast<std::size_t>(b.n) * kSpectrumValueBytes)) {
             write_failed.store(true);
           }
+        }
+        if (!write_failed.load() && !record.SetRows((b.start + b.n) / width_)) {
+          write_failed.store(true);
         }
         spec_free.Push(*slot);
         if (write_failed.load()) break;
@@ -170,7 +181,8 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
   if (write_failed.load()) return kRenderWriteFailed;
   if (status != kRenderOk || worker_failed.load()) return kRenderNoMemory;
   if (cancel_.load(std::memory_order_relaxed) != 0) return kRenderCancelled;
-  return transformed == blocks.size() ? kRenderOk : kRenderNoMemory;
+  if (transformed != blocks.size()) return kRenderNoMemory;
+  return record.Complete() ? kRenderOk : kRenderWriteFailed;
 }
 
 }  // namespace frfcam::frfmap

@@ -2,7 +2,7 @@
 
 #if !defined(_WIN32)
 #include <fcntl.h>
-#include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #endif
@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -66,6 +67,7 @@ std::uint64_t CgroupHeadroom(const std::string& limit, const std::string& usage)
   return l > u ? l - u : 0;
 }
 
+// The Windows versions of what follows are in platform_win32.cpp.
 #if !defined(_WIN32)
 std::uint64_t AvailablePhysicalMemory() {
   std::uint64_t avail = ParseMemAvailable(ReadSmallFile("/proc/meminfo"));
@@ -133,6 +135,15 @@ std::filesystem::path PathFromUtf8(const std::string& path) {
   return std::filesystem::path(path);
 }
 
+bool IsRegularFile(const std::string& path) {
+  struct stat st;
+  return ::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+bool ReplaceFile(const std::string& from, const std::string& to) {
+  return ::rename(from.c_str(), to.c_str()) == 0;
+}
+
 File& File::operator=(File&& other) noexcept {
   if (this != &other) {
     Close();
@@ -145,11 +156,24 @@ File& File::operator=(File&& other) noexcept {
 bool File::Open(const std::string& path, Mode mode) {
   Close();
   // A new file replaces an old one instead of truncating it, so that a
-  // mapping of the old file (a reader elsewhere) stays valid.
+  // reader of the old file elsewhere reads it whole or not at all.
   if (mode == Mode::kCreate) ::unlink(path.c_str());
+  // Without O_NONBLOCK the open of a FIFO waits for its other end forever.
   const int flags = mode == Mode::kRead ? O_RDONLY : (O_WRONLY | O_CREAT | O_TRUNC);
-  fd_ = ::open(path.c_str(), flags | O_CLOEXEC, 0666);
-  return fd_ >= 0;
+  int fd;
+  do {
+    fd = ::open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0666);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) return false;
+  struct stat st;
+  const int status = ::fcntl(fd, F_GETFL);
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || status < 0 ||
+      ::fcntl(fd, F_SETFL, status & ~O_NONBLOCK) != 0) {
+    ::close(fd);
+    return false;
+  }
+  fd_ = fd;
+  return true;
 }
 
 void File::Close() {
@@ -157,7 +181,17 @@ void File::Close() {
   fd_ = -1;
 }
 
+bool File::Size(std::uint64_t* size) const {
+  struct stat st;
+  if (fd_ < 0 || ::fstat(fd_, &st) != 0) return false;
+  *size = static_cast<std::uint64_t>(st.st_size);
+  return true;
+}
+
 std::size_t File::ReadAt(std::uint64_t offset, void* data, std::size_t size) const {
+  if (offset > static_cast<std::uint64_t>(INT64_MAX)) return 0;
+  size = static_cast<std::size_t>(
+      std::min<std::uint64_t>(size, static_cast<std::uint64_t>(INT64_MAX) - offset));
   std::size_t done = 0;
   auto* p = static_cast<char*>(data);
   while (fd_ >= 0 && done < size) {
@@ -170,46 +204,25 @@ std::size_t File::ReadAt(std::uint64_t offset, void* data, std::size_t size) con
 }
 
 std::size_t File::WriteAt(std::uint64_t offset, const void* data, std::size_t size) const {
+  if (fd_ < 0 || offset > static_cast<std::uint64_t>(INT64_MAX)) return 0;
+  std::uint64_t end_limit = static_cast<std::uint64_t>(INT64_MAX);
+  // A write past the file-size limit raises a signal that kills the process
+  // by default; writing only up to the limit makes it a short write instead.
+  struct rlimit limit;
+  if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY) {
+    end_limit = std::min<std::uint64_t>(end_limit, limit.rlim_cur);
+  }
+  if (offset >= end_limit) return 0;
+  size = static_cast<std::size_t>(std::min<std::uint64_t>(size, end_limit - offset));
   std::size_t done = 0;
   const auto* p = static_cast<const char*>(data);
-  while (fd_ >= 0 && done < size) {
+  while (done < size) {
     const ssize_t r = ::pwrite(fd_, p + done, size - done, static_cast<off_t>(offset + done));
     if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) break;  // EFBIG, ENOSPC, EIO: the caller sees a short write
+    if (r <= 0) break;  // ENOSPC, EIO: the caller sees a short write
     done += static_cast<std::size_t>(r);
   }
   return done;
-}
-
-bool MappedFile::Open(const std::string& path) {
-  Close();
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  struct stat st;
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    ::close(fd);
-    return false;
-  }
-  size_ = static_cast<std::uint64_t>(st.st_size);
-  if (size_ > 0) {
-    void* p = ::mmap(nullptr, size_, PROT_READ, MAP_SHARED, fd, 0);
-    if (p == MAP_FAILED) {
-      ::close(fd);
-      size_ = 0;
-      return false;
-    }
-    data_ = static_cast<const std::uint8_t*>(p);
-  }
-  ::close(fd);  // the mapping keeps the file
-  open_ = true;
-  return true;
-}
-
-void MappedFile::Close() {
-  if (data_ != nullptr) ::munmap(const_cast<std::uint8_t*>(data_), size_);
-  data_ = nullptr;
-  size_ = 0;
-  open_ = false;
 }
 
 #endif  // !_WIN32

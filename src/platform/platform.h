@@ -35,9 +35,10 @@ std::uint64_t AvailablePhysicalMemory();
 std::uint64_t ParseMemAvailable(const std::string& meminfo);
 std::uint64_t CgroupHeadroom(const std::string& limit, const std::string& usage);
 
-// Opens a file for shared access (others may read; writers are denied where
-// the OS supports it, as Windows does). `path` is UTF-8 on Linux and in the
-// ANSI code page on Windows. Returns null on failure.
+// Opens a C stream for shared access (others may read; writers are denied
+// where the OS supports it). `path` is UTF-8. Returns null on failure. For
+// files the user names to the tools and for the capture writer; unlike File,
+// it may block on a FIFO.
 std::FILE* OpenFile(const std::string& path, const char* mode);
 
 // Seeks from the start of the file with a 64-bit offset; true on success.
@@ -58,21 +59,43 @@ struct PathParts {
 };
 PathParts SplitPath(const std::string& path);
 
-// A file-system path from one of the library's 8-bit strings (UTF-8 on Linux,
-// the ANSI code page on Windows, where the path is wide).
+// A file-system path from a UTF-8 string.
 std::filesystem::path PathFromUtf8(const std::string& path);
 
 }  // namespace frfcam::platform
 
 namespace frfcam::platform {
 
-// A file opened for positioned reads or writes (no shared file position, no
-// user-space buffering), so large transfers go straight between the caller's
-// memory and the OS.
+// True when `path` (UTF-8) names a regular file itself: a symbolic link, a
+// folder, a FIFO or a device is not one, and a final symbolic link is not
+// followed. Never blocks, never throws. On Windows (ANSI path) a reparse
+// point counts as a symbolic link.
+bool IsRegularFile(const std::string& path);
+
+// Renames `from` to `to` (both UTF-8, in one folder), replacing an existing
+// `to` in one step: others see the old file or the new one, never neither.
+// `from` may be held open by a File of this process, which then goes on
+// writing the file under its new name. False on failure, when `from` is left
+// as it was. On Windows it fails while anyone holds `to` open.
+bool ReplaceFile(const std::string& from, const std::string& to);
+
+// A regular file opened for positioned reads or writes: no shared file
+// position and no user-space buffering, so transfers go straight between the
+// caller's memory and the OS, and several objects may read one file at once.
+//
+// Opening never blocks, whatever the path names: anything that is not a
+// regular file (a FIFO, a device, a folder) is refused. A file that another
+// process shortens while it is open gives short reads, never a signal.
+//
+// On Windows (ANSI paths, opened with CreateFileW) a file open for reading
+// denies writers: nobody can write, truncate, delete or rename it meanwhile,
+// and a kCreate of a file that someone holds open fails instead of replacing
+// it. Reads and writes are ReadFile/WriteFile at OVERLAPPED offsets.
 class File {
  public:
-  // kCreate makes a new file for writing, replacing (not truncating) any
-  // file of that name.
+  // kRead opens an existing file for reading. kCreate makes a new, empty
+  // file for writing; an existing entry of that name is replaced (removed,
+  // not truncated), so readers that hold the old file keep reading it.
   enum class Mode { kRead, kCreate };
   File() = default;
   ~File() { Close(); }
@@ -81,46 +104,29 @@ class File {
   File(const File&) = delete;
   File& operator=(const File&) = delete;
 
-  // UTF-8 path. False when the file cannot be opened.
+  // Opens `path` (UTF-8), closing any file held before. False when it cannot
+  // be opened or is not a regular file; the object is then closed.
   bool Open(const std::string& path, Mode mode);
   bool is_open() const { return fd_ >= 0; }
   void Close();
 
-  // Bytes transferred; fewer than asked on end of file or error.
+  // The file's current size in bytes; false when it cannot be queried.
+  bool Size(std::uint64_t* size) const;
+
+  // Reads up to `size` bytes at byte `offset` into `data` (owned by the
+  // caller). Returns the bytes read: fewer than asked at the end of the file
+  // or on an error, 0 when the file is closed.
   std::size_t ReadAt(std::uint64_t offset, void* data, std::size_t size) const;
+
+  // Writes `size` bytes from `data` at byte `offset`, extending the file as
+  // needed. Returns the bytes written: fewer than asked when the disk is
+  // full, on an error, or where the write would pass the process's file-size
+  // limit; such a write stops short of the limit instead of raising the OS's
+  // signal for it. The process's signal mask and handlers are not touched.
   std::size_t WriteAt(std::uint64_t offset, const void* data, std::size_t size) const;
 
  private:
   std::intptr_t fd_ = -1;  // a descriptor, or on Windows a HANDLE
-};
-
-}  // namespace frfcam::platform
-
-namespace frfcam::platform {
-
-// A whole file mapped read-only into memory, so readers take bytes straight
-// from the page cache without a copy. The file must not be truncated while it
-// is mapped (the OS signals an access past its new end).
-class MappedFile {
- public:
-  MappedFile() = default;
-  ~MappedFile() { Close(); }
-  MappedFile(const MappedFile&) = delete;
-  MappedFile& operator=(const MappedFile&) = delete;
-
-  // UTF-8 path. False when the file cannot be opened or mapped; an empty
-  // file maps to no bytes and succeeds.
-  bool Open(const std::string& path);
-  void Close();
-  bool is_open() const { return open_; }
-  const std::uint8_t* data() const { return data_; }
-  std::uint64_t size() const { return size_; }
-
- private:
-  const std::uint8_t* data_ = nullptr;
-  std::uint64_t size_ = 0;
-  bool open_ = false;
-  std::intptr_t file_ = -1;  // Windows: held open for its share mode
 };
 
 }  // namespace frfcam::platform

@@ -87,23 +87,40 @@ File& File::operator=(File&& other) noexcept {
   return *this;
 }
 
+bool IsRegularFile(const std::string& path) {
+  const DWORD attributes = GetFileAttributesW(WideFromAnsi(path).c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES &&
+         (attributes &
+          (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DEVICE)) == 0;
+}
+
+bool ReplaceFile(const std::string& from, const std::string& to) {
+  // Fails while anyone holds `to` open: Windows keeps open files in place.
+  return MoveFileExW(WideFromAnsi(from).c_str(), WideFromAnsi(to).c_str(),
+                     MOVEFILE_REPLACE_EXISTING) != 0;
+}
+
 bool File::Open(const std::string& path, Mode mode) {
   Close();
   const std::wstring wpath = WideFromAnsi(path);
   HANDLE h;
   if (mode == Mode::kRead) {
+    // Others may read too, but nobody may write, truncate, delete or rename
+    // the file while it is read.
     h = CreateFileW(wpath.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                     FILE_ATTRIBUTE_NORMAL, nullptr);
   } else {
     // As on Linux, a new file replaces the old one rather than truncating it.
-    // A file that someone holds open cannot be deleted here, and then the
-    // create below fails on its share mode: the old content stays intact.
+    // A file that someone holds open cannot be deleted, and then the create
+    // below fails on its share mode: the old content stays intact. The new
+    // file may be renamed while it is written (ReplaceFile), not written to.
     DeleteFileW(wpath.c_str());
-    h = CreateFileW(wpath.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
-                    FILE_ATTRIBUTE_NORMAL, nullptr);
+    h = CreateFileW(wpath.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                    CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   }
   if (h == INVALID_HANDLE_VALUE) return false;
-  if (mode == Mode::kRead && GetFileType(h) != FILE_TYPE_DISK) {
+  // Pipes, consoles and devices are not files of ours.
+  if (GetFileType(h) != FILE_TYPE_DISK) {
     CloseHandle(h);
     return false;
   }
@@ -116,7 +133,17 @@ void File::Close() {
   fd_ = kNoHandle;
 }
 
+bool File::Size(std::uint64_t* size) const {
+  LARGE_INTEGER s;
+  if (fd_ == kNoHandle || !GetFileSizeEx(AsHandle(fd_), &s)) return false;
+  *size = static_cast<std::uint64_t>(s.QuadPart);
+  return true;
+}
+
 std::size_t File::ReadAt(std::uint64_t offset, void* data, std::size_t size) const {
+  if (offset > static_cast<std::uint64_t>(INT64_MAX)) return 0;
+  size = static_cast<std::size_t>(
+      std::min<std::uint64_t>(size, static_cast<std::uint64_t>(INT64_MAX) - offset));
   std::size_t done = 0;
   auto* p = static_cast<char*>(data);
   while (fd_ != kNoHandle && done < size) {
@@ -129,7 +156,11 @@ std::size_t File::ReadAt(std::uint64_t offset, void* data, std::size_t size) con
   return done;
 }
 
+// Windows has no file-size limit signal: a write fails or is short.
 std::size_t File::WriteAt(std::uint64_t offset, const void* data, std::size_t size) const {
+  if (offset > static_cast<std::uint64_t>(INT64_MAX)) return 0;
+  size = static_cast<std::size_t>(
+      std::min<std::uint64_t>(size, static_cast<std::uint64_t>(INT64_MAX) - offset));
   std::size_t done = 0;
   const auto* p = static_cast<const char*>(data);
   while (fd_ != kNoHandle && done < size) {
@@ -140,43 +171,6 @@ std::size_t File::WriteAt(std::uint64_t offset, const void* data, std::size_t si
     done += put;
   }
   return done;
-}
-
-bool MappedFile::Open(const std::string& path) {
-  Close();
-  HANDLE h = CreateFileW(WideFromAnsi(path).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                         OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (h == INVALID_HANDLE_VALUE) return false;
-  LARGE_INTEGER size;
-  if (GetFileType(h) != FILE_TYPE_DISK || !GetFileSizeEx(h, &size)) {
-    CloseHandle(h);
-    return false;
-  }
-  size_ = static_cast<std::uint64_t>(size.QuadPart);
-  if (size_ > 0) {
-    HANDLE mapping = CreateFileMappingW(h, nullptr, PAGE_READONLY, 0, 0, nullptr);
-    void* p = mapping != nullptr ? MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0) : nullptr;
-    if (mapping != nullptr) CloseHandle(mapping);  // the view keeps the section
-    if (p == nullptr) {
-      CloseHandle(h);
-      size_ = 0;
-      return false;
-    }
-    data_ = static_cast<const std::uint8_t*>(p);
-  }
-  // Unlike Linux, the file stays open: its share mode keeps writers out.
-  file_ = FromHandle(h);
-  open_ = true;
-  return true;
-}
-
-void MappedFile::Close() {
-  if (data_ != nullptr) UnmapViewOfFile(data_);
-  if (file_ != kNoHandle) CloseHandle(AsHandle(file_));
-  data_ = nullptr;
-  size_ = 0;
-  file_ = kNoHandle;
-  open_ = false;
 }
 
 }  // namespace frfcam::platform

@@ -15,6 +15,7 @@
 
 #include "frfcam/frfcam.h"
 #include "frfmap/capture_writer.h"
+#include "frfmap/cube_files.h"
 #include "frfmap/naming.h"
 #include "support/test_support.h"
 
@@ -231,7 +232,7 @@ TEST(RenderCube, WriteFailureReturnsThree) {
   EXPECT_EQ(r.status, 3) << r.out << r.err;
 }
 
-TEST(RenderCube, AReaderKeepsItsCubeWhileAnotherRenderReplacesIt) {
+TEST(RenderCube, AReaderOfAReplacedCubeGetsAShortReadNotAStaleOrMixedMap) {
   ScratchDir dir, other;
   const Capture big = Make(dir, 16, 8, 40, 1, 50);
   ASSERT_EQ(OpenAndRender(big.header), 0);
@@ -249,8 +250,17 @@ TEST(RenderCube, AReaderKeepsItsCubeWhileAnotherRenderReplacesIt) {
   ASSERT_EQ(OpenAndRender(big.header, nullptr), 0);
   ASSERT_LT(fs::file_size(data / "cap_0001.fft"), 15u * 16 * 8 * 8);
 
+  // The cube this object opened is gone: nothing of it reads.
   EXPECT_EQ(ReadFRFMap(reader, 15, 1.0f, after.data()), 0);
-  EXPECT_EQ(after, before);
+  EXPECT_EQ(after, std::vector<unsigned char>(16 * 8, 1));
+  EXPECT_EQ(ReadFRFMap(reader, 2, 1.0f, after.data()), 0);
+  EXPECT_EQ(after, std::vector<unsigned char>(16 * 8, 1));
+
+  // Reopened, the bins past the new cube are short reads even where an
+  // older, longer cube file without a record lies on disk.
+  ASSERT_EQ(OpenCube(reader, big.header.c_str()), 0);
+  EXPECT_EQ(ReadFRFMap(reader, 2, 1.0f, after.data()), 0);
+  EXPECT_NE(after, std::vector<unsigned char>(16 * 8, 1));
   DeleteFrfMapCalcs(reader);
 }
 
@@ -326,6 +336,89 @@ TEST(DeleteCube, RemovesCubeFilesBelowAFolderOnly) {
   }
   DeleteCube(nullptr, (root / "does-not-exist").string().c_str());
   DeleteCube(nullptr, nullptr);
+}
+
+std::vector<unsigned char> MapOf(FrfMapCalcs* calcs, int bin, int* result, unsigned char fill = 7) {
+  unsigned w = 0, h = 0;
+  GetCubeDims(calcs, &w, &h, nullptr);
+  std::vector<unsigned char> map(std::max(1u, w * h), fill);
+  *result = ReadFRFMap(calcs, bin, 1.0f, map.data());
+  return map;
+}
+
+// Cancels once the render reports 100 (every block transformed, the last one
+// not yet written).
+FrfMapCalcs* g_cancel_target = nullptr;
+void CancelAtHundred(int percent) {
+  if (percent == 100) CancelRenderCube(g_cancel_target);
+}
+
+TEST(CubeRecord, OnlyAFinishedRenderReadsComplete) {
+  ScratchDir dir;
+  const Capture c = Make(dir, 8, 6, 12, 1, 12);
+  const std::string record = (fs::path(c.header).replace_extension() / "cap.fft").string();
+  EXPECT_FALSE(CubeIsComplete(c.header));
+  ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
+  EXPECT_TRUE(CubeIsComplete(c.header));
+  FrfMapCalcs* reader = CreateFrfMapCalcs("r");
+  ASSERT_EQ(OpenCube(reader, c.header.c_str()), 0);
+  int r = -1;
+  const std::vector<unsigned char> full = MapOf(reader, 3, &r);
+  ASSERT_EQ(r, 0);
+
+  // Cancelled after the first block was written: only its rows are complete.
+  g_cancel_target = CreateFrfMapCalcs("c");
+  ASSERT_EQ(OpenCube(g_cancel_target, c.header.c_str()), 0);
+  ASSERT_EQ(RenderCube(g_cancel_target, CancelAtHundred), FRFCAM_RENDER_CANCELLED);
+  DeleteFrfMapCalcs(g_cancel_target);
+  EXPECT_FALSE(CubeIsComplete(c.header));
+  ASSERT_EQ(OpenCube(reader, c.header.c_str()), 0);
+  const std::vector<unsigned char> part = MapOf(reader, 3, &r);
+  EXPECT_EQ(part, std::vector<unsigned char>(48, 7));
+  EXPECT_GT(r, 0);
+  EXPECT_LT(r, 8 * 6 * 8);
+  EXPECT_EQ(r % (8 * 8), 0) << "whole rows";
+
+  // A damaged record trusts nothing; no record at all reads as before.
+  ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
+  std::fstream(record, std::ios::in | std::ios::out | std::ios::binary).seekp(20).put('\x7f');
+  EXPECT_FALSE(CubeIsComplete(c.header));
+  EXPECT_EQ(MapOf(reader, 3, &r), std::vector<unsigned char>(48, 7));
+  EXPECT_EQ(r, 0);
+  fs::remove(record);
+  EXPECT_FALSE(CubeIsComplete(c.header));
+  EXPECT_EQ(MapOf(reader, 3, &r), full);
+  EXPECT_EQ(r, 0);
+  DeleteFrfMapCalcs(reader);
+}
+
+TEST(CubeRecord, ReadersOfACubeBeingRenderedSeeWholeMapsOrShortReads) {
+  ScratchDir dir;
+  const Capture c = Make(dir, 64, 32, 40, 1, 40);
+  ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
+  FrfMapCalcs* reader = CreateFrfMapCalcs("r");
+  ASSERT_EQ(OpenCube(reader, c.header.c_str()), 0);
+  int r = -1;
+  const std::vector<unsigned char> want = MapOf(reader, 9, &r);
+  ASSERT_EQ(r, 0);
+
+  std::atomic<bool> rendering{true};
+  std::thread renders([&] {
+    for (int i = 0; i < 6; ++i) EXPECT_EQ(OpenAndRender(c.header, nullptr), 0);
+    rendering = false;
+  });
+  int whole = 0, wrong = 0;
+  while (rendering) {
+    ASSERT_EQ(OpenCube(reader, c.header.c_str()), 0);
+    const std::vector<unsigned char> got = MapOf(reader, 9, &r, 1);
+    // Untouched (whatever the count), or whole and right with 0.
+    const bool untouched = got == std::vector<unsigned char>(got.size(), 1);
+    if (r == 0 && got == want) ++whole;
+    if (!untouched && (r != 0 || got != want)) ++wrong;
+  }
+  renders.join();
+  EXPECT_EQ(wrong, 0) << whole << " whole maps";
+  DeleteFrfMapCalcs(reader);
 }
 
 }  // namespace
