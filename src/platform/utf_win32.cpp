@@ -1,8 +1,9 @@
 // The host string of Windows: a BSTR from the ANSI code page.
 #if defined(_WIN32)
 
-#include <oleauto.h>
 #include <windows.h>
+// After windows.h, which it needs.
+#include <oleauto.h>
 
 #include "platform/utf.h"
 #include "platform/win32.h"

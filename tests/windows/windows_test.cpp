@@ -3,8 +3,9 @@
 // drive letters, share modes that keep writers out while files are read, and
 // DeleteCube's exact ".fft" match on a file system that ignores case.
 #include <gtest/gtest.h>
-#include <oleauto.h>
 #include <windows.h>
+// After windows.h, which it needs.
+#include <oleauto.h>
 
 #include <cstdint>
 #include <filesystem>
