@@ -1,6 +1,13 @@
 # The Windows parts of the build: static third-party libraries for the CLI
 # and the package dist/frfcam-VERSION-win64.zip.
 
+# CLI11 is header-only: its headers come from the build machine's Debian
+# package, through a folder of their own (all of /usr/include would put the
+# build machine's C library before mingw's).
+file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/host-headers)
+file(CREATE_LINK /usr/include/CLI ${CMAKE_BINARY_DIR}/host-headers/CLI SYMBOLIC)
+target_include_directories(frfcam_cli SYSTEM PRIVATE ${CMAKE_BINARY_DIR}/host-headers)
+
 # libpng is static here, so its own dependency (zlib) is linked explicitly.
 target_link_directories(frfcam_cli PRIVATE ${LIBPNG_STATIC_LIBRARY_DIRS})
 target_link_libraries(frfcam_cli PRIVATE ${LIBPNG_STATIC_LIBRARIES})
