@@ -3,6 +3,7 @@
 // Also ReadFRFMap against reading a plane's bytes.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <vector>
@@ -56,8 +57,8 @@ void Clean(const std::string& header, const std::string& out_dir) {
   ::sync();  // every timed run starts with no dirty pages of an earlier one
 }
 
-Figures Measure(const std::string& dir, const char* name, std::int32_t frames, int runs) {
-  const std::uint16_t w = 512, h = 512;
+Figures Measure(const std::string& dir, const char* name, std::uint16_t w, std::uint16_t h,
+                std::int32_t frames, int runs) {
   const std::string header = bench::SynthesiseCapture(dir, name, w, h, frames, 500);
   const unsigned files = static_cast<unsigned>((frames + 499) / 500);
   const std::uint64_t cube_bytes = 8ull * w * h * (frames / 2 + 1);
@@ -89,12 +90,16 @@ Figures Measure(const std::string& dir, const char* name, std::int32_t frames, i
   for (int i = 0; i < runs; ++i) {
     std::printf("  run %d: copy floor %.2f s, render %.2f s\n", i + 1, floor[i], render[i]);
   }
+  const double floor_min = *std::min_element(floor.begin(), floor.end());
+  const double render_min = *std::min_element(render.begin(), render.end());
   const double in_mb = ((w * h * 3.0 / 2 + 16) * frames) / 1e6;
   std::printf("%dx%d, %d frames: read %.0f MB, write %.0f MB\n", w, h, frames, in_mb,
               cube_bytes / 1e6);
   std::printf("  copy floor (read + write, sequential): %6.2f s\n", f.floor);
   std::printf("  OpenCube + RenderCube:                 %6.2f s   render / floor = %.2f\n",
               f.render, f.render / f.floor);
+  std::printf("  minima: floor %.2f s, render %.2f s, render / floor = %.2f\n", floor_min,
+              render_min, render_min / floor_min);
   return f;
 }
 
@@ -127,20 +132,25 @@ void MeasureMaps(const std::string& dir) {
 
 }  // namespace
 
-// Arguments: [runs (3)] [all | even | prime | maps].
+// Arguments: [runs (3)] [all | even | prime | small | large | maps]: even and
+// prime are 512 x 512 with 2000 and 1999 frames, small 384 x 384 x 1000,
+// large 1024 x 1024 x 2000 (3 GB in, 8.4 GB of cube; not part of "all").
 int main(int argc, char** argv) {
   const std::string dir = bench::BenchDir("render");
   const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 3;
   const std::string which = argc > 2 ? argv[2] : "all";
   if (which != "all") {
-    if (which == "even") Measure(dir, "even", 2000, runs);
-    if (which == "prime") Measure(dir, "prime", 1999, runs);
+    if (which == "even") Measure(dir, "even", 512, 512, 2000, runs);
+    if (which == "prime") Measure(dir, "prime", 512, 512, 1999, runs);
+    if (which == "small") Measure(dir, "small", 384, 384, 1000, runs);
+    if (which == "large") Measure(dir, "large", 1024, 1024, 2000, runs);
     if (which == "maps") MeasureMaps(dir);
     bench::RemoveDir(dir);
     return 0;
   }
-  const Figures even = Measure(dir, "even", 2000, runs);
-  const Figures prime = Measure(dir, "prime", 1999, runs);
+  Measure(dir, "small", 384, 384, 1000, runs);
+  const Figures even = Measure(dir, "even", 512, 512, 2000, runs);
+  const Figures prime = Measure(dir, "prime", 512, 512, 1999, runs);
   std::printf("prime-length render / 2000-frame render = %.2f\n", prime.render / even.render);
   MeasureMaps(dir);
   bench::RemoveDir(dir);

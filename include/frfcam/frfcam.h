@@ -46,23 +46,35 @@
  * at least four digits. Each cube file holds whole bin planes (W x H complex
  * float pairs, real first, little-endian) and stays below 2 GiB.
  *
- * Frame data and cube files are read through memory mappings: they must not
- * be truncated by another process while an object reads them (the system
- * would stop the process). A render writes new cube files in place of old
- * ones rather than truncating them, so objects reading an older cube are
- * safe from renders of this library.
+ * Beside them lies the cube's completion record, DIR/NAME/NAME.fft (64 bytes).
+ * A render replaces it with one marked incomplete before it touches any cube
+ * file, counts the pixel rows written after every block, and marks it
+ * complete only after the last block is written. ReadFRFMap reads only what
+ * the record says is complete; a cube without a record (written by another
+ * program) is read as it stands. DeleteCube removes the record with the cube.
+ *
+ * Only regular files are opened, and no open ever waits: a FIFO or a device
+ * where a header, frame data, cube file or record should be counts as
+ * unreadable. Files are read with positioned reads into the object's own
+ * memory, so a file that another process truncates or replaces gives short
+ * reads, never a signal. Writes that would pass the process's file-size
+ * limit fail with a result code instead of raising the signal for it; the
+ * host's signal mask and handlers are never changed.
  *
  * ----------------------------------------------------------------------------
  * Threads
  * ----------------------------------------------------------------------------
  *
- * Every call is synchronous: it returns only when its work is done, and all
- * callbacks run on the calling thread. Inside RenderCube (and
+ * Every call is synchronous: it returns only when its work is done. The
+ * library starts no threads of its own. All file reading and writing and
+ * every callback happen on the calling thread. Inside RenderCube (and
  * ComputeStability) computation is spread over the cores on a shared worker
- * pool, and RenderCube moves data to and from the disk on two helper threads
- * that end before it returns. Calls on different objects may run concurrently.
- * Calls on one object must not overlap, with one exception: CancelRenderCube
- * may be called from any thread while RenderCube runs.
+ * pool (oneTBB's): while the pool transforms one block of pixels, the calling
+ * thread writes the previous block and reads the next, and RenderCube
+ * returns only after the pool has finished every task it was given. Calls on
+ * different objects may run concurrently. Calls on one object must not
+ * overlap, with one exception: CancelRenderCube may be called from any
+ * thread while RenderCube runs.
  *
  * ----------------------------------------------------------------------------
  * Units and strings
@@ -137,9 +149,10 @@ extern "C" {
 typedef struct FrfMapCalcs FrfMapCalcs;
 
 /*
- * Progress of RenderCube: the whole percentage (0..100) of pixels rendered so
- * far. Called on the thread that called RenderCube, each value at most once
- * per render, in increasing order, ending with 100 when the render completes.
+ * Progress of RenderCube: the whole percentage (1..100) of pixels transformed
+ * so far. Called on the thread that called RenderCube, only with values above
+ * the last one reported (which starts at 0, so 0 is never reported), ending
+ * with 100 when the render completes.
  */
 typedef void (*ProgressCallback)(int percent);
 
@@ -182,14 +195,18 @@ FRFCAM_API void SetFrfMapCalcsName(FrfMapCalcs* calcs, const char* name);
 
 /* Results of OpenCube. */
 #define FRFCAM_OPEN_OK 0
-/* The transform of the capture's frame count could not be prepared. */
+/* The transform of the capture's frame count could not be prepared, or its
+ * working memory is more than the machine has available. */
 #define FRFCAM_OPEN_NO_TRANSFORM 1
-/* Working memory could not be obtained. */
+/* A render, even one row at a time, needs more memory than the machine has
+ * available; or working memory could not be obtained. */
 #define FRFCAM_OPEN_NO_MEMORY (-1)
-/* The capture cannot be rendered: NULL arguments; header missing or shorter
- * than 2998 bytes; width or height 0; frame count < 1; frames per division
- * file 0 (division captures); one bin plane (width x height x 8 bytes) over
- * 2 GiB; or more than 127 cube files needed. Nothing is planned or taken. */
+/* The capture cannot be rendered: NULL arguments; header missing or not a
+ * regular file; width or height 0; frame count < 1; frames per division file
+ * 0 (division captures); one bin plane (width x height x 8 bytes) over 2 GiB;
+ * or more than 127 cube files needed. Nothing is planned or taken. A header
+ * shorter than 2998 bytes is read as far as it goes, the missing bytes as
+ * zero. */
 #define FRFCAM_OPEN_BAD_CAPTURE 2
 
 /*
@@ -198,7 +215,9 @@ FRFCAM_API void SetFrfMapCalcsName(FrfMapCalcs* calcs, const char* name);
  * F frames), plans the render blocks from the available memory and prepares
  * the transform. Reopening an object releases what the previous opening held.
  * Frame data files are not touched until RenderCube. Returns an
- * FRFCAM_OPEN_* code; only after 0 can RenderCube run.
+ * FRFCAM_OPEN_* code; only after 0 can RenderCube run. After any other code
+ * the object reads as never opened: GetCubeDims gives zeros and ReadFRFMap
+ * short reads of 0.
  */
 FRFCAM_API int OpenCube(FrfMapCalcs* calcs, const char* capturePath);
 
@@ -221,14 +240,16 @@ FRFCAM_API void CancelRenderCube(FrfMapCalcs* calcs);
 /* Results of RenderCube. */
 #define FRFCAM_RENDER_OK 0
 /* Cancelled by CancelRenderCube: blocks finished before the cancel are in the
- * cube files, the interrupted block is not written. */
+ * cube files, the interrupted block is not written, and the completion record
+ * says the cube is incomplete (with the rows of the finished blocks). */
 #define FRFCAM_RENDER_CANCELLED 1
 /* Working memory could not be obtained, or the object is not opened (no
  * OpenCube, a failed one, or one that a previous render consumed). No cube
  * file is touched in the second case. */
 #define FRFCAM_RENDER_NO_MEMORY 2
-/* A cube file could not be created or written (disk full, file size limit);
- * what was written before stays. */
+/* A cube file or the completion record could not be created or written (disk
+ * full, file-size limit); what was written before stays, and the cube reads
+ * as incomplete. */
 #define FRFCAM_RENDER_WRITE_FAILED 3
 
 /*
@@ -240,13 +261,13 @@ FRFCAM_API void CancelRenderCube(FrfMapCalcs* calcs);
  *
  * `progress` (may be NULL) is called on the calling thread with whole
  * percentages of pixels transformed, each value at most once, increasing,
- * ending with 100 when the render completes. Frames whose data cannot be read
- * (a missing or short division file) render as zero brightness.
+ * ending with 100 when every pixel is transformed. Frames whose data cannot
+ * be read (a missing or short division file, one that is not a regular file)
+ * render as zero brightness; every other frame is rendered as it is.
  *
  * Each render needs its own OpenCube before it; afterwards the object is
- * ready for ReadFRFMap. The work is spread over the cores; while it runs, two
- * helper threads move data to and from the disk. Returns an FRFCAM_RENDER_*
- * code.
+ * ready for ReadFRFMap. See "Threads" for which thread does what. Returns an
+ * FRFCAM_RENDER_* code.
  */
 FRFCAM_API int RenderCube(FrfMapCalcs* calcs, ProgressCallback progress);
 
@@ -268,24 +289,30 @@ FRFCAM_API void SetReference(FrfMapCalcs* calcs, const float* signal, int length
  * Writes the FRF map of bin `bin` into `map` (width x height bytes, owned by
  * the caller, raster order): for every pixel round(gain x |X / R|), rounded to
  * nearest with ties to even and saturated to 0..255, where X is the pixel's
- * cube value at that bin and R the reference value at that bin. Without a
+ * cube value at that bin and R the reference value at that bin (any finite,
+ * non-zero R gives the right quotient, however small or large). Without a
  * reference, where R is 0, or for a bin at or past the reference's length,
  * the map is round(gain x |X|). A negative gain gives an all-zero map.
  *
  * Needs an OpenCube of the capture (a render by this object is not needed if
  * the cube files exist). Returns 0 when the map was written. When the bin's
- * plane cannot be read whole (a negative bin, a bin past the cube, a missing
- * or truncated cube file, an object not opened) it returns the number of
- * bytes that could be read, which is 0 when none could, and leaves `map`
- * untouched: compare with width x height x 8 to tell. Negative: the
- * FRFCAM_MAP_* codes.
+ * plane cannot be read whole and complete it returns the number of bytes that
+ * could be, which is 0 when none could, and leaves `map` untouched: compare
+ * with width x height x 8 to tell. So it is for a negative bin, a bin at or
+ * past the opened cube's bins, an object not opened (or after a failed
+ * OpenCube), a missing, truncated or unreadable cube file, and a cube whose
+ * completion record says it is incomplete (the count is then the bytes of
+ * the rows written so far) or that was replaced by a cube of other
+ * dimensions since OpenCube (0). Negative: the FRFCAM_MAP_* codes.
  */
 FRFCAM_API int ReadFRFMap(FrfMapCalcs* calcs, int bin, float gain, unsigned char* map);
 
 /*
  * Deletes every regular file whose name ends in exactly ".fft" (case
  * sensitive) in `folder` (UTF-8) and all folders below it, whichever capture
- * it belongs to; division files, ".cap" files and headers stay. A missing or
+ * it belongs to: cube files and their completion records. Division files,
+ * ".cap" files and headers stay, and so do FIFOs, devices and symbolic links
+ * (no link is followed). A missing or
  * unreadable folder, or a file that cannot be removed, is skipped quietly.
  * The object is not used and may be NULL.
  */

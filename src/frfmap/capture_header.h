@@ -34,8 +34,9 @@ struct CaptureHeader {
   // Bytes per pixel as read: 1.5 for 12-bit packed, 1 otherwise.
   double bytes_per_pixel() const { return packed12() ? 1.5 : 1.0; }
 
-  // Reads up to 2998 bytes of the file; false when it cannot be opened or is
-  // shorter than a header. The header is left unchanged on failure.
+  // Reads up to 2998 bytes of the file; the bytes past a shorter file's end
+  // are zero. False when it cannot be opened (or is not a regular file; the
+  // open never blocks), when the header is left unchanged.
   bool Load(const std::string& path);
 };
 

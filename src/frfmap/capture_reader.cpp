@@ -39,17 +39,24 @@ const platform::File* CaptureReader::Division(unsigned d) {
 bool CaptureReader::ReadBlock(std::uint64_t first, std::uint32_t n, std::int32_t frames,
                               std::uint16_t* samples, std::uint8_t* records) {
   if (n == 0) return true;
+  // A run that no frame holds is a wrong request, not damaged data.
   if (first + n > header_.pixels()) return false;
   if (!header_.single_file() && header_.frames_per_division() == 0) return false;
+  bool all = true;
   std::uint8_t* record = (first == 0) ? records : nullptr;
   for (std::int32_t f = 0; f < frames; ++f) {
     std::uint16_t* row = samples + static_cast<std::size_t>(f) * n;
+    // A frame that cannot be read is zero; the frames around it still count.
     const bool ok = header_.single_file() ? ReadSingleFrame(f, first, n, row, record)
                                           : ReadDivisionFrame(f, first, n, row, record);
-    if (!ok) return false;
+    if (!ok) {
+      std::fill(row, row + n, std::uint16_t{0});
+      if (record != nullptr) std::fill(record, record + format::kFrameRecordSize, std::uint8_t{0});
+      all = false;
+    }
     if (record != nullptr) record += format::kFrameRecordSize;
   }
-  return true;
+  return all;
 }
 
 bool CaptureReader::ReadDivisionFrame(std::int32_t f, std::uint64_t first, std::uint32_t n,

@@ -35,8 +35,9 @@ class CaptureReader {
   // first .. first + n - 1 of frame f) and, when first == 0 and `records` is
   // not null, `records` with each frame's 16-byte record. False on any
   // failure: a data file that cannot be opened, a short read, a frame beyond
-  // the single file's end, an empty ".cap" slot, a run past the frame. Rows
-  // already filled keep their values.
+  // the single file's end, an empty ".cap" slot. The frames that fail are
+  // zero (samples and record); every other frame is read whatever fails
+  // around it. A run past the frame is refused with nothing written.
   bool ReadBlock(std::uint64_t first, std::uint32_t n, std::int32_t frames, std::uint16_t* samples,
                  std::uint8_t* records);
 

@@ -74,7 +74,9 @@ std::size_t DeleteCubeFiles(const std::string& folder) {
   while (!ec && it != end) {
     const fs::directory_entry& entry = *it;
     std::error_code entry_ec;
-    if (entry.path().extension() == ".fft" && !entry.is_directory(entry_ec)) {
+    // Regular files only: no FIFO, device or folder, and a symbolic link is
+    // neither followed nor removed.
+    if (entry.path().extension() == ".fft" && platform::IsRegularFile(entry.path().string())) {
       if (fs::remove(entry.path(), entry_ec)) ++removed;
     }
     it.increment(ec);

@@ -57,8 +57,10 @@ class CubeFileSet {
 bool CubeIsComplete(const std::string& header_path);
 
 // Removes every regular file whose extension is exactly ".fft" anywhere below
-// `folder`. Errors (a missing folder, an entry that cannot be removed) are
-// skipped; returns the number of files removed.
+// `folder` (cube files and their completion records); FIFOs, devices,
+// folders and symbolic links are left alone. Errors (a missing folder, an
+// entry that cannot be removed) are skipped; returns the number of files
+// removed.
 std::size_t DeleteCubeFiles(const std::string& folder);
 
 }  // namespace frfcam::frfmap

@@ -16,11 +16,16 @@ void FrfMapCalcs::ReleaseOpening() {
   kernel_.Release();
 }
 
-int FrfMapCalcs::OpenCube(const std::string& header_path) {
-  ReleaseOpening();
+void FrfMapCalcs::ForgetCube() {
   width_ = height_ = bins_ = 0;
   total_pixels_ = block_pixels_ = sub_block_pixels_ = 0;
-  cubes_.Reset(header_path, CubeLayout{});
+  read_generation_ = 0;
+  cubes_.Reset(std::string(), CubeLayout{});
+}
+
+int FrfMapCalcs::OpenCube(const std::string& header_path) {
+  ReleaseOpening();
+  ForgetCube();
 
   // Refuse what cannot be rendered before anything is planned or taken.
   if (!reader_.Open(header_path)) return kOpenBadCapture;
@@ -32,18 +37,23 @@ int FrfMapCalcs::OpenCube(const std::string& header_path) {
   const CubeLayout layout = CubeLayout::For(h.pixels(), bins);
   if (layout.bins_per_file == 0 || layout.FileCount() > kMaxFileNumber) return kOpenBadCapture;
 
+  // What a render of one row at a time and the transform need must be there
+  // now; asking for more would only fail later, or slowly.
+  const std::uint64_t available = platform::AvailablePhysicalMemory();
+  if (available != 0) {
+    if (MinimumRenderBytes(h.width(), frames) > available) return kOpenNoMemory;
+    if (SpectrumKernel::WorkingBytes(frames) > available) return kOpenNoTransform;
+  }
+  if (!kernel_.Prepare(frames)) return kOpenNoTransform;
+
   width_ = h.width();
   height_ = h.height();
   bins_ = bins;
   total_pixels_ = static_cast<std::uint32_t>(h.pixels());
   header_value_ = static_cast<float>(h.float_field());
   cubes_.Reset(header_path, layout);
-
-  const std::uint64_t available = platform::AvailablePhysicalMemory();
   block_pixels_ = PlanBlockPixels(width_, height_, frames, available);
   sub_block_pixels_ = SubBlockPixels(frames, available);
-
-  if (!kernel_.Prepare(frames)) return kOpenNoTransform;
   opened_ = true;
   return kOpenOk;
 }

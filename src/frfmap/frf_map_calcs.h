@@ -62,6 +62,8 @@ class FrfMapCalcs {
 
  private:
   void ReleaseOpening();
+  // Back to the unopened state: no dimensions, no cube.
+  void ForgetCube();
 
   std::string name_;
   CaptureReader reader_;

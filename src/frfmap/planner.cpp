@@ -35,6 +35,13 @@ std::uint32_t PlanBlockPixels(std::uint32_t width, std::uint32_t height, std::in
   return std::clamp(block, width, pixels);
 }
 
+std::uint64_t MinimumRenderBytes(std::uint32_t width, std::int32_t frames) {
+  if (frames < 1) return 0;
+  const std::uint64_t f = static_cast<std::uint64_t>(frames);
+  const std::uint64_t bins = f / 2 + 1;
+  return 2 * width * (2 * f + 8 * bins) + 16 * f;
+}
+
 std::uint32_t SubBlockPixels(std::int32_t frames, std::uint64_t available) {
   if (frames < 1) return 1;
   const std::uint64_t budget =

@@ -14,6 +14,11 @@ namespace frfcam::frfmap {
 std::uint32_t PlanBlockPixels(std::uint32_t width, std::uint32_t height, std::int32_t frames,
                               std::uint64_t available);
 
+// Bytes a render needs at the least: blocks of one row of `width` pixels
+// (two of raw samples and two of spectra, so reading, transforming and
+// writing overlap) and the frame records.
+std::uint64_t MinimumRenderBytes(std::uint32_t width, std::int32_t frames);
+
 // Pixels per sub-block of a block's transform: 14 bytes per frame plus 4 per
 // pixel against a quarter of that power of two (at most 2 GiB), at most
 // 65536 and at least 1.

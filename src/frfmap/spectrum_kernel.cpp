@@ -3,6 +3,7 @@
 #include <tbb/blocked_range.h>
 #include <tbb/enumerable_thread_specific.h>
 #include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
 
 #include <algorithm>
 #include <cstring>
@@ -11,7 +12,8 @@ namespace frfcam::frfmap {
 
 namespace {
 constexpr int kSeries = SpectrumKernel::kPanelPixels / 2;
-}
+constexpr std::int32_t kMeasuredFrames = 65536;
+}  // namespace
 
 // One panel buffer per worker thread, taken once per render: touching fresh
 // memory for every panel would cost more than the transform.
@@ -23,6 +25,13 @@ struct SpectrumKernel::Workspaces {
 
 SpectrumKernel::SpectrumKernel() = default;
 SpectrumKernel::~SpectrumKernel() = default;
+
+std::uint64_t SpectrumKernel::WorkingBytes(std::int32_t frames) {
+  if (frames < 1) return 0;
+  const std::uint64_t panel = static_cast<std::uint64_t>(frames) * kSeries * sizeof(fftwf_complex);
+  const auto threads = static_cast<std::uint64_t>(tbb::this_task_arena::max_concurrency());
+  return panel * (threads + 1) + 4 * static_cast<std::uint64_t>(frames) * sizeof(fftwf_complex);
+}
 
 bool SpectrumKernel::Prepare(std::int32_t frames) {
   Release();
@@ -39,9 +48,11 @@ bool SpectrumKernel::Prepare(std::int32_t frames) {
   {
     std::lock_guard<std::mutex> lock(FftPlannerMutex());
     fftwf_set_timelimit(1.0);
+    // Measuring long transforms takes seconds and touches all the scratch;
+    // for them the estimate is near enough.
+    const unsigned flags = frames > kMeasuredFrames ? FFTW_ESTIMATE : FFTW_MEASURE;
     plan_ = FftPlan(fftwf_plan_many_dft(1, &n, kSeries, scratch.get(), nullptr, kSeries, 1,
-                                        scratch.get(), nullptr, kSeries, 1, FFTW_FORWARD,
-                                        FFTW_MEASURE));
+                                        scratch.get(), nullptr, kSeries, 1, FFTW_FORWARD, flags));
   }
   if (!plan_) return false;
   frames_ = frames;

@@ -19,6 +19,10 @@ class SpectrumKernel {
   SpectrumKernel(const SpectrumKernel&) = delete;
   SpectrumKernel& operator=(const SpectrumKernel&) = delete;
 
+  // Bytes a render's transforms of `frames` samples need: one panel's series
+  // per worker thread and one for planning, and the plan's own tables.
+  static std::uint64_t WorkingBytes(std::int32_t frames);
+
   // Plans transforms of `frames` samples; false when that is impossible.
   bool Prepare(std::int32_t frames);
   bool prepared() const { return static_cast<bool>(plan_); }

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <vector>
 
@@ -140,8 +141,11 @@ TEST(CaptureReader, DamagedDataGivesAFailedRead) {
   const std::string last = DataFilePath(header, DataFile::kDivision, 3);
   std::filesystem::resize_file(last, std::filesystem::file_size(last) - 5);
   ASSERT_TRUE(reader.Open(header));
-  EXPECT_FALSE(reader.ReadBlock(0, 32, 10, samples.data(), nullptr));
+  std::vector<std::uint16_t> whole(10 * 32);
+  EXPECT_FALSE(reader.ReadBlock(0, 32, 10, whole.data(), nullptr));
   EXPECT_TRUE(reader.ReadBlock(0, 32, 8, samples.data(), nullptr)) << "earlier frames still read";
+  EXPECT_TRUE(std::equal(samples.begin(), samples.begin() + 8 * 32, whole.begin()));
+  EXPECT_EQ(std::count(whole.begin() + 9 * 32, whole.end(), 0), 32) << "the cut frame is zero";
 
   std::filesystem::remove(DataFilePath(header, DataFile::kDivision, 2));
   ASSERT_TRUE(reader.Open(header));

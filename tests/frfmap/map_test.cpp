@@ -107,6 +107,27 @@ TEST(ReadFRFMap, DividesByTheReferenceAtThatBin) {
   EXPECT_EQ(o.Map(2, 1.0f)[3], 10);
 }
 
+TEST(ReadFRFMap, TinyAndHugeReferenceValuesGiveTheRightQuotient) {
+  ScratchDir dir;
+  const Plane plane = {{1e-19f, 0}, {0, 3e-19f}, {0, 0}, {1e-10f, 0},
+                       {2e30f, 0},  {0, 5e30f},  {1, 0}, {6e-20f, 8e-20f}};
+  Opened o(WriteCube(dir, {plane, plane, plane}));
+  // A constant signal: bin 0 of the reference is the constant.
+  const float tiny[4] = {5e-20f, 5e-20f, 5e-20f, 5e-20f};
+  SetReference(o.calcs, tiny, 4);
+  EXPECT_EQ(o.Map(0, 1.0f), (std::vector<unsigned char>{2, 6, 0, 255, 255, 255, 255, 2}));
+  const float huge[4] = {1e30f, 1e30f, 1e30f, 1e30f};
+  SetReference(o.calcs, huge, 4);
+  EXPECT_EQ(o.Map(0, 1.0f), (std::vector<unsigned char>{0, 0, 0, 0, 2, 5, 0, 0}));
+  const float denormal[4] = {1e-40f, 1e-40f, 1e-40f, 1e-40f};
+  SetReference(o.calcs, denormal, 4);
+  EXPECT_EQ(o.Map(0, 1e-21f), (std::vector<unsigned char>{1, 3, 0, 255, 255, 255, 255, 1}));
+  const float smallest[4] = {1e-45f, 1e-45f, 1e-45f, 1e-45f};
+  SetReference(o.calcs, smallest, 4);
+  EXPECT_EQ(o.Map(0, 1.0f), (std::vector<unsigned char>{255, 255, 0, 255, 255, 255, 255, 255}));
+  EXPECT_EQ(o.Map(0, -1.0f), std::vector<unsigned char>(8, 0));
+}
+
 TEST(ReadFRFMap, UnreadablePlanesLeaveTheMapUntouched) {
   ScratchDir dir;
   const Plane plane(kW * kH, {1, 0});
