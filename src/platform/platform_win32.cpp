@@ -11,6 +11,9 @@
 #include <cstdio>
 #include <limits>
 
+// windows.h names a function of its own ReplaceFile (a macro); ours is meant.
+#undef ReplaceFile
+
 #include "platform/platform.h"
 #include "platform/win32.h"
 
