@@ -71,6 +71,9 @@ namespace frfcam::platform {
 // followed. Never blocks, never throws. On Windows (ANSI path) a reparse
 // point counts as a symbolic link.
 bool IsRegularFile(const std::string& path);
+// The same for a path as the file system gives it (a directory walk), which
+// needs no conversion: wide on Windows.
+bool IsRegularFile(const std::filesystem::path& path);
 
 // Renames `from` to `to` (both UTF-8, in one folder), replacing an existing
 // `to` in one step: others see the old file or the new one, never neither.

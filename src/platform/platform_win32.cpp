@@ -91,7 +91,11 @@ File& File::operator=(File&& other) noexcept {
 }
 
 bool IsRegularFile(const std::string& path) {
-  const DWORD attributes = GetFileAttributesW(WideFromAnsi(path).c_str());
+  return IsRegularFile(std::filesystem::path(WideFromAnsi(path)));
+}
+
+bool IsRegularFile(const std::filesystem::path& path) {
+  const DWORD attributes = GetFileAttributesW(path.c_str());
   return attributes != INVALID_FILE_ATTRIBUTES &&
          (attributes &
           (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DEVICE)) == 0;

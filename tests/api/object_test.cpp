@@ -28,7 +28,7 @@ std::u16string TakeName(FrfMapCalcs* calcs) {
 }
 
 TEST(ObjectExports, NameRoundTripsAsUtf16) {
-  FRFCAM_SKIP_ON_WINDOWS("UTF-8 names (Windows names are in the ANSI code page)");
+  FRFCAM_SKIP_ON_WINDOWS("names there are in the ANSI code page, not UTF-8");
   FrfMapCalcs* calcs = CreateFrfMapCalcs("bridge \xC3\xA9\xE2\x82\xAC\xF0\x9F\x8E\xB5");
   ASSERT_NE(calcs, nullptr);
   EXPECT_EQ(TakeName(calcs), u"bridge \u00E9\u20AC\U0001F3B5");
@@ -40,7 +40,7 @@ TEST(ObjectExports, NameRoundTripsAsUtf16) {
 }
 
 TEST(ObjectExports, InvalidUtf8BecomesReplacementCharacters) {
-  FRFCAM_SKIP_ON_WINDOWS("UTF-8 names (Windows names are in the ANSI code page)");
+  FRFCAM_SKIP_ON_WINDOWS("names there are in the ANSI code page, not UTF-8");
   // A lone continuation byte, a truncated sequence, an overlong slash and an
   // encoded surrogate: each offending byte gives one U+FFFD.
   FrfMapCalcs* calcs = CreateFrfMapCalcs(

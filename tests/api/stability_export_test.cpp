@@ -150,7 +150,7 @@ std::vector<double> Numbers(const Words& words) {
 }
 
 TEST(StabilityExport, ReplacesTheFileWithTheWholeRecord) {
-  FRFCAM_SKIP_ON_WINDOWS("the Python protobuf reader");
+  FRFCAM_SKIP_ON_WINDOWS("a Python subprocess reads the record");
   if (!frfcam::test::HaveSystemPython("google.protobuf")) GTEST_SKIP() << "no python3-protobuf";
   ScratchDir dir;
   const Inputs in = KnownSystem(dir.file("record.pb"));
@@ -194,7 +194,7 @@ TEST(StabilityExport, ReplacesTheFileWithTheWholeRecord) {
 }
 
 TEST(StabilityExport, WithoutStablePolesTheModalFieldsStayAbsent) {
-  FRFCAM_SKIP_ON_WINDOWS("the Python protobuf reader");
+  FRFCAM_SKIP_ON_WINDOWS("a Python subprocess reads the record");
   if (!frfcam::test::HaveSystemPython("google.protobuf")) GTEST_SKIP() << "no python3-protobuf";
   ScratchDir dir;
   Inputs in = KnownSystem(dir.file("record.pb"));

@@ -227,7 +227,7 @@ TEST(RenderCube, TheFileSizeLimitGivesThreeNotASignal) {
   if (const char* header = std::getenv("FRFCAM_WRITE_LIMIT_CHILD")) {
     std::_Exit(OpenAndRender(header, nullptr));
   }
-  FRFCAM_SKIP_ON_WINDOWS("RLIMIT_FSIZE through a POSIX shell");
+  FRFCAM_SKIP_ON_WINDOWS("RLIMIT_FSIZE through a POSIX shell is Linux-only");
   ScratchDir dir;
   const Capture c = Make(dir, 64, 64, 40, 1, 40);  // a 688 KiB cube
   const std::string self = fs::read_symlink("/proc/self/exe").string();
@@ -515,7 +515,7 @@ TEST(CubeRecord, ReadersOfACubeBeingRenderedSeeWholeMapsOrShortReads) {
 }
 
 TEST(HostileFiles, FifosAreRefusedAndNeverWaitedFor) {
-  FRFCAM_SKIP_ON_WINDOWS("FIFOs and a child process with a time limit");
+  FRFCAM_SKIP_ON_WINDOWS("FIFOs and timed child processes are Linux-only");
 #if !defined(_WIN32)
   if (!InChild()) return;
   ScratchDir dir;
@@ -567,7 +567,8 @@ TEST(HostileFiles, FifosAreRefusedAndNeverWaitedFor) {
 }
 
 TEST(HostileFiles, ACubeFileCutShortBetweenReadsIsAShortRead) {
-  FRFCAM_SKIP_ON_WINDOWS("cutting a file another object holds open (Windows refuses it)");
+  FRFCAM_SKIP_ON_WINDOWS(
+      "removing or cutting a file another object holds open (Windows refuses it)");
   if (!InChild()) return;
   ScratchDir dir;
   const Capture c = Make(dir, 16, 8, 40, 1, 50);

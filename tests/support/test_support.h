@@ -15,7 +15,7 @@ inline constexpr bool kWindows = true;
 inline constexpr bool kWindows = false;
 #endif
 #define FRFCAM_SKIP_ON_WINDOWS(why) \
-  if (::frfcam::test::kWindows) GTEST_SKIP() << "needs " why ", which the Windows build lacks"
+  if (::frfcam::test::kWindows) GTEST_SKIP() << "not on Windows: " why
 
 // A fresh folder below the system temporary folder, removed with its content
 // when the object goes away.

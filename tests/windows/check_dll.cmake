@@ -26,10 +26,12 @@ dump(${DLL} dll_text)
 # The export table: "[ordinal] Name" rows after "[Ordinal/Name Pointer] Table".
 string(REGEX MATCH "\\[Ordinal/Name Pointer\\] Table[^\n]*\n(([ \t]+\\[[ 0-9]+\\] [^\n]+\n)+)" table
        "${dll_text}")
-string(REGEX MATCHALL "\\] [A-Za-z_][A-Za-z0-9_]*" rows "${CMAKE_MATCH_1}")
+# Brackets go first: CMake lists do not split inside them.
+string(REGEX REPLACE "[][]" "" table "${CMAKE_MATCH_1}")
+string(REGEX MATCHALL "[0-9]+ [A-Za-z_][A-Za-z0-9_]*" rows "${table}")
 set(actual "")
 foreach(row IN LISTS rows)
-  string(REGEX REPLACE "^\\] " "" name "${row}")
+  string(REGEX REPLACE "^[0-9]+ " "" name "${row}")
   list(APPEND actual ${name})
 endforeach()
 list(SORT actual)
