@@ -3,8 +3,10 @@ JOBS ?= $(shell nproc)
 BUILD ?= build
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
+WIN_BUILD ?= build-win64
 
-.PHONY: all deps build build-asan build-tsan demo test test-release test-asan test-tsan bench format clean wheel
+.PHONY: all deps build build-asan build-tsan demo test test-release test-asan test-tsan bench format clean \
+	wheel deps-windows windows test-windows
 
 all: build
 
@@ -45,6 +47,25 @@ test: test-release test-asan test-tsan
 wheel: build
 	FRFCAM_BUILD_DIR=$(abspath $(BUILD)) /usr/bin/python3 -m build --wheel --no-isolation --outdir dist python
 
+# Windows x64: frfcam.dll, frfcam.lib, frfcam.exe and dist/frfcam-VERSION-win64.zip,
+# cross-built with mingw-w64 against libraries built from Debian's sources
+# (cached outside the tree by scripts/build-win64-deps).
+deps-windows:
+	@bash scripts/install-deps windows
+	@bash scripts/build-win64-deps >/dev/null
+
+windows: deps-windows
+	cmake -S . -B $(WIN_BUILD) -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake \
+	  -DFRFCAM_WIN64_PREFIX="$$(bash scripts/build-win64-deps --print-prefix)" \
+	  -DCMAKE_BUILD_TYPE=Release -DFRFCAM_LINUX_BUILD=$(abspath $(BUILD))
+	cmake --build $(WIN_BUILD) -j $(JOBS)
+	cmake --build $(WIN_BUILD) --target package-win64
+
+# The Windows tests under Wine, and the C host program compared with the
+# Linux library (hence the Linux build).
+test-windows: windows build
+	bash tests/windows/run-tests $(WIN_BUILD)
+
 bench: build
 	bash scripts/bench $(BUILD)
 
@@ -52,4 +73,4 @@ format:
 	find include src tools tests bench -name '*.h' -o -name '*.cpp' -o -name '*.c' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) demo-out dist python/build python/*.egg-info
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(WIN_BUILD) demo-out dist python/build python/*.egg-info

@@ -83,15 +83,13 @@ void RunRender(const std::string& header) {
   GetCubeDims(calcs.c, &w, &h, &bins);
   g_tty = ::isatty(2) != 0;
   g_rendering.store(calcs.c);
-  struct sigaction sa = {};
-  sa.sa_handler = OnInterrupt;
-  struct sigaction previous = {};
-  sigaction(SIGINT, &sa, &previous);
+  // std::signal rather than sigaction, which Windows lacks.
+  const auto previous = std::signal(SIGINT, OnInterrupt);
   const auto start = std::chrono::steady_clock::now();
   const int result = RenderCube(calcs.c, ShowProgress);
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  sigaction(SIGINT, &previous, nullptr);
+  std::signal(SIGINT, previous == SIG_ERR ? SIG_DFL : previous);
   g_rendering.store(nullptr);
   if (g_tty) std::fputc('\n', stderr);
 

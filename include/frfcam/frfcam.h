@@ -91,6 +91,32 @@
  * malloc(); the caller frees it with free().
  *
  * ----------------------------------------------------------------------------
+ * Windows (frfcam.dll)
+ * ----------------------------------------------------------------------------
+ *
+ * The same twelve functions, under their plain names (frfcam.def), with the
+ * x64 calling convention. Where Windows differs from Linux:
+ *
+ * - Strings passed in (names, paths, folders) are 8-bit strings in the
+ *   process's ANSI code page (GetACP()), not UTF-8. Paths are converted with
+ *   MultiByteToWideChar(CP_ACP) and opened through the wide-character API.
+ * - GetFrfMapCalcsName returns a BSTR made with SysAllocString from the name
+ *   converted from the ANSI code page; the caller frees it with
+ *   SysFreeString (<oleauto.h>, OLEAUT32.dll). SysStringLen gives its length.
+ * - Paths may use '\' or '/' and may start with a drive letter ("D:"). The
+ *   data folder of DIR\NAME.EXT is DIR\NAME\ (joined with '\').
+ * - Frame data, header and cube files are opened denying other writers: while
+ *   an object reads them, no program can write to or truncate them (its open
+ *   fails with a sharing violation). In the same way a render cannot replace
+ *   cube files that another object or program holds open: it returns
+ *   FRFCAM_RENDER_WRITE_FAILED and leaves those files as they were, but the
+ *   cube counts as incomplete until a later render completes.
+ * - DeleteCube cannot remove a cube file that is open anywhere (Windows keeps
+ *   open files); such files are left in place. It matches ".fft" exactly, as
+ *   on Linux, so "X.FFT" is kept although Windows names ignore case.
+ * - Available memory for the render plan comes from GlobalMemoryStatusEx.
+ *
+ * ----------------------------------------------------------------------------
  * Result codes
  * ----------------------------------------------------------------------------
  *
@@ -109,6 +135,7 @@ extern "C" {
 #endif
 
 #if defined(_WIN32)
+#include <wtypes.h> /* BSTR */
 #if defined(FRFCAM_BUILDING_LIBRARY)
 #define FRFCAM_API __declspec(dllexport)
 #else
@@ -149,9 +176,14 @@ FRFCAM_API void DeleteFrfMapCalcs(FrfMapCalcs* calcs);
  * with malloc(); the caller frees it with free(). An empty name gives an
  * empty string (never NULL for a valid object). Byte sequences of the name
  * that are not valid UTF-8 become U+FFFD. Returns NULL when `calcs` is NULL or
- * memory is exhausted.
+ * memory is exhausted. On Windows: a BSTR from SysAllocString of the name
+ * converted from the ANSI code page, freed with SysFreeString.
  */
+#if defined(_WIN32)
+FRFCAM_API BSTR GetFrfMapCalcsName(FrfMapCalcs* calcs);
+#else
 FRFCAM_API char16_t* GetFrfMapCalcsName(FrfMapCalcs* calcs);
+#endif
 
 /*
  * Replaces the object's name with a copy of `name` (UTF-8; NULL is taken as

@@ -19,13 +19,11 @@ FRFCAM_API FrfMapCalcs* CreateFrfMapCalcs(const char* name) {
 
 FRFCAM_API void DeleteFrfMapCalcs(FrfMapCalcs* calcs) { delete calcs; }
 
-FRFCAM_API char16_t* GetFrfMapCalcsName(FrfMapCalcs* calcs) {
+FRFCAM_API frfcam::platform::HostString GetFrfMapCalcsName(FrfMapCalcs* calcs) {
+  using frfcam::platform::HostString;
   if (calcs == nullptr) return nullptr;
-  return Guard(
-      [&] {
-        return frfcam::platform::MallocCopy(frfcam::platform::Utf8ToUtf16(calcs->calcs.name()));
-      },
-      static_cast<char16_t*>(nullptr), static_cast<char16_t*>(nullptr));
+  return Guard([&] { return frfcam::platform::NewHostString(calcs->calcs.name()); },
+               static_cast<HostString>(nullptr), static_cast<HostString>(nullptr));
 }
 
 FRFCAM_API void SetFrfMapCalcsName(FrfMapCalcs* calcs, const char* name) {

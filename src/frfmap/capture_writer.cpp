@@ -145,7 +145,8 @@ bool IsNumberedFile(const std::string& file, const std::string& stem, const std:
 bool RemoveStaleData(const std::string& folder, const std::string& stem, std::string* error) {
   std::error_code ec;
   std::vector<fs::path> stale;
-  for (fs::directory_iterator it(fs::path(folder), ec), end; !ec && it != end; it.increment(ec)) {
+  for (fs::directory_iterator it(platform::PathFromUtf8(folder), ec), end; !ec && it != end;
+       it.increment(ec)) {
     if (!it->is_regular_file(ec)) continue;
     const std::string name = it->path().filename().string();
     if (name == stem + ".cap" || IsNumberedFile(name, stem, ".div") ||
@@ -325,13 +326,13 @@ bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
     return Fail(error, "the header path " + header_path + " needs an extension (e.g. NAME.hdr)");
   }
   std::error_code ec;
-  fs::create_directories(fs::path(folder), ec);
+  fs::create_directories(platform::PathFromUtf8(folder), ec);
   if (ec) return Fail(error, "cannot create folder " + folder + ": " + ec.message());
   if (!RemoveStaleData(folder, platform::SplitPath(header_path).fname, error)) return false;
 
   // The header goes last and an old one goes first: an interrupted write
   // leaves no header that promises data which is not there.
-  fs::remove(fs::path(header_path), ec);
+  fs::remove(platform::PathFromUtf8(header_path), ec);
   const bool ok = desc.single_file ? WriteSingleFile(header_path, desc, source, error)
                                    : WriteDivisions(header_path, desc, source, error);
   if (!ok) return false;

@@ -76,7 +76,7 @@ std::size_t DeleteCubeFiles(const std::string& folder) {
     std::error_code entry_ec;
     // Regular files only: no FIFO, device or folder, and a symbolic link is
     // neither followed nor removed.
-    if (entry.path().extension() == ".fft" && platform::IsRegularFile(entry.path().string())) {
+    if (entry.path().extension() == ".fft" && platform::IsRegularFile(entry.path())) {
       if (fs::remove(entry.path(), entry_ec)) ++removed;
     }
     it.increment(ec);

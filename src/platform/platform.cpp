@@ -1,9 +1,11 @@
 #include "platform/platform.h"
 
+#if !defined(_WIN32)
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#endif
 
 #include <algorithm>
 #include <cctype>
@@ -17,7 +19,7 @@ namespace frfcam::platform {
 
 namespace {
 
-std::string ReadSmallFile(const char* path) {
+[[maybe_unused]] std::string ReadSmallFile(const char* path) {
   std::ifstream in(path);
   if (!in) return {};
   std::ostringstream ss;
@@ -65,6 +67,8 @@ std::uint64_t CgroupHeadroom(const std::string& limit, const std::string& usage)
   return l > u ? l - u : 0;
 }
 
+// The Windows versions of what follows are in platform_win32.cpp.
+#if !defined(_WIN32)
 std::uint64_t AvailablePhysicalMemory() {
   std::uint64_t avail = ParseMemAvailable(ReadSmallFile("/proc/meminfo"));
   // cgroup v2, then v1. A v1 "no limit" is a huge number, which the min keeps harmless.
@@ -94,6 +98,7 @@ bool FileSize(const std::string& path, std::uint64_t* size) {
   *size = static_cast<std::uint64_t>(st.st_size);
   return true;
 }
+#endif  // !_WIN32
 
 PathParts SplitPath(const std::string& path) {
   PathParts parts;
@@ -124,12 +129,18 @@ PathParts SplitPath(const std::string& path) {
   return parts;
 }
 
+#if !defined(_WIN32)
 std::filesystem::path PathFromUtf8(const std::string& path) {
   // Narrow paths are UTF-8 here; on Windows this would go through u8string.
   return std::filesystem::path(path);
 }
 
 bool IsRegularFile(const std::string& path) {
+  struct stat st;
+  return ::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+bool IsRegularFile(const std::filesystem::path& path) {
   struct stat st;
   return ::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
@@ -218,5 +229,7 @@ std::size_t File::WriteAt(std::uint64_t offset, const void* data, std::size_t si
   }
   return done;
 }
+
+#endif  // !_WIN32
 
 }  // namespace frfcam::platform

@@ -68,14 +68,18 @@ namespace frfcam::platform {
 
 // True when `path` (UTF-8) names a regular file itself: a symbolic link, a
 // folder, a FIFO or a device is not one, and a final symbolic link is not
-// followed. Never blocks, never throws.
+// followed. Never blocks, never throws. On Windows (ANSI path) a reparse
+// point counts as a symbolic link.
 bool IsRegularFile(const std::string& path);
+// The same for a path as the file system gives it (a directory walk), which
+// needs no conversion: wide on Windows.
+bool IsRegularFile(const std::filesystem::path& path);
 
 // Renames `from` to `to` (both UTF-8, in one folder), replacing an existing
 // `to` in one step: others see the old file or the new one, never neither.
 // `from` may be held open by a File of this process, which then goes on
 // writing the file under its new name. False on failure, when `from` is left
-// as it was.
+// as it was. On Windows it fails while anyone holds `to` open.
 bool ReplaceFile(const std::string& from, const std::string& to);
 
 // A regular file opened for positioned reads or writes: no shared file
@@ -85,6 +89,11 @@ bool ReplaceFile(const std::string& from, const std::string& to);
 // Opening never blocks, whatever the path names: anything that is not a
 // regular file (a FIFO, a device, a folder) is refused. A file that another
 // process shortens while it is open gives short reads, never a signal.
+//
+// On Windows (ANSI paths, opened with CreateFileW) a file open for reading
+// denies writers: nobody can write, truncate, delete or rename it meanwhile,
+// and a kCreate of a file that someone holds open fails instead of replacing
+// it. Reads and writes are ReadFile/WriteFile at OVERLAPPED offsets.
 class File {
  public:
   // kRead opens an existing file for reading. kCreate makes a new, empty
@@ -120,7 +129,7 @@ class File {
   std::size_t WriteAt(std::uint64_t offset, const void* data, std::size_t size) const;
 
  private:
-  int fd_ = -1;
+  std::intptr_t fd_ = -1;  // a descriptor, or on Windows a HANDLE
 };
 
 }  // namespace frfcam::platform

@@ -5,7 +5,7 @@
 #if defined(_WIN32)
 #include <windows.h>
 
-#include "platform/utf.h"
+#include "platform/win32.h"
 #else
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -19,10 +19,10 @@ namespace frfcam::platform {
 #if defined(_WIN32)
 
 bool WriteWholeFile(const std::string& path, const void* data, std::size_t size) {
-  const std::u16string wide = Utf8ToUtf16(path);
-  HANDLE file = ::CreateFileW(reinterpret_cast<const wchar_t*>(wide.c_str()), GENERIC_WRITE,
-                              FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
-                              FILE_ATTRIBUTE_NORMAL, nullptr);
+  // Paths arrive in the ANSI code page, as everywhere on Windows.
+  const std::wstring wide = WideFromAnsi(path);
+  HANDLE file = ::CreateFileW(wide.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                              nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (file == INVALID_HANDLE_VALUE) return false;
   // Pipes and character devices are not files to keep a record in.
   bool ok = ::GetFileType(file) == FILE_TYPE_DISK && ::SetEndOfFile(file);

@@ -55,6 +55,10 @@ std::u16string Utf8ToUtf16(const std::string& text) {
   return out;
 }
 
+#if !defined(_WIN32)
+HostString NewHostString(const std::string& text) { return MallocCopy(Utf8ToUtf16(text)); }
+#endif
+
 char16_t* MallocCopy(const std::u16string& text) {
   auto* p = static_cast<char16_t*>(std::malloc((text.size() + 1) * sizeof(char16_t)));
   if (p == nullptr) return nullptr;

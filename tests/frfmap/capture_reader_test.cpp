@@ -129,6 +129,8 @@ TEST(CaptureReader, SingleFileRingThatWraps) {
 }
 
 TEST(CaptureReader, DamagedDataGivesAFailedRead) {
+  FRFCAM_SKIP_ON_WINDOWS(
+      "removing or cutting a file another object holds open (Windows refuses it)");
   ScratchDir dir;
   const CaptureSpec desc = MakeCapture(8, 4, 10, format::kPixelFormat12BitPacked, 4);
   const std::string header = Write(dir, desc);
@@ -157,6 +159,8 @@ TEST(CaptureReader, DamagedDataGivesAFailedRead) {
 }
 
 TEST(CaptureReader, TruncatedSingleFileGivesAFailedRead) {
+  FRFCAM_SKIP_ON_WINDOWS(
+      "removing or cutting a file another object holds open (Windows refuses it)");
   ScratchDir dir;
   CaptureSpec desc = MakeCapture(10, 2, 6, format::kPixelFormat12BitPacked, 500);
   desc.single_file = true;

@@ -176,6 +176,8 @@ TEST(ReadFRFMap, TinyAndHugeReferenceValuesGiveTheRightQuotient) {
 }
 
 TEST(ReadFRFMap, UnreadablePlanesLeaveTheMapUntouched) {
+  FRFCAM_SKIP_ON_WINDOWS(
+      "removing or cutting a file another object holds open (Windows refuses it)");
   ScratchDir dir;
   const Plane plane(kW * kH, {1, 0});
   const std::string header = WriteCube(dir, {plane, plane});  // bin 2 missing

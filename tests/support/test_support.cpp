@@ -1,7 +1,11 @@
 #include "support/test_support.h"
 
+#if defined(_WIN32)
+#include <process.h>
+#else
 #include <sys/wait.h>
 #include <unistd.h>
+#endif
 
 #include <atomic>
 #include <cstdio>
@@ -12,6 +16,15 @@
 namespace frfcam::test {
 
 namespace {
+
+int ProcessId() {
+#if defined(_WIN32)
+  return ::_getpid();
+#else
+  return static_cast<int>(::getpid());
+#endif
+}
+
 std::string ReadWhole(const std::filesystem::path& p) {
   std::ifstream in(p, std::ios::binary);
   std::ostringstream ss;
@@ -23,7 +36,7 @@ std::string ReadWhole(const std::filesystem::path& p) {
 ScratchDir::ScratchDir() {
   static std::atomic<int> counter{0};
   path_ = std::filesystem::temp_directory_path() /
-          ("frfcam-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
+          ("frfcam-test-" + std::to_string(ProcessId()) + "-" + std::to_string(counter++));
   std::filesystem::remove_all(path_);
   std::filesystem::create_directories(path_);
 }
@@ -40,13 +53,18 @@ CommandResult RunCommand(const std::string& command) {
   const std::string full = command + " >" + out.string() + " 2>" + err.string();
   CommandResult r;
   const int raw = std::system(full.c_str());
+#if defined(_WIN32)
+  r.status = raw;  // cmd.exe's exit code
+#else
   r.status = (raw != -1 && WIFEXITED(raw)) ? WEXITSTATUS(raw) : -1;
+#endif
   r.out = ReadWhole(out);
   r.err = ReadWhole(err);
   return r;
 }
 
 bool HaveSystemPython(const char* module) {
+  if (kWindows) return false;  // no Linux interpreter inside Wine
   const std::string cmd = std::string(FRFCAM_SYSTEM_PYTHON) + " -c 'import " + module + "'";
   return RunCommand(cmd).status == 0;
 }

@@ -6,6 +6,17 @@
 
 namespace frfcam::test {
 
+// True in the Windows build, whose tests run under Wine: cases that need
+// Linux-only tools (fork, a shell's ulimit, a Python subprocess) skip there
+// with FRFCAM_SKIP_ON_WINDOWS, saying why.
+#if defined(_WIN32)
+inline constexpr bool kWindows = true;
+#else
+inline constexpr bool kWindows = false;
+#endif
+#define FRFCAM_SKIP_ON_WINDOWS(why) \
+  if (::frfcam::test::kWindows) GTEST_SKIP() << "not on Windows: " why
+
 // A fresh folder below the system temporary folder, removed with its content
 // when the object goes away.
 class ScratchDir {
