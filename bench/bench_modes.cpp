@@ -93,11 +93,11 @@ int main(int argc, char** argv) {
         return 1;
       }
     }
-    frfmap::SceneSpec spec;
-    spec.width = size.w;
-    spec.height = size.h;
-    spec.frames = frames;
-    const frfmap::PlateScene scene(spec);
+    frfmap::SceneSpec scene_desc;
+    scene_desc.width = size.w;
+    scene_desc.height = size.h;
+    scene_desc.frames = frames;
+    const frfmap::PlateScene scene(scene_desc);
     modes::ModesOptions options;
     options.fps = 2000.0;
     const unsigned pixels = unsigned{size.w} * size.h;

@@ -120,12 +120,12 @@ FrfInput FromArrays(const formats::FrfArrays& a) {
 }
 
 // "101" or "101:+Z" / "101:3" / "101:-x".
-bool MatchesResponse(const formats::Uff58& f, const std::string& spec) {
-  const auto colon = spec.find(':');
-  const std::string node = spec.substr(0, colon);
+bool MatchesResponse(const formats::Uff58& f, const std::string& selector) {
+  const auto colon = selector.find(':');
+  const std::string node = selector.substr(0, colon);
   if (node != std::to_string(f.responseNode)) return false;
   if (colon == std::string::npos) return true;
-  const std::string dir = spec.substr(colon + 1);
+  const std::string dir = selector.substr(colon + 1);
   return Lower(dir) == Lower(formats::UffDirectionName(f.responseDirection)) ||
          Lower("+" + dir) == Lower(formats::UffDirectionName(f.responseDirection)) ||
          dir == std::to_string(f.responseDirection);

@@ -16,14 +16,14 @@
 namespace frfcam::modes::test {
 
 struct RenderedScene {
-  explicit RenderedScene(const frfmap::SceneSpec& spec, const std::string& name = "scene")
-      : scene(spec) {
+  explicit RenderedScene(const frfmap::SceneSpec& scene_desc, const std::string& name = "scene")
+      : scene(scene_desc) {
     header = dir.file(name + ".hdr");
     frfmap::CaptureSpec desc;
-    desc.width = spec.width;
-    desc.height = spec.height;
-    desc.frames = spec.frames;
-    desc.fps = spec.fps;
+    desc.width = scene_desc.width;
+    desc.height = scene_desc.height;
+    desc.frames = scene_desc.frames;
+    desc.fps = scene_desc.fps;
     desc.pixel_format = 1;  // 12-bit packed
     std::string error;
     const bool written = frfmap::WriteCapture(
