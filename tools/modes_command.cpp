@@ -37,14 +37,11 @@ extern "C" void OnModesInterrupt(int) {
   if (frfmap::FrfMapCalcs* c = g_render.load()) c->CancelRender();
 }
 
+// std::signal rather than sigaction, which Windows lacks.
 struct InterruptScope {
-  InterruptScope() {
-    struct sigaction sa = {};
-    sa.sa_handler = OnModesInterrupt;
-    sigaction(SIGINT, &sa, &previous);
-  }
-  ~InterruptScope() { sigaction(SIGINT, &previous, nullptr); }
-  struct sigaction previous = {};
+  InterruptScope() : previous(std::signal(SIGINT, OnModesInterrupt)) {}
+  ~InterruptScope() { std::signal(SIGINT, previous == SIG_ERR ? SIG_DFL : previous); }
+  void (*previous)(int);
 };
 
 struct ModesCliOptions {
