@@ -14,6 +14,11 @@ Modal analysis of measured FRFs::
     result = frfcam.compute_stability(freq_hz, frf_matrix, orders=(2, 60))
     frfcam.plot_stability(result)
 
+Full-field modes of a capture (what `frfcam modes` computes)::
+
+    result = frfcam.modes("plate.hdr", "plate_reference.txt", band=(50, 450))
+    result.frequency_hz, result.damping_ratio, result.shapes   # shapes: complex64 (modes, H, W)
+
 Universal files (dataset 58, ASCII and binary)::
 
     functions = frfcam.read_uff58("measured.uff")
@@ -23,6 +28,7 @@ Errors raise FileNotFoundError, ValueError or RuntimeError with a message.
 The package is built for Debian's interpreter (/usr/bin/python3).
 """
 from ._cube import Capture, Cube, RenderCancelled, delete_cube, spectrum_of
+from ._modes import ModesResult, modes
 from ._stability import (CLASSES, DEFAULTS, StabilityResult, compute_stability, plot_stability,
                          read_record)
 from ._uff import UffFunction, read_uff58, uff_frf_matrix, write_uff58
@@ -30,5 +36,5 @@ from ._uff import UffFunction, read_uff58, uff_frf_matrix, write_uff58
 __version__ = "0.1.0"
 
 __all__ = ["Capture", "Cube", "RenderCancelled", "delete_cube", "spectrum_of", "CLASSES", "DEFAULTS",
-           "StabilityResult", "compute_stability", "plot_stability", "read_record",
+           "ModesResult", "modes", "StabilityResult", "compute_stability", "plot_stability", "read_record",
            "UffFunction", "read_uff58", "write_uff58", "uff_frf_matrix", "__version__"]

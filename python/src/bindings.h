@@ -8,5 +8,6 @@ namespace frfcam::python {
 void BindCube(pybind11::module_& m);       // Cube, spectrum_of
 void BindStability(pybind11::module_& m);  // compute_stability, read_record
 void BindFormats(pybind11::module_& m);    // read_uff58, write_uff58, read_npz
+void BindModes(pybind11::module_& m);      // compute_modes
 
 }  // namespace frfcam::python

@@ -34,4 +34,5 @@ PYBIND11_MODULE(_native, m) {
   frfcam::python::BindCube(m);
   frfcam::python::BindStability(m);
   frfcam::python::BindFormats(m);
+  frfcam::python::BindModes(m);
 }

@@ -1,0 +1,63 @@
+"""frfcam.modes() on a synthetic plate: the plate's modes come out, with the
+shapes `frfcam modes` writes, and bad input raises with a message."""
+import os
+import re
+import subprocess
+import tempfile
+import unittest
+
+import numpy as np
+
+import frfcam
+
+CLI = os.environ["FRFCAM_CLI"]
+
+
+class ModesOfSyntheticPlate(unittest.TestCase):
+    def test_frequencies_shapes_and_errors(self):
+        with tempfile.TemporaryDirectory() as folder:
+            header = os.path.join(folder, "plate.hdr")
+            reference = os.path.join(folder, "plate_reference.txt")
+            printed = subprocess.run([CLI, "synth", header, "--width", "64", "--height", "48",
+                                      "--frames", "1000"], check=True, capture_output=True,
+                                     text=True).stdout
+            truth = [float(f) for f in re.findall(r"^mode \d+: ([0-9.]+) Hz", printed, re.M)]
+            self.assertEqual(len(truth), 3, printed)
+
+            seen = []
+            result = frfcam.modes(header, reference, progress=seen.append)
+            self.assertEqual(seen[-1], 100)  # the cube was rendered first
+            self.assertEqual(result.count, 3)
+            np.testing.assert_allclose(result.frequency_hz, truth, rtol=0.005)
+            self.assertTrue(np.all((result.damping_ratio > 0) & (result.damping_ratio < 0.1)))
+            self.assertTrue(np.all(result.mpc > 0.9), result.mpc)
+            self.assertEqual((result.shapes.dtype, result.shapes.shape),
+                             (np.complex64, (3, 48, 64)))
+            self.assertGreater(np.count_nonzero(result.shapes[0]), 1000)
+            self.assertTrue(set(result.chart["class"]) <= set(frfcam.CLASSES))
+            self.assertEqual(result.line_hz.shape, result.sum_magnitude.shape)
+
+            # The same computation as the command line, pixel for pixel, from
+            # a Capture object and the reference as an array.
+            out = os.path.join(folder, "out")
+            subprocess.run([CLI, "modes", header, "--reference", reference, "-o", out],
+                           check=True, stdout=subprocess.DEVNULL)
+            again = frfcam.modes(frfcam.Capture.open(header), np.loadtxt(reference))
+            for k in range(3):
+                np.testing.assert_array_equal(
+                    again.shapes[k], np.load(os.path.join(out, f"mode_{k + 1}.npy")))
+
+            with self.assertRaisesRegex(FileNotFoundError, "missing.hdr"):
+                frfcam.modes(os.path.join(folder, "missing.hdr"), reference)
+            with self.assertRaisesRegex(FileNotFoundError, "nowhere.txt"):
+                frfcam.modes(header, os.path.join(folder, "nowhere.txt"))
+            with self.assertRaisesRegex(ValueError, "999 samples"):
+                frfcam.modes(header, np.zeros(999))
+            with self.assertRaisesRegex(ValueError, "orders"):
+                frfcam.modes(header, reference, orders=(40, 2))
+            with self.assertRaisesRegex(ValueError, "band"):
+                frfcam.modes(header, reference, band=(500, 100))
+
+
+if __name__ == "__main__":
+    unittest.main()
