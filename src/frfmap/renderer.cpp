@@ -15,6 +15,7 @@
 #include "frfmap/cube_record.h"
 #include "frfmap/fft.h"
 #include "frfmap/frf_map_calcs.h"
+#include "platform/platform.h"
 
 namespace frfcam::frfmap {
 
@@ -67,6 +68,10 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
     raw[s] = AllocateFftBuffer<std::uint16_t>(raw_count);
     spectra[s] = AllocateFftBuffer<std::complex<float>>(spec_count);
     memory_ok = raw[s] && spectra[s];
+    if (memory_ok) {
+      platform::AdviseLargePages(raw[s].get(), raw_count * sizeof(std::uint16_t));
+      platform::AdviseLargePages(spectra[s].get(), spec_count * sizeof(std::complex<float>));
+    }
   }
   auto tear_down = [&] {
     kernel_.Release();

@@ -5,7 +5,12 @@
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
+#include <climits>
 #include <cstring>
 
 namespace frfcam::frfmap {
@@ -13,14 +18,21 @@ namespace frfcam::frfmap {
 namespace {
 constexpr int kSeries = SpectrumKernel::kPanelPixels / 2;
 constexpr std::int32_t kMeasuredFrames = 65536;
+// Panels staged together at most, and the bytes their staging copy may
+// take, so that it and a panel's series stay in a core's cache.
+constexpr std::uint32_t kGroupMax = 4;
+constexpr std::size_t kStagingBytes = 256u << 10;
 }  // namespace
 
-// One panel buffer per worker thread, taken once per render: touching fresh
+struct SpectrumKernel::Workspace {
+  FftBuffer<fftwf_complex> series;   // one panel's series
+  FftBuffer<std::uint16_t> staging;  // a group's samples, frame by frame
+};
+
+// One workspace per worker thread, taken once per render: touching fresh
 // memory for every panel would cost more than the transform.
 struct SpectrumKernel::Workspaces {
-  explicit Workspaces(std::size_t count) : count(count) {}
-  std::size_t count;
-  tbb::enumerable_thread_specific<FftBuffer<fftwf_complex>> buffers;
+  tbb::enumerable_thread_specific<Workspace> local;
 };
 
 SpectrumKernel::SpectrumKernel() = default;
@@ -28,7 +40,8 @@ SpectrumKernel::~SpectrumKernel() = default;
 
 std::uint64_t SpectrumKernel::WorkingBytes(std::int32_t frames) {
   if (frames < 1) return 0;
-  const std::uint64_t panel = static_cast<std::uint64_t>(frames) * kSeries * sizeof(fftwf_complex);
+  const std::uint64_t panel = static_cast<std::uint64_t>(frames) * kSeries * sizeof(fftwf_complex) +
+                              static_cast<std::uint64_t>(frames) * kGroupMax * 2 * kSeries * 2;
   const auto threads = static_cast<std::uint64_t>(tbb::this_task_arena::max_concurrency());
   return panel * (threads + 1) + 4 * static_cast<std::uint64_t>(frames) * sizeof(fftwf_complex);
 }
@@ -41,9 +54,8 @@ bool SpectrumKernel::Prepare(std::int32_t frames) {
   const std::size_t count = static_cast<std::size_t>(frames) * kSeries;
   FftBuffer<fftwf_complex> scratch = AllocateFftBuffer<fftwf_complex>(count);
   if (!scratch) return false;
-  // Two real pixels travel as one complex series; a panel's series are
-  // transformed together, interleaved, so each frame's samples of a panel
-  // are one contiguous run of kPanelPixels values.
+  // Two real pixels travel as one complex series; a panel's series lie one
+  // after another and are transformed in one call, each with unit stride.
   const int n = frames;
   {
     std::lock_guard<std::mutex> lock(FftPlannerMutex());
@@ -51,8 +63,8 @@ bool SpectrumKernel::Prepare(std::int32_t frames) {
     // Measuring long transforms takes seconds and touches all the scratch;
     // for them the estimate is near enough.
     const unsigned flags = frames > kMeasuredFrames ? FFTW_ESTIMATE : FFTW_MEASURE;
-    plan_ = FftPlan(fftwf_plan_many_dft(1, &n, kSeries, scratch.get(), nullptr, kSeries, 1,
-                                        scratch.get(), nullptr, kSeries, 1, FFTW_FORWARD, flags));
+    plan_ = FftPlan(fftwf_plan_many_dft(1, &n, kSeries, scratch.get(), nullptr, 1, n, scratch.get(),
+                                        nullptr, 1, n, FFTW_FORWARD, flags));
   }
   if (!plan_) return false;
   frames_ = frames;
@@ -61,80 +73,160 @@ bool SpectrumKernel::Prepare(std::int32_t frames) {
 
 bool SpectrumKernel::Acquire() {
   if (!prepared()) return false;
-  workspaces_ = std::make_unique<Workspaces>(static_cast<std::size_t>(frames_) * kSeries);
+  workspaces_ = std::make_unique<Workspaces>();
   return true;
 }
 
 void SpectrumKernel::Release() { workspaces_.reset(); }
 
+std::uint32_t SpectrumKernel::GroupPanels() const {
+  const std::size_t row = static_cast<std::size_t>(frames_) * kPanelPixels * sizeof(std::uint16_t);
+  return static_cast<std::uint32_t>(std::clamp<std::size_t>(kStagingBytes / row, 1, kGroupMax));
+}
+
 void SpectrumKernel::Transform(const std::uint16_t* samples, std::uint32_t n, std::uint32_t first,
                                std::uint32_t last, std::complex<float>* spectra,
                                const std::atomic<std::uint8_t>& cancel) const {
   if (first >= last || !workspaces_) return;
-  const std::uint32_t panels = (last - first + kPanelPixels - 1) / kPanelPixels;
+  const std::uint32_t group = GroupPanels() * kPanelPixels;
+  const std::uint32_t groups = (last - first + group - 1) / group;
+  const std::size_t frames = static_cast<std::size_t>(frames_);
   tbb::parallel_for(
-      tbb::blocked_range<std::uint32_t>(0, panels),
+      tbb::blocked_range<std::uint32_t>(0, groups),
       [&](const tbb::blocked_range<std::uint32_t>& r) {
-        auto& buffer = workspaces_->buffers.local();
-        if (!buffer) {
-          buffer = AllocateFftBuffer<fftwf_complex>(workspaces_->count);
-          if (!buffer) throw std::bad_alloc();
+        Workspace& ws = workspaces_->local.local();
+        if (!ws.series) {
+          ws.series = AllocateFftBuffer<fftwf_complex>(frames * kSeries);
+          ws.staging = AllocateFftBuffer<std::uint16_t>(frames * group);
+          if (!ws.series || !ws.staging) throw std::bad_alloc();
         }
-        for (std::uint32_t panel = r.begin(); panel != r.end(); ++panel) {
-          if (cancel.load(std::memory_order_relaxed) != 0) return;
-          const std::uint32_t p0 = first + panel * kPanelPixels;
-          TransformPanel(samples, n, p0, std::min(kPanelPixels, last - p0), spectra, buffer.get());
+        for (std::uint32_t g = r.begin(); g != r.end(); ++g) {
+          if (cancel.load(std::memory_order_relaxed) != 0) break;
+          const std::uint32_t p0 = first + g * group;
+          TransformGroup(samples, n, p0, std::min(group, last - p0), spectra, ws);
         }
+#if defined(__SSE2__)
+        _mm_sfence();  // the streamed rows are visible before the task ends
+#endif
       },
       tbb::auto_partitioner());
 }
 
-void SpectrumKernel::TransformPanel(const std::uint16_t* samples, std::uint32_t n, std::uint32_t p0,
+void SpectrumKernel::TransformGroup(const std::uint16_t* samples, std::uint32_t n, std::uint32_t p0,
                                     std::uint32_t count, std::complex<float>* spectra,
-                                    fftwf_complex* work) const {
+                                    Workspace& ws) const {
   const std::size_t frames = static_cast<std::size_t>(frames_);
-  float* w = reinterpret_cast<float*>(work);
-  // Gather: frame f's samples of the panel become the (re, im) pairs of its
-  // series at row f. A short last panel is padded with zeros.
-  if (count == kPanelPixels) {
-    for (std::size_t f = 0; f < frames; ++f) {
-      const std::uint16_t* src = samples + f * n + p0;
-      float* dst = w + f * kPanelPixels;
-      for (std::uint32_t j = 0; j < kPanelPixels; ++j) dst[j] = static_cast<float>(src[j]);
-    }
-  } else {
-    for (std::size_t f = 0; f < frames; ++f) {
-      const std::uint16_t* src = samples + f * n + p0;
-      float* dst = w + f * kPanelPixels;
-      for (std::uint32_t j = 0; j < kPanelPixels; ++j) {
-        dst[j] = j < count ? static_cast<float>(src[j]) : 0.0f;
-      }
+  const std::uint32_t group = GroupPanels() * kPanelPixels;
+  // Every frame's run of the group lies on another page of the block. Copied
+  // first, frame by frame with the runs a few frames ahead requested, the
+  // misses overlap; the panels then read their samples from the core's cache.
+  // A short group is padded with zeros.
+  constexpr std::size_t kAhead = 8;
+  std::uint16_t* stage = ws.staging.get();
+  for (std::size_t f = 0; f < frames; ++f) {
+    const std::uint16_t* src = samples + f * n + p0;
+    if (f + kAhead < frames) __builtin_prefetch(src + kAhead * n);
+    std::uint16_t* dst = stage + f * group;
+    std::memcpy(dst, src, count * sizeof(std::uint16_t));
+    if (count < group) std::memset(dst + count, 0, (group - count) * sizeof(std::uint16_t));
+  }
+  for (std::uint32_t q = 0; q * kPanelPixels < count; ++q) {
+    TransformPanel(stage + q * kPanelPixels, group,
+                   std::min(kPanelPixels, count - q * kPanelPixels),
+                   spectra + p0 + q * kPanelPixels, n, ws);
+  }
+}
+
+void SpectrumKernel::TransformPanel(const std::uint16_t* rows, std::size_t row_stride,
+                                    std::uint32_t count, std::complex<float>* spectra,
+                                    std::uint32_t n, Workspace& ws) const {
+  const std::size_t frames = static_cast<std::size_t>(frames_);
+  float* w = reinterpret_cast<float*>(ws.series.get());
+  // Gather: pixels 2j and 2j + 1 of frame f become the (re, im) pair at row
+  // f of series j. The series lie one after another, so the library
+  // transforms each in place with unit stride, its fastest case.
+  std::size_t f = 0;
+#if defined(__SSE2__)
+  const __m128i zero = _mm_setzero_si128();
+  for (; f + 2 <= frames; f += 2) {
+    const std::uint16_t* s0 = rows + f * row_stride;
+    const std::uint16_t* s1 = s0 + row_stride;
+    for (int c = 0; c < kSeries / 4; ++c) {
+      const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + 8 * c));
+      const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s1 + 8 * c));
+      const __m128 lo0 = _mm_cvtepi32_ps(_mm_unpacklo_epi16(v0, zero));
+      const __m128 hi0 = _mm_cvtepi32_ps(_mm_unpackhi_epi16(v0, zero));
+      const __m128 lo1 = _mm_cvtepi32_ps(_mm_unpacklo_epi16(v1, zero));
+      const __m128 hi1 = _mm_cvtepi32_ps(_mm_unpackhi_epi16(v1, zero));
+      float* d = w + 2 * (static_cast<std::size_t>(4 * c) * frames + f);
+      const std::size_t step = 2 * frames;  // floats from one series to the next
+      _mm_storeu_ps(d, _mm_movelh_ps(lo0, lo1));
+      _mm_storeu_ps(d + step, _mm_movehl_ps(lo1, lo0));
+      _mm_storeu_ps(d + 2 * step, _mm_movelh_ps(hi0, hi1));
+      _mm_storeu_ps(d + 3 * step, _mm_movehl_ps(hi1, hi0));
     }
   }
-  fftwf_execute_dft(plan_.get(), work, work);
+#endif
+  for (; f < frames; ++f) {
+    const std::uint16_t* src = rows + f * row_stride;
+    for (int j = 0; j < kSeries; ++j) {
+      w[2 * (j * frames + f)] = static_cast<float>(src[2 * j]);
+      w[2 * (j * frames + f) + 1] = static_cast<float>(src[2 * j + 1]);
+    }
+  }
+  fftwf_execute_dft(plan_.get(), ws.series.get(), ws.series.get());
 
   // Split each series Z into its two real inputs a + ib:
   // A[k] = (Z[k] + conj Z[F-k]) / 2, B[k] = (Z[k] - conj Z[F-k]) / 2i,
-  // scaled by 1/F, and scatter them into the bin-major block.
-  const float half_scale = 0.5f * static_cast<float>(1.0 / static_cast<double>(frames_));
+  // scaled by 1/F; A and B are neighbours in the bin-major block.
+  const float h = 0.5f * static_cast<float>(1.0 / static_cast<double>(frames_));
   const std::size_t bins = frames / 2 + 1;
   alignas(64) float row[2 * kPanelPixels];
   for (std::size_t k = 0; k < bins; ++k) {
-    const float* z = w + k * 2 * kSeries;
-    const float* m = w + ((frames - k) % frames) * 2 * kSeries;
+    const std::size_t mirror = (frames - k) % frames;
+#if defined(__SSE2__)
+    // (zr + mr, zi - mi, zi + mi, mr - zr) from (zr, zi, zi, zr) and
+    // (mr, mi, mi, mr) with the signs flipped where needed.
+    const __m128 flip_z = _mm_castsi128_ps(_mm_set_epi32(INT32_MIN, 0, 0, 0));
+    const __m128 flip_m = _mm_castsi128_ps(_mm_set_epi32(0, 0, INT32_MIN, 0));
+    const __m128 scale = _mm_set1_ps(h);
     for (int j = 0; j < kSeries; ++j) {
-      const float zr = z[2 * j], zi = z[2 * j + 1];
-      const float mr = m[2 * j], mi = m[2 * j + 1];
-      row[4 * j + 0] = (zr + mr) * half_scale;
-      row[4 * j + 1] = (zi - mi) * half_scale;
-      row[4 * j + 2] = (zi + mi) * half_scale;
-      row[4 * j + 3] = (mr - zr) * half_scale;
+      const float* zs = w + 2 * (j * frames + k);
+      const float* ms = w + 2 * (j * frames + mirror);
+      const __m128 z = _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(zs)));
+      const __m128 m = _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(ms)));
+      const __m128 zz = _mm_shuffle_ps(z, z, _MM_SHUFFLE(0, 1, 1, 0));
+      const __m128 mm = _mm_shuffle_ps(m, m, _MM_SHUFFLE(0, 1, 1, 0));
+      const __m128 sum = _mm_add_ps(_mm_xor_ps(zz, flip_z), _mm_xor_ps(mm, flip_m));
+      _mm_store_ps(row + 4 * j, _mm_mul_ps(sum, scale));
     }
+#else
+    for (int j = 0; j < kSeries; ++j) {
+      const float zr = w[2 * (j * frames + k)], zi = w[2 * (j * frames + k) + 1];
+      const float mr = w[2 * (j * frames + mirror)], mi = w[2 * (j * frames + mirror) + 1];
+      row[4 * j + 0] = (zr + mr) * h;
+      row[4 * j + 1] = (zi - mi) * h;
+      row[4 * j + 2] = (zi + mi) * h;
+      row[4 * j + 3] = (mr - zr) * h;
+    }
+#endif
+    std::complex<float>* dst = spectra + k * n;
+#if defined(__SSE2__)
+    // Whole rows go past the cache: the block is far larger than it, and is
+    // next read by the write to the cube, so fetching its lines first only
+    // doubles the traffic.
+    if (count == kPanelPixels && (reinterpret_cast<std::uintptr_t>(dst) & 15) == 0) {
+      float* out = reinterpret_cast<float*>(dst);
+      for (std::uint32_t i = 0; i < 2 * kPanelPixels; i += 4)
+        _mm_stream_ps(out + i, _mm_load_ps(row + i));
+      continue;
+    }
+#endif
     // A fixed-size copy for whole panels compiles to a few vector moves.
     if (count == kPanelPixels) {
-      std::memcpy(spectra + k * n + p0, row, sizeof row);
+      std::memcpy(spectra + k * n, row, sizeof row);
     } else {
-      std::memcpy(spectra + k * n + p0, row, count * sizeof(std::complex<float>));
+      std::memcpy(spectra + k * n, row, count * sizeof(std::complex<float>));
     }
   }
 }

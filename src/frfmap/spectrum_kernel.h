@@ -42,14 +42,20 @@ class SpectrumKernel {
                  std::uint32_t last, std::complex<float>* spectra,
                  const std::atomic<std::uint8_t>& cancel) const;
 
-  // Pixels gathered per transform call, 16 complex series: 64 bytes of each
-  // frame's samples, one whole cache line read once down the frames.
+  // Pixels per transform call: 16 complex series, two real pixels each.
   static constexpr std::uint32_t kPanelPixels = 32;
 
  private:
   struct Workspaces;
-  void TransformPanel(const std::uint16_t* samples, std::uint32_t n, std::uint32_t p0,
-                      std::uint32_t count, std::complex<float>* spectra, fftwf_complex* work) const;
+  struct Workspace;
+  // Panels taken together from the samples, so that each frame's run of them
+  // is a few whole cache lines; fewer for long series, whose staging copy
+  // would not stay in the core's cache.
+  std::uint32_t GroupPanels() const;
+  void TransformGroup(const std::uint16_t* samples, std::uint32_t n, std::uint32_t p0,
+                      std::uint32_t count, std::complex<float>* spectra, Workspace& ws) const;
+  void TransformPanel(const std::uint16_t* rows, std::size_t row_stride, std::uint32_t count,
+                      std::complex<float>* spectra, std::uint32_t n, Workspace& ws) const;
 
   std::int32_t frames_ = 0;
   FftPlan plan_;

@@ -2,6 +2,7 @@
 
 #if !defined(_WIN32)
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -69,6 +70,19 @@ std::uint64_t CgroupHeadroom(const std::string& limit, const std::string& usage)
 
 // The Windows versions of what follows are in platform_win32.cpp.
 #if !defined(_WIN32)
+void AdviseLargePages(void* p, std::size_t bytes) {
+#if defined(MADV_HUGEPAGE)
+  // Only the whole 2 MiB pages inside the buffer.
+  constexpr std::uintptr_t kLarge = 2u << 20;
+  const auto begin = (reinterpret_cast<std::uintptr_t>(p) + kLarge - 1) & ~(kLarge - 1);
+  const auto end = (reinterpret_cast<std::uintptr_t>(p) + bytes) & ~(kLarge - 1);
+  if (end > begin) ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+#else
+  (void)p;
+  (void)bytes;
+#endif
+}
+
 std::uint64_t AvailablePhysicalMemory() {
   std::uint64_t avail = ParseMemAvailable(ReadSmallFile("/proc/meminfo"));
   // cgroup v2, then v1. A v1 "no limit" is a huge number, which the min keeps harmless.

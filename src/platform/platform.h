@@ -29,6 +29,12 @@ inline constexpr char kPathSeparator = '/';
 // available memory, capped by the control group's limit when there is one.
 std::uint64_t AvailablePhysicalMemory();
 
+// Asks the OS to back [p, p + bytes) with large pages where it can: a buffer
+// of tens of MiB, touched afresh by every render, then costs a few hundred
+// page faults instead of tens of thousands, and its strided walks miss the
+// TLB less. A hint only; does nothing on systems without it.
+void AdviseLargePages(void* p, std::size_t bytes);
+
 // Parses the two sources of AvailablePhysicalMemory (exposed for tests):
 // the MemAvailable line of a meminfo text, and a cgroup limit/usage pair
 // ("max" meaning no limit). Return UINT64_MAX when nothing applies.

@@ -49,6 +49,9 @@ std::wstring WideFromAnsi(const std::string& text) {
   return out;
 }
 
+// Large pages need a privilege that ordinary users lack; the hint is moot.
+void AdviseLargePages(void*, std::size_t) {}
+
 std::uint64_t AvailablePhysicalMemory() {
   MEMORYSTATUSEX status{};
   status.dwLength = sizeof(status);
