@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gif_lib.h>
-#include <png.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -51,31 +50,6 @@ double TickStep(double span, int count) {
     if (m * p >= raw) return m * p;
   }
   return 10.0 * p;
-}
-
-// libpng reports errors by longjmp, so this part holds nothing with a
-// destructor.
-bool WritePngRows(std::FILE* file, png_bytep* rows, unsigned width, unsigned height, png_textp text,
-                  int textCount) {
-  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-  png_infop info = png != nullptr ? png_create_info_struct(png) : nullptr;
-  if (png == nullptr || info == nullptr) {
-    png_destroy_write_struct(&png, &info);
-    return false;
-  }
-  if (setjmp(png_jmpbuf(png))) {
-    png_destroy_write_struct(&png, &info);
-    return false;
-  }
-  png_init_io(png, file);
-  png_set_IHDR(png, info, width, height, 8, PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE,
-               PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-  if (textCount > 0) png_set_text(png, info, text, textCount);
-  png_write_info(png, info);
-  png_write_image(png, rows);
-  png_write_end(png, nullptr);
-  png_destroy_write_struct(&png, &info);
-  return true;
 }
 
 }  // namespace
@@ -224,30 +198,6 @@ void WriteTextFile(const std::string& path, const std::string& text) {
   out << text;
   out.flush();
   if (!out) throw CommandError("cannot write " + path);
-}
-
-void WriteRgbPng(const std::string& path, const std::uint8_t* rgb, unsigned width, unsigned height,
-                 const std::vector<std::pair<std::string, std::string>>& text) {
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "wb"),
-                                                       &std::fclose);
-  if (!file) throw CommandError("cannot create " + path);
-  std::vector<png_bytep> rows(height);
-  for (unsigned y = 0; y < height; ++y) {
-    rows[y] = const_cast<png_bytep>(rgb + static_cast<std::size_t>(y) * width * 3);
-  }
-  std::vector<png_text> chunks(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    chunks[i] = {};
-    chunks[i].compression = PNG_TEXT_COMPRESSION_NONE;
-    chunks[i].key = const_cast<char*>(text[i].first.c_str());
-    chunks[i].text = const_cast<char*>(text[i].second.c_str());
-    chunks[i].text_length = text[i].second.size();
-  }
-  if (!WritePngRows(file.get(), rows.data(), width, height, chunks.data(),
-                    static_cast<int>(chunks.size())) ||
-      std::fflush(file.get()) != 0) {
-    throw CommandError("cannot write " + path);
-  }
 }
 
 Palette DivergingPalette() {

@@ -37,12 +37,6 @@ std::string StabilisationChartSvg(const ChartInput& chart);
 // Writes `text` to `path` (replacing it); throws CommandError on failure.
 void WriteTextFile(const std::string& path, const std::string& text);
 
-// An 8-bit RGB PNG of width x height pixels (3 bytes each, raster order)
-// with tEXt chunks (keyword, text; keywords of 1-79 Latin-1 characters).
-// Throws CommandError on failure.
-void WriteRgbPng(const std::string& path, const std::uint8_t* rgb, unsigned width, unsigned height,
-                 const std::vector<std::pair<std::string, std::string>>& text);
-
 using Palette = std::array<std::array<std::uint8_t, 3>, 256>;
 
 // An animated GIF that loops forever: every frame width x height palette

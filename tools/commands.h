@@ -3,6 +3,8 @@
 
 #include <CLI/CLI.hpp>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 namespace frfcam::cli {
 
@@ -16,6 +18,11 @@ struct CommandError : std::runtime_error {
 struct ExitWith {
   int code;
 };
+
+// A reference signal file: one float per line (blank lines skipped). Throws
+// CommandError naming the file and line of the first value that is not a
+// number, or when there is no value at all.
+std::vector<float> ReadReference(const std::string& path);
 
 void RegisterCaptureCommands(CLI::App& app);    // synth, info
 void RegisterCubeCommands(CLI::App& app);       // render, map, delete

@@ -21,6 +21,7 @@
 #include "frfmap/frf_map_calcs.h"
 #include "modes/cube_state.h"
 #include "modes/modes.h"
+#include "png_writer.h"
 
 namespace frfcam::cli {
 
@@ -54,29 +55,6 @@ struct ModesCliOptions {
   int stride = 0;
   int minStable = modes::ModesOptions::DefaultModesSelection().minStableCount;
 };
-
-std::vector<float> ReadSignal(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) throw CommandError("cannot read reference file " + path);
-  std::vector<float> values;
-  std::string line;
-  int number = 0;
-  while (std::getline(in, line)) {
-    ++number;
-    if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-    try {
-      std::size_t used = 0;
-      values.push_back(std::stof(line, &used));
-      if (line.find_first_not_of(" \t\r", used) != std::string::npos) {
-        throw std::invalid_argument("");
-      }
-    } catch (const std::exception&) {
-      throw CommandError(path + ":" + std::to_string(number) + ": not a number: " + line);
-    }
-  }
-  if (values.empty()) throw CommandError(path + ": no values");
-  return values;
-}
 
 void ParsePair(const std::string& text, const char* option, double* a, double* b) {
   const auto colon = text.find(':');
@@ -222,7 +200,7 @@ void RunModes(const ModesCliOptions& o) {
   options.selection.minStableCount = o.minStable;
   options.stride = o.stride;
   options.cancel = &g_cancel;
-  const std::vector<float> reference = ReadSignal(o.reference);
+  const std::vector<float> reference = ReadReference(o.reference);
   if (static_cast<std::int64_t>(reference.size()) != header.frame_count()) {
     throw CommandError(o.reference + ": " + std::to_string(reference.size()) +
                        " samples, but the capture has " + std::to_string(header.frame_count()) +

@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <memory>
-#include <vector>
 
 #include "commands.h"
 
@@ -14,7 +13,8 @@ namespace {
 
 // libpng reports errors by longjmp, so this part holds nothing with a
 // destructor.
-bool WriteRows(std::FILE* file, png_bytep* rows, unsigned width, unsigned height) {
+bool WriteRows(std::FILE* file, png_bytep* rows, unsigned width, unsigned height, int color_type,
+               png_textp text, int text_count) {
   png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
   png_infop info = png != nullptr ? png_create_info_struct(png) : nullptr;
   if (png == nullptr || info == nullptr) {
@@ -26,8 +26,9 @@ bool WriteRows(std::FILE* file, png_bytep* rows, unsigned width, unsigned height
     return false;
   }
   png_init_io(png, file);
-  png_set_IHDR(png, info, width, height, 8, PNG_COLOR_TYPE_GRAY, PNG_INTERLACE_NONE,
+  png_set_IHDR(png, info, width, height, 8, color_type, PNG_INTERLACE_NONE,
                PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+  if (text_count > 0) png_set_text(png, info, text, text_count);
   png_write_info(png, info);
   png_write_image(png, rows);
   png_write_end(png, nullptr);
@@ -35,20 +36,41 @@ bool WriteRows(std::FILE* file, png_bytep* rows, unsigned width, unsigned height
   return true;
 }
 
-}  // namespace
-
-void WriteGrayPng(const std::string& path, const std::uint8_t* pixels, unsigned width,
-                  unsigned height) {
+void WritePng(const std::string& path, const std::uint8_t* pixels, unsigned width, unsigned height,
+              unsigned channels, const PngText& text) {
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "wb"),
                                                        &std::fclose);
   if (!file) throw CommandError("cannot create " + path);
   std::vector<png_bytep> rows(height);
   for (unsigned y = 0; y < height; ++y) {
-    rows[y] = const_cast<png_bytep>(pixels + static_cast<std::size_t>(y) * width);
+    rows[y] = const_cast<png_bytep>(pixels + static_cast<std::size_t>(y) * width * channels);
   }
-  if (!WriteRows(file.get(), rows.data(), width, height) || std::fflush(file.get()) != 0) {
+  std::vector<png_text> chunks(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    chunks[i] = {};
+    chunks[i].compression = PNG_TEXT_COMPRESSION_NONE;
+    chunks[i].key = const_cast<char*>(text[i].first.c_str());
+    chunks[i].text = const_cast<char*>(text[i].second.c_str());
+    chunks[i].text_length = text[i].second.size();
+  }
+  const int color_type = channels == 3 ? PNG_COLOR_TYPE_RGB : PNG_COLOR_TYPE_GRAY;
+  if (!WriteRows(file.get(), rows.data(), width, height, color_type, chunks.data(),
+                 static_cast<int>(chunks.size())) ||
+      std::fflush(file.get()) != 0) {
     throw CommandError("cannot write " + path);
   }
+}
+
+}  // namespace
+
+void WriteGrayPng(const std::string& path, const std::uint8_t* pixels, unsigned width,
+                  unsigned height) {
+  WritePng(path, pixels, width, height, 1, {});
+}
+
+void WriteRgbPng(const std::string& path, const std::uint8_t* rgb, unsigned width, unsigned height,
+                 const PngText& text) {
+  WritePng(path, rgb, width, height, 3, text);
 }
 
 }  // namespace frfcam::cli

@@ -1,14 +1,24 @@
-// Grayscale PNG output for FRF maps.
+// PNG output: grayscale FRF maps and RGB charts and mode shapes.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace frfcam::cli {
+
+using PngText = std::vector<std::pair<std::string, std::string>>;
 
 // Writes an 8-bit grayscale image of width x height bytes (raster order);
 // throws CommandError on failure.
 void WriteGrayPng(const std::string& path, const std::uint8_t* pixels, unsigned width,
                   unsigned height);
+
+// An 8-bit RGB PNG of width x height pixels (3 bytes each, raster order)
+// with tEXt chunks (keyword, text; keywords of 1-79 Latin-1 characters).
+// Throws CommandError on failure.
+void WriteRgbPng(const std::string& path, const std::uint8_t* rgb, unsigned width, unsigned height,
+                 const PngText& text);
 
 }  // namespace frfcam::cli

@@ -19,6 +19,7 @@
 #include "formats/output_file.h"
 #include "formats/uff.h"
 #include "platform/platform.h"
+#include "png_writer.h"
 #include "stability/synthetic.h"
 #include "stability_analysis.h"
 #include "stability_csv.h"
