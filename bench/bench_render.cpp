@@ -162,6 +162,7 @@ void MeasureMaps(const std::string& dir) {
 // large 1024 x 1024 x 2000 (3 GB in, 8.4 GB of cube; not part of "all").
 int main(int argc, char** argv) {
   const std::string dir = bench::BenchDir("render");
+  bench::WarmMemory(std::size_t{2} << 30);
   const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 3;
   const std::string which = argc > 2 ? argv[2] : "all";
   if (which != "all") {

@@ -15,6 +15,7 @@
 
 #include "frfmap/capture_writer.h"
 #include "frfmap/synthetic_scene.h"
+#include "platform/platform.h"
 
 namespace frfcam::bench {
 
@@ -34,6 +35,20 @@ inline double CpuSeconds(const std::function<void()>& f) {
   const double t0 = now();
   f();
   return now() - t0;
+}
+
+// Touches `bytes` of memory once, in large pages, and gives it back. On
+// these virtual machines the first touch of a page the guest has never used
+// costs the host's allocation, several seconds a GiB, and the render's large
+// page buffers land in such memory: without this, a render would be timed
+// partly on the machine's history.
+inline void WarmMemory(std::size_t bytes) {
+  void* p = std::aligned_alloc(2u << 20, bytes);
+  if (p == nullptr) return;
+  platform::AdviseLargePages(p, bytes);
+  volatile char* page = static_cast<volatile char*>(p);
+  for (std::size_t i = 0; i < bytes; i += 4096) page[i] = 1;
+  std::free(p);
 }
 
 inline double Median(std::vector<double> v) {
