@@ -144,6 +144,7 @@ TEST(RenderCube, ValuesAreTheScaledDftForEveryShapeOfCapture) {
       {4, 1, 2, 1, 5, false},     // F = 2, a single row
       {17, 3, 11, 1, 500, true},  // single-file capture
       {40, 9, 31, 1, 7, false},   // more than one panel per row
+      {48, 32, 10, 1, 4, false},  // page-sized blocks that end inside rows
   };
   for (const Case& k : cases) {
     SCOPED_TRACE(testing::Message() << k.w << "x" << k.h << " F=" << k.frames << " fmt " << k.fmt
