@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <limits>
 
+#include "stability/portable_math.h"
+
 namespace frfcam::stability::lscf {
 
 namespace {
@@ -117,13 +119,13 @@ ComplexMatrix BuildBasis(const RealVector& omegaShifted, double dt, int maxPower
   // a fraction of the cost of a sine and cosine per entry.
   constexpr Index kAnchor = 16;
   ComplexVector z(lines);
-  for (Index k = 0; k < lines; ++k) z[k] = std::polar(1.0, omegaShifted[k] * dt);
+  for (Index k = 0; k < lines; ++k) z[k] = portable::Polar(1.0, omegaShifted[k] * dt);
   tbb::parallel_for(Index{0}, (columns + kAnchor - 1) / kAnchor, [&](Index block) {
     const Index first = block * kAnchor;
     const Index last = std::min(columns, first + kAnchor);
     const double power = static_cast<double>(first);
     for (Index k = 0; k < lines; ++k) {
-      basis(k, first) = std::polar(1.0, power * omegaShifted[k] * dt);
+      basis(k, first) = portable::Polar(1.0, power * omegaShifted[k] * dt);
     }
     for (Index j = first + 1; j < last; ++j) {
       for (Index k = 0; k < lines; ++k) {
