@@ -226,11 +226,16 @@ std::vector<RealVector> FitDenominators(const ComplexMatrix& basis,
       power.middleCols(at, width).noalias() = cosines.transpose() * h.cwiseAbs2();
     };
     const Index fromMatrix = std::max<Index>(0, std::min(count, matrixChannels - first));
-    tbb::parallel_for(tbb::blocked_range<Index>(0, fromMatrix, 4),
-                      [&](const tbb::blocked_range<Index>& range) {
-                        sums(channels.middleCols(first + range.begin(), range.size()),
-                             range.begin(), range.size());
-                      });
+    // Fixed blocks of channels, not the scheduler's ranges: a block of one
+    // channel is a matrix-vector product, which sums in another order than
+    // the matrix product of wider blocks, so the cut must not depend on the
+    // threads.
+    constexpr Index kBlock = 4;
+    tbb::parallel_for(Index{0}, (fromMatrix + kBlock - 1) / kBlock, [&](Index block) {
+      const Index at = block * kBlock;
+      const Index width = std::min(kBlock, fromMatrix - at);
+      sums(channels.middleCols(first + at, width), at, width);
+    });
     if (fromMatrix < count) sums(*extra, fromMatrix, 1);
     powerSum += power.rowwise().sum();
 
