@@ -6,10 +6,13 @@ inputs, and checks that the two libraries computed the same:
 - the cube values differ by at most 2e-6 of full scale (the largest value
   magnitude of the cube);
 - the stability records decode to the same orders and pole classes, with
-  every number equal within 1e-9 relative.
+  every number equal within 1e-9 relative: the host program's noise-free
+  three-mode system and, with --windows-cli, the stability command on one
+  shared CSV of a noisy nine-channel system up to order 60.
 
 Usage: compare_with_linux.py --linux-build DIR --windows-host EXE
-                             --wine-run SCRIPT --schema DIR [--keep DIR]
+                             --wine-run SCRIPT --schema DIR
+                             [--windows-cli EXE] [--keep DIR]
 """
 import argparse
 import importlib
@@ -129,12 +132,28 @@ def compare_records(talproto, linux_file, windows_file, failures):
         failures.append("the known system gave no selected poles")
 
 
+def compare_stability_command(args, work, talproto, failures):
+    """Both command-line tools fit the same CSV (written once, on Linux)."""
+    table = os.path.join(work, "frf.csv")
+    linux_cli = os.path.join(args.linux_build, "frfcam")
+    run([linux_cli, "synth-frf", table, "--lines", "1200", "--channels", "9", "--noise", "0.002",
+         "--seed", "3"])
+    records = [os.path.join(work, "cli_linux.pb"), os.path.join(work, "cli_windows.pb")]
+    fit = ["--orders", "2:60"]
+    run([linux_cli, "stability", table, "-o", records[0]] + fit)
+    run([args.wine_run, args.windows_cli, "stability", windows_path(table), "-o",
+         windows_path(records[1])] + fit)
+    print("stability command, 9 noisy channels:")
+    compare_records(talproto, records[0], records[1], failures)
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--linux-build", required=True)
     parser.add_argument("--windows-host", required=True)
     parser.add_argument("--wine-run", required=True)
     parser.add_argument("--schema", required=True)
+    parser.add_argument("--windows-cli", help="frfcam.exe, for the stability command's records")
     parser.add_argument("--keep", help="work in this folder and keep it")
     args = parser.parse_args()
 
@@ -169,6 +188,8 @@ def main():
         compare_cubes(os.path.join(lin, "cap"), os.path.join(win, "cap"), failures)
         compare_records(talproto, os.path.join(lin, "out", "record.pb"),
                         os.path.join(win, "out", "record.pb"), failures)
+        if args.windows_cli:
+            compare_stability_command(args, work, talproto, failures)
         for f in failures:
             print("FAIL:", f)
         return 1 if failures else 0
