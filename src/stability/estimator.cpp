@@ -14,6 +14,8 @@ namespace frfcam::stability {
 
 namespace {
 
+double Square(double x) { return x * x; }
+
 RealVector ToVector(const std::vector<double>& v) {
   return Eigen::Map<const RealVector>(v.data(), static_cast<Eigen::Index>(v.size()));
 }
@@ -32,10 +34,10 @@ std::vector<lscf::SortedPoles> SweepPoles(const std::vector<RealVector>& denomin
   std::vector<std::int64_t> runStart = {0};
   {
     double total = 0.0;
-    for (std::int64_t i = 0; i < count; ++i) total += std::pow(double(fitMin + i) + 1.0, 2);
+    for (std::int64_t i = 0; i < count; ++i) total += Square(double(fitMin + i) + 1.0);
     double sum = 0.0;
     for (std::int64_t i = 0; i < count; ++i) {
-      sum += std::pow(double(fitMin + i) + 1.0, 2);
+      sum += Square(double(fitMin + i) + 1.0);
       if (sum >= total * static_cast<double>(runStart.size()) / kRuns && i + 1 < count) {
         runStart.push_back(i + 1);
       }

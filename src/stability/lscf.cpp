@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <limits>
 
+#include "stability/portable_math.h"
+
 namespace frfcam::stability::lscf {
 
 namespace {
@@ -117,13 +119,13 @@ ComplexMatrix BuildBasis(const RealVector& omegaShifted, double dt, int maxPower
   // a fraction of the cost of a sine and cosine per entry.
   constexpr Index kAnchor = 16;
   ComplexVector z(lines);
-  for (Index k = 0; k < lines; ++k) z[k] = std::polar(1.0, omegaShifted[k] * dt);
+  for (Index k = 0; k < lines; ++k) z[k] = portable::Polar(1.0, omegaShifted[k] * dt);
   tbb::parallel_for(Index{0}, (columns + kAnchor - 1) / kAnchor, [&](Index block) {
     const Index first = block * kAnchor;
     const Index last = std::min(columns, first + kAnchor);
     const double power = static_cast<double>(first);
     for (Index k = 0; k < lines; ++k) {
-      basis(k, first) = std::polar(1.0, power * omegaShifted[k] * dt);
+      basis(k, first) = portable::Polar(1.0, power * omegaShifted[k] * dt);
     }
     for (Index j = first + 1; j < last; ++j) {
       for (Index k = 0; k < lines; ++k) {
@@ -224,11 +226,16 @@ std::vector<RealVector> FitDenominators(const ComplexMatrix& basis,
       power.middleCols(at, width).noalias() = cosines.transpose() * h.cwiseAbs2();
     };
     const Index fromMatrix = std::max<Index>(0, std::min(count, matrixChannels - first));
-    tbb::parallel_for(tbb::blocked_range<Index>(0, fromMatrix, 4),
-                      [&](const tbb::blocked_range<Index>& range) {
-                        sums(channels.middleCols(first + range.begin(), range.size()),
-                             range.begin(), range.size());
-                      });
+    // Fixed blocks of channels, not the scheduler's ranges: a block of one
+    // channel is a matrix-vector product, which sums in another order than
+    // the matrix product of wider blocks, so the cut must not depend on the
+    // threads.
+    constexpr Index kBlock = 4;
+    tbb::parallel_for(Index{0}, (fromMatrix + kBlock - 1) / kBlock, [&](Index block) {
+      const Index at = block * kBlock;
+      const Index width = std::min(kBlock, fromMatrix - at);
+      sums(channels.middleCols(first + at, width), at, width);
+    });
     if (fromMatrix < count) sums(*extra, fromMatrix, 1);
     powerSum += power.rowwise().sum();
 

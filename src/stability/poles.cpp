@@ -5,6 +5,7 @@
 #include <numeric>
 
 #include "stability/lscf.h"
+#include "stability/portable_math.h"
 #include "stability/roots.h"
 
 namespace frfcam::stability::lscf {
@@ -21,8 +22,8 @@ ComplexVector PolesOfRoots(const ComplexVector& z, double dt) {
   ComplexVector kept(z.size());
   Eigen::Index count = 0;
   for (Eigen::Index i = 0; i < z.size(); ++i) {
-    const double logMagnitude = std::log(std::hypot(z[i].real(), z[i].imag()));
-    const double angle = std::atan2(z[i].imag(), z[i].real());
+    const double logMagnitude = portable::Log(portable::Abs(z[i]));
+    const double angle = portable::Arg(z[i]);
     const std::complex<double> s(logMagnitude / dt, angle / dt);
     // Unstable poles, real poles and the lower member of each pair go.
     if (s.real() < 0.0 && s.imag() > 0.0) kept[count++] = s;
@@ -54,7 +55,7 @@ SortedPoles SortPoles(const ComplexVector& poles, double fMin) {
   for (Eigen::Index i = 0; i < m; ++i) {
     // The band offset goes onto the modulus, not the imaginary part: the
     // shifted pole's distance from the origin plus the band start.
-    naturalFrequency[i] = std::hypot(poles[i].real(), poles[i].imag()) + kTwoPi * fMin;
+    naturalFrequency[i] = portable::Abs(poles[i]) + kTwoPi * fMin;
     damping[i] = -poles[i].real() / naturalFrequency[i];
   }
   const std::vector<int> permutation = StableSortPermutation(naturalFrequency);

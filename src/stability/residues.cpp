@@ -59,6 +59,32 @@ std::vector<Eigen::Index> FittableRows(const RealVector& omega, const ComplexVec
   return rows;
 }
 
+// The complex system G x = r as the real one [Re G, -Im G; Im G, Re G]
+// [Re x; Im x] = [Re r; Im r]. Factorising that needs only real absolute
+// values; a complex factorisation takes |z| from the C runtime, whose last
+// bit differs between platforms and would make the record differ with it.
+class RealFormSolver {
+ public:
+  explicit RealFormSolver(const ComplexMatrix& g) : n_(g.rows()) {
+    Eigen::MatrixXd m(2 * n_, 2 * n_);
+    m << g.real(), -g.imag(), g.imag(), g.real();
+    qr_.compute(m);
+  }
+  ComplexVector Solve(const ComplexVector& r) const {
+    Eigen::VectorXd stacked(2 * n_);
+    stacked << r.real(), r.imag();
+    const Eigen::VectorXd x = qr_.solve(stacked);
+    ComplexVector out(n_);
+    out.real() = x.head(n_);
+    out.imag() = x.tail(n_);
+    return out;
+  }
+
+ private:
+  Eigen::Index n_;
+  Eigen::ColPivHouseholderQR<Eigen::MatrixXd> qr_;
+};
+
 // Least squares through the small normal system (the columns arrive
 // equilibrated). It is solved with a rank-revealing factorisation, so that a
 // repeated mode splits its residue instead of blowing the fit up, and refined
@@ -66,11 +92,10 @@ std::vector<Eigen::Index> FittableRows(const RealVector& omega, const ComplexVec
 // forming A^H A can give away. It agrees with a QR of the tall matrix, which
 // costs several times as much.
 ComplexVector SolveLeastSquares(const ComplexMatrix& a, const ComplexVector& b) {
-  const ComplexMatrix gram = a.adjoint() * a;
-  const Eigen::ColPivHouseholderQR<ComplexMatrix> solver(gram);
-  ComplexVector x = solver.solve(a.adjoint() * b);
+  const RealFormSolver solver(a.adjoint() * a);
+  ComplexVector x = solver.Solve(a.adjoint() * b);
   const ComplexVector misfit = b - a * x;
-  x += solver.solve(a.adjoint() * misfit);
+  x += solver.Solve(a.adjoint() * misfit);
   return x;
 }
 

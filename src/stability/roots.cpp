@@ -8,6 +8,8 @@
 #include <numbers>
 #include <vector>
 
+#include "stability/portable_math.h"
+
 namespace frfcam::stability::roots {
 
 namespace {
@@ -43,7 +45,7 @@ NewtonStep Newton(const double* a, Index n, Complex z) {
   // Horner's rule in complex arithmetic errs by up to about 2n ulps of the
   // sum of the terms' moduli.
   const double tolerance = 2.0 * static_cast<double>(n + 1) * kEpsilon;
-  const double modulus = std::abs(z);
+  const double modulus = portable::Abs(z);
   double pr, pi = 0.0, dr = 0.0, di = 0.0, bound;
   if (modulus <= 1.0) {
     const double zr = z.real(), zi = z.imag();
@@ -57,7 +59,7 @@ NewtonStep Newton(const double* a, Index n, Complex z) {
       bound = bound * modulus + std::abs(a[k]);
     }
     const Complex p(pr, pi), dp(dr, di);
-    return {p / dp, std::hypot(pr, pi) <= tolerance * bound};
+    return {p / dp, portable::Hypot(pr, pi) <= tolerance * bound};
   }
   // p(z) = z^n q(w) with q(w) = sum a_k w^(n-k), so that
   // p / p' = 1 / (w (n - w q'(w) / q(w))).
@@ -75,7 +77,7 @@ NewtonStep Newton(const double* a, Index n, Complex z) {
   }
   const Complex q(pr, pi), dq(dr, di);
   return {1.0 / (w * (static_cast<double>(n) - w * dq / q)),
-          std::hypot(pr, pi) <= tolerance * bound};
+          portable::Hypot(pr, pi) <= tolerance * bound};
 }
 
 bool IsFinite(Complex z) { return std::isfinite(z.real()) && std::isfinite(z.imag()); }
@@ -161,14 +163,14 @@ bool AberthRoots(const Coefficients& a, const Roots& start, Roots* roots, int ma
 Roots ColdStart(const Coefficients& a) {
   const Index n = a.size() - 1;
   if (n < 1) return {};
-  double radius = std::pow(std::abs(a(0) / a(n)), 1.0 / static_cast<double>(n));
+  double radius = portable::Exp(portable::Log(std::abs(a(0) / a(n))) / static_cast<double>(n));
   if (!(radius > 0.0) || !std::isfinite(radius)) radius = 1.0;
   Roots z(n);
   // An offset angle keeps the guesses off the real axis, where the roots of
   // a real polynomial pair up.
   for (Index k = 0; k < n; ++k) {
     const double angle = 2.0 * std::numbers::pi * static_cast<double>(k) / n + 0.4;
-    z[k] = std::polar(radius, angle);
+    z[k] = portable::Polar(radius, angle);
   }
   return z;
 }
@@ -179,7 +181,7 @@ Roots WarmStart(const Roots& previous, Eigen::Index degree) {
   z.head(previous.size()) = previous;
   std::vector<double> angles;
   angles.reserve(static_cast<std::size_t>(degree));
-  for (Index i = 0; i < previous.size(); ++i) angles.push_back(std::arg(previous[i]));
+  for (Index i = 0; i < previous.size(); ++i) angles.push_back(portable::Arg(previous[i]));
   for (Index k = previous.size(); k < degree; ++k) {
     // The middle of the widest gap between the angles taken so far, on the
     // unit circle where the poles of interest lie.
@@ -196,8 +198,8 @@ Roots WarmStart(const Roots& previous, Eigen::Index degree) {
         }
       }
     }
-    z[k] = std::polar(1.0, angle);
-    angles.push_back(std::arg(z[k]));
+    z[k] = portable::Polar(1.0, angle);
+    angles.push_back(portable::Arg(z[k]));
   }
   return z;
 }

@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "stability/portable_math.h"
+
 namespace frfcam::stability {
 
 namespace {
@@ -13,7 +15,8 @@ namespace {
 constexpr double kTwoPi = 2.0 * std::numbers::pi;
 
 // A small self-contained generator so that a seed gives the same noise with
-// every standard library (std::normal_distribution is not portable).
+// every standard library and C runtime (std::normal_distribution is not
+// portable, nor are the runtimes' logarithms and sines).
 class NoiseSource {
  public:
   explicit NoiseSource(std::uint64_t seed) : state_(seed * 0x9E3779B97F4A7C15ull + 1) {}
@@ -23,8 +26,8 @@ class NoiseSource {
     // Box-Muller; u1 lies in (0, 1] so the logarithm is finite.
     const double u1 = (static_cast<double>(Bits() >> 11) + 1.0) * 0x1.0p-53;
     const double u2 = static_cast<double>(Bits() >> 11) * 0x1.0p-53;
-    const double radius = std::sqrt(-std::log(u1));  // sqrt(-2 ln u1) / sqrt(2)
-    return {radius * std::cos(kTwoPi * u2), radius * std::sin(kTwoPi * u2)};
+    const double radius = std::sqrt(-portable::Log(u1));  // sqrt(-2 ln u1) / sqrt(2)
+    return portable::Polar(radius, kTwoPi * u2);
   }
 
  private:
@@ -41,7 +44,8 @@ class NoiseSource {
 // channels whose magnitude is kept above 0.35 so that no mode vanishes from
 // any channel.
 double ShapeValue(int r, int c, int numChannels) {
-  const double s = std::sin(std::numbers::pi * (r + 1) * (c + 0.5) / numChannels + 0.3);
+  double s, unused;
+  portable::SinCos(std::numbers::pi * (r + 1) * (c + 0.5) / numChannels + 0.3, &s, &unused);
   return std::copysign(0.35 + 0.65 * std::abs(s), s);
 }
 
@@ -86,7 +90,9 @@ SyntheticFrfs SynthesizeFrfs(const SyntheticSystem& system) {
     for (int r = 0; r < modes; ++r) {
       const double w = kTwoPi * system.modes[r].frequencyHz;
       // A small per-mode phase, as with mildly non-proportional damping.
-      const std::complex<double> phase = std::polar(1.0, 0.1 * std::sin(1.7 * (r + 1)));
+      double s, unused;
+      portable::SinCos(1.7 * (r + 1), &s, &unused);
+      const std::complex<double> phase = portable::Polar(1.0, 0.1 * s);
       out.residues[c][r] = w * w * ShapeValue(r, c, channels) * phase;
     }
   }

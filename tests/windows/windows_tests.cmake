@@ -16,6 +16,7 @@ if(FRFCAM_LINUX_BUILD)
   add_test(NAME agrees_with_linux
     COMMAND ${FRFCAM_SYSTEM_PYTHON} ${CMAKE_CURRENT_SOURCE_DIR}/windows/compare_with_linux.py
             --linux-build ${FRFCAM_LINUX_BUILD} --windows-host $<TARGET_FILE:host_run>
+            --windows-cli $<TARGET_FILE:frfcam_cli>
             --wine-run ${CMAKE_CURRENT_SOURCE_DIR}/windows/wine-run
             --schema ${CMAKE_SOURCE_DIR}/proto)
 endif()
