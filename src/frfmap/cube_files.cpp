@@ -1,5 +1,6 @@
 #include "frfmap/cube_files.h"
 
+#include <algorithm>
 #include <filesystem>
 
 #include "frfmap/capture_header.h"
@@ -36,6 +37,13 @@ const platform::File* CubeFileSet::FileFor(std::uint32_t bin) {
     files_[n].Open(
         DataFilePath(header_path_, DataFile::kCube, n),
         mode_ == Mode::kWrite ? platform::File::Mode::kCreate : platform::File::Mode::kRead);
+    // The planes are written a block's run at a time, out of order.
+    if (mode_ == Mode::kWrite && files_[n].is_open()) {
+      const std::uint64_t first = static_cast<std::uint64_t>(n - 1) * layout_.bins_per_file;
+      const std::uint64_t planes =
+          std::min<std::uint64_t>(layout_.bins_per_file, layout_.bins - first);
+      files_[n].Reserve(planes * layout_.plane_bytes);
+    }
   }
   return files_[n].is_open() ? &files_[n] : nullptr;
 }

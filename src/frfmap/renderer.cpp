@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
 #include <exception>
 
@@ -44,8 +45,7 @@ std::uint32_t PipelineBlock(std::uint32_t planned, std::uint32_t width, std::uin
   const std::uint64_t fit = target / (static_cast<std::uint64_t>(bins) * kSpectrumValueBytes);
   std::uint64_t block;
   if (pixels % kPagePixels == 0 && fit >= kPagePixels && planned >= kPagePixels) {
-    block = std::min<std::uint64_t>(fit, planned);
-    block -= block % kPagePixels;
+    block = std::bit_floor(std::min<std::uint64_t>(fit, planned) / kPagePixels) * kPagePixels;
   } else {
     block = std::min<std::uint64_t>(planned, std::max<std::uint64_t>(1, fit / width) * width);
   }

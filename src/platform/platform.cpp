@@ -244,6 +244,23 @@ std::size_t File::WriteAt(std::uint64_t offset, const void* data, std::size_t si
   return done;
 }
 
+bool File::Reserve(std::uint64_t size) const {
+  if (fd_ < 0 || size == 0 || size > static_cast<std::uint64_t>(INT64_MAX)) return false;
+  // Past the file-size limit, fallocate raises the same signal as a write.
+  struct rlimit limit;
+  if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
+      size > limit.rlim_cur) {
+    return false;
+  }
+  // fallocate, not posix_fallocate: where the file system cannot allocate
+  // ahead, the latter writes zeros over the whole range.
+  int r;
+  do {
+    r = ::fallocate(static_cast<int>(fd_), 0, 0, static_cast<off_t>(size));
+  } while (r != 0 && errno == EINTR);
+  return r == 0;
+}
+
 #endif  // !_WIN32
 
 }  // namespace frfcam::platform

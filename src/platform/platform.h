@@ -134,6 +134,16 @@ class File {
   // signal for it. The process's signal mask and handlers are not touched.
   std::size_t WriteAt(std::uint64_t offset, const void* data, std::size_t size) const;
 
+  // Asks the file system to allocate the first `size` bytes of a file that
+  // is about to be written out of order, so that each later write lands in
+  // allocated space (on Linux with ext4 that costs the writes about a third
+  // less CPU than allocating as they come). Bytes not yet written read as
+  // zero; the file's size becomes `size` if it was smaller. A hint only:
+  // false where it was not done (not supported, no space, or past the
+  // process's file-size limit, which raises no signal); WriteAt still
+  // reports every failure. On Windows it does nothing and returns false.
+  bool Reserve(std::uint64_t size) const;
+
  private:
   std::intptr_t fd_ = -1;  // a descriptor, or on Windows a HANDLE
 };
