@@ -8,6 +8,9 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__) || defined(_M_X64)
+#include <immintrin.h>
+#endif
 
 #include <algorithm>
 #include <climits>
@@ -22,6 +25,102 @@ constexpr std::int32_t kMeasuredFrames = 65536;
 // take, so that it and a panel's series stay in a core's cache.
 constexpr std::uint32_t kGroupMax = 4;
 constexpr std::size_t kStagingBytes = 256u << 10;
+
+// One bin's row of a panel, written to `dst`. Whole rows go past the cache:
+// the block is far larger than it, and is next read by the write to the
+// cube, so fetching its lines first only doubles the traffic.
+void StoreRow(const float* row, std::uint32_t count, std::complex<float>* dst) {
+#if defined(__SSE2__)
+  if (count == SpectrumKernel::kPanelPixels && (reinterpret_cast<std::uintptr_t>(dst) & 15) == 0) {
+    float* out = reinterpret_cast<float*>(dst);
+    for (std::uint32_t i = 0; i < 2 * SpectrumKernel::kPanelPixels; i += 4)
+      _mm_stream_ps(out + i, _mm_load_ps(row + i));
+    return;
+  }
+#endif
+  // A fixed-size copy for whole panels compiles to a few vector moves.
+  if (count == SpectrumKernel::kPanelPixels) {
+    std::memcpy(reinterpret_cast<float*>(dst), row,
+                2 * SpectrumKernel::kPanelPixels * sizeof(float));
+  } else {
+    std::memcpy(reinterpret_cast<float*>(dst), row, count * sizeof(std::complex<float>));
+  }
+}
+
+// Splits each transformed series Z of a panel into its two real inputs
+// a + ib: A[k] = (Z[k] + conj Z[F-k]) / 2, B[k] = (Z[k] - conj Z[F-k]) / 2i,
+// scaled by 1/F (`h` is 1/2F); A and B are neighbours in the bin-major
+// block. This is bin `k`'s row. Every path below computes the same sums in
+// the same order, so the cube does not depend on the processor.
+void SplitBin(const float* z, std::size_t frames, std::size_t k, float h, std::uint32_t count,
+              std::complex<float>* spectra, std::uint32_t n) {
+  alignas(64) float row[2 * SpectrumKernel::kPanelPixels];
+  const std::size_t mirror = (frames - k) % frames;
+#if defined(__SSE2__)
+  // (zr + mr, zi - mi, zi + mi, mr - zr) from (zr, zi, zi, zr) and
+  // (mr, mi, mi, mr) with the signs flipped where needed.
+  const __m128 flip_z = _mm_castsi128_ps(_mm_set_epi32(INT32_MIN, 0, 0, 0));
+  const __m128 flip_m = _mm_castsi128_ps(_mm_set_epi32(0, 0, INT32_MIN, 0));
+  const __m128 scale = _mm_set1_ps(h);
+  for (int j = 0; j < kSeries; ++j) {
+    const float* zs = z + 2 * (j * frames + k);
+    const float* ms = z + 2 * (j * frames + mirror);
+    const __m128 zv = _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(zs)));
+    const __m128 mv = _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(ms)));
+    const __m128 zz = _mm_shuffle_ps(zv, zv, _MM_SHUFFLE(0, 1, 1, 0));
+    const __m128 mm = _mm_shuffle_ps(mv, mv, _MM_SHUFFLE(0, 1, 1, 0));
+    const __m128 sum = _mm_add_ps(_mm_xor_ps(zz, flip_z), _mm_xor_ps(mm, flip_m));
+    _mm_store_ps(row + 4 * j, _mm_mul_ps(sum, scale));
+  }
+#else
+  for (int j = 0; j < kSeries; ++j) {
+    const float zr = z[2 * (j * frames + k)], zi = z[2 * (j * frames + k) + 1];
+    const float mr = z[2 * (j * frames + mirror)], mi = z[2 * (j * frames + mirror) + 1];
+    row[4 * j + 0] = (zr + mr) * h;
+    row[4 * j + 1] = (zi - mi) * h;
+    row[4 * j + 2] = (zi + mi) * h;
+    row[4 * j + 3] = (mr - zr) * h;
+  }
+#endif
+  StoreRow(row, count, spectra + k * n);
+}
+
+#if defined(__x86_64__) || defined(_M_X64)
+// Bins k0 .. k1 - 1 (a multiple of 4, k0 >= 1, so that no mirror wraps), four
+// at a time: each series' four values and their four mirrors are two
+// contiguous loads, where one bin at a time needs eight scattered ones.
+__attribute__((target("avx"))) void SplitBinsAvx(const float* z, std::size_t frames, std::size_t k0,
+                                                 std::size_t k1, float h, std::uint32_t count,
+                                                 std::complex<float>* spectra, std::uint32_t n) {
+  alignas(64) float rows[4][2 * SpectrumKernel::kPanelPixels];
+  const __m256 scale = _mm256_set1_ps(h);
+  const __m256 flip_im =
+      _mm256_castsi256_ps(_mm256_set_epi32(INT32_MIN, 0, INT32_MIN, 0, INT32_MIN, 0, INT32_MIN, 0));
+  for (std::size_t k = k0; k < k1; k += 4) {
+    for (int j = 0; j < kSeries; ++j) {
+      const float* series = z + 2 * j * frames;
+      const __m256 zv = _mm256_loadu_ps(series + 2 * k);  // Z[k .. k+3]
+      // Z[F-k-3 .. F-k], reversed to Z[F-k], Z[F-k-1], Z[F-k-2], Z[F-k-3].
+      __m256 mv = _mm256_loadu_ps(series + 2 * (frames - k - 3));
+      mv = _mm256_permute2f128_ps(mv, mv, 1);
+      mv = _mm256_permute_ps(mv, _MM_SHUFFLE(1, 0, 3, 2));
+      // A = (zr + mr, zi - mi), B = (zi + mi, mr - zr), as in SplitBin.
+      const __m256 a = _mm256_mul_ps(_mm256_add_ps(zv, _mm256_xor_ps(mv, flip_im)), scale);
+      const __m256 zs = _mm256_permute_ps(zv, _MM_SHUFFLE(2, 3, 0, 1));
+      const __m256 ms = _mm256_permute_ps(mv, _MM_SHUFFLE(2, 3, 0, 1));
+      const __m256 b = _mm256_mul_ps(_mm256_add_ps(_mm256_xor_ps(zs, flip_im), ms), scale);
+      // (A, B) of bins k, k+2 and of bins k+1, k+3.
+      const __m256d even = _mm256_unpacklo_pd(_mm256_castps_pd(a), _mm256_castps_pd(b));
+      const __m256d odd = _mm256_unpackhi_pd(_mm256_castps_pd(a), _mm256_castps_pd(b));
+      _mm_store_pd(reinterpret_cast<double*>(rows[0] + 4 * j), _mm256_castpd256_pd128(even));
+      _mm_store_pd(reinterpret_cast<double*>(rows[1] + 4 * j), _mm256_castpd256_pd128(odd));
+      _mm_store_pd(reinterpret_cast<double*>(rows[2] + 4 * j), _mm256_extractf128_pd(even, 1));
+      _mm_store_pd(reinterpret_cast<double*>(rows[3] + 4 * j), _mm256_extractf128_pd(odd, 1));
+    }
+    for (std::size_t t = 0; t < 4; ++t) StoreRow(rows[t], count, spectra + (k + t) * n);
+  }
+}
+#endif
 }  // namespace
 
 struct SpectrumKernel::Workspace {
@@ -182,60 +281,18 @@ void SpectrumKernel::TransformPanel(const std::uint16_t* rows, std::size_t row_s
   }
   fftwf_execute_dft(plan_.get(), ws.series.get(), ws.spectra.get());
   const float* z = reinterpret_cast<const float*>(ws.spectra.get());
-
-  // Split each series Z into its two real inputs a + ib:
-  // A[k] = (Z[k] + conj Z[F-k]) / 2, B[k] = (Z[k] - conj Z[F-k]) / 2i,
-  // scaled by 1/F; A and B are neighbours in the bin-major block.
   const float h = 0.5f * static_cast<float>(1.0 / static_cast<double>(frames_));
   const std::size_t bins = frames / 2 + 1;
-  alignas(64) float row[2 * kPanelPixels];
-  for (std::size_t k = 0; k < bins; ++k) {
-    const std::size_t mirror = (frames - k) % frames;
-#if defined(__SSE2__)
-    // (zr + mr, zi - mi, zi + mi, mr - zr) from (zr, zi, zi, zr) and
-    // (mr, mi, mi, mr) with the signs flipped where needed.
-    const __m128 flip_z = _mm_castsi128_ps(_mm_set_epi32(INT32_MIN, 0, 0, 0));
-    const __m128 flip_m = _mm_castsi128_ps(_mm_set_epi32(0, 0, INT32_MIN, 0));
-    const __m128 scale = _mm_set1_ps(h);
-    for (int j = 0; j < kSeries; ++j) {
-      const float* zs = z + 2 * (j * frames + k);
-      const float* ms = z + 2 * (j * frames + mirror);
-      const __m128 z = _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(zs)));
-      const __m128 m = _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(ms)));
-      const __m128 zz = _mm_shuffle_ps(z, z, _MM_SHUFFLE(0, 1, 1, 0));
-      const __m128 mm = _mm_shuffle_ps(m, m, _MM_SHUFFLE(0, 1, 1, 0));
-      const __m128 sum = _mm_add_ps(_mm_xor_ps(zz, flip_z), _mm_xor_ps(mm, flip_m));
-      _mm_store_ps(row + 4 * j, _mm_mul_ps(sum, scale));
-    }
-#else
-    for (int j = 0; j < kSeries; ++j) {
-      const float zr = z[2 * (j * frames + k)], zi = z[2 * (j * frames + k) + 1];
-      const float mr = z[2 * (j * frames + mirror)], mi = z[2 * (j * frames + mirror) + 1];
-      row[4 * j + 0] = (zr + mr) * h;
-      row[4 * j + 1] = (zi - mi) * h;
-      row[4 * j + 2] = (zi + mi) * h;
-      row[4 * j + 3] = (mr - zr) * h;
-    }
-#endif
-    std::complex<float>* dst = spectra + k * n;
-#if defined(__SSE2__)
-    // Whole rows go past the cache: the block is far larger than it, and is
-    // next read by the write to the cube, so fetching its lines first only
-    // doubles the traffic.
-    if (count == kPanelPixels && (reinterpret_cast<std::uintptr_t>(dst) & 15) == 0) {
-      float* out = reinterpret_cast<float*>(dst);
-      for (std::uint32_t i = 0; i < 2 * kPanelPixels; i += 4)
-        _mm_stream_ps(out + i, _mm_load_ps(row + i));
-      continue;
-    }
-#endif
-    // A fixed-size copy for whole panels compiles to a few vector moves.
-    if (count == kPanelPixels) {
-      std::memcpy(spectra + k * n, row, sizeof row);
-    } else {
-      std::memcpy(spectra + k * n, row, count * sizeof(std::complex<float>));
-    }
+  std::size_t k = 0;
+#if defined(__x86_64__) || defined(_M_X64)
+  static const bool avx = __builtin_cpu_supports("avx");
+  if (avx && bins > 4) {
+    SplitBin(z, frames, 0, h, count, spectra, n);
+    k = 1 + (bins - 1) / 4 * 4;
+    SplitBinsAvx(z, frames, 1, k, h, count, spectra, n);
   }
+#endif
+  for (; k < bins; ++k) SplitBin(z, frames, k, h, count, spectra, n);
 }
 
 }  // namespace frfcam::frfmap
