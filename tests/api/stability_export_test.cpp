@@ -211,16 +211,6 @@ TEST(StabilityExport, WithoutStablePolesTheModalFieldsStayAbsent) {
   EXPECT_EQ(record["lower_residual"], Words{"absent"});
 }
 
-TEST(StabilityExport, UnwritableFileIsReportedAndStillSucceeds) {
-  ScratchDir dir;
-  const Inputs in = KnownSystem(dir.file("no-such-dir/record.pb"));
-  const auto r = RunInChild([&] { return in.Call(); });
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.err, "Failed to write address book.\n");
-  EXPECT_TRUE(std::regex_match(r.out, kTimingLine)) << r.out;
-  EXPECT_FALSE(fs::exists(dir.path() / "no-such-dir"));
-}
-
 // Lines where frf is not finite leave the residue fit (and, with flag2, the
 // denominator fit); the chart, the selection and the model are all there.
 TEST(StabilityExport, NonFiniteFrfValuesStillGiveTheWholeRecord) {
@@ -250,50 +240,44 @@ TEST(StabilityExport, NonFiniteFrfValuesStillGiveTheWholeRecord) {
   }
 }
 
-// 50 lines: the call runs to order 100. With 3 channels the lines determine
-// orders up to 3 x 97 / 4 = 72; the entries above are there, and empty.
-TEST(StabilityExport, OrdersBeyondTheLinesHaveEmptyEntries) {
-  if (!frfcam::test::HaveSystemPython("google.protobuf")) GTEST_SKIP() << "no python3-protobuf";
+// Paths that take no regular file: reported, and the call still succeeds. A
+// FIFO must neither block the call (the child gives up after a while, so a
+// regression cannot hang the suite) nor receive the bytes when it has a
+// reader.
+TEST(StabilityExport, UnwritablePathsAreReportedAndTheCallStillSucceeds) {
   ScratchDir dir;
-  Inputs in = KnownSystem(dir.file("record.pb"), 50, 3);
-  in.minOrder = 2;
-  in.maxOrder = 100;
-  const auto r = RunInChild([&] { return in.Call(); });
-  ASSERT_EQ(r.status, 0);
-  auto record = ReadRecord(in.path);
-  EXPECT_EQ(record["numOrders"], Words{"99"});
-  const Words& orderInfo = record["orderInfo"];
-  ASSERT_EQ(orderInfo.size(), 5u * 98);
-  for (int order = 3; order <= 100; ++order) {
-    const std::size_t k = 5 * static_cast<std::size_t>(order - 3);
-    EXPECT_EQ(orderInfo[k], std::to_string(order));
-    const bool empty = orderInfo[k + 1] == "s:" && orderInfo[k + 2] == "f:" &&
-                       orderInfo[k + 3] == "d:" && orderInfo[k + 4] == "o:";
-    EXPECT_EQ(empty, order > 72) << "order " << order;
+  std::vector<std::string> paths = {dir.file("no-such-dir/record.pb")};
+#if !defined(_WIN32)
+  const std::string fifo = dir.file("fifo");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  paths.insert(paths.end(), {fifo, "/dev/null", dir.path().string()});
+#endif
+  for (const std::string& path : paths) {
+    Inputs in = KnownSystem(path, 100, 2);
+    in.minOrder = 2;
+    in.maxOrder = 10;
+    const auto r = RunInChild([&] {
+#if !defined(_WIN32)
+      ::alarm(60);
+#endif
+      return in.Call();
+    });
+    EXPECT_EQ(r.status, 0) << path;
+    EXPECT_EQ(r.err, "Failed to write address book.\n") << path;
+    EXPECT_TRUE(std::regex_match(r.out, kTimingLine)) << path << ": " << r.out;
   }
-  EXPECT_FALSE(record["selected_poles"].empty());
-}
-
-// A FIFO at the output path (with no reader) must neither block the call nor
-// be written to; the child gives up after a while so that a regression
-// cannot hang the suite.
-TEST(StabilityExport, FifoAtTheOutputPathIsUnwritable) {
-#if defined(_WIN32)
-  FRFCAM_SKIP_ON_WINDOWS("no FIFOs");
-#else
-  ScratchDir dir;
-  Inputs in = KnownSystem(dir.file("fifo"), 100, 2);
+  EXPECT_FALSE(fs::exists(dir.path() / "no-such-dir"));
+#if !defined(_WIN32)
+  EXPECT_TRUE(fs::is_fifo(fifo));
+  const int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+  ASSERT_GE(reader, 0);
+  Inputs in = KnownSystem(fifo, 100, 2);
   in.minOrder = 2;
   in.maxOrder = 10;
-  ASSERT_EQ(::mkfifo(in.path.c_str(), 0600), 0);
-  const auto r = RunInChild([&] {
-    ::alarm(60);
-    return in.Call();
-  });
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.err, "Failed to write address book.\n");
-  EXPECT_TRUE(std::regex_match(r.out, kTimingLine)) << r.out;
-  EXPECT_TRUE(fs::is_fifo(in.path));
+  EXPECT_EQ(RunInChild([&] { return in.Call(); }).err, "Failed to write address book.\n");
+  char byte;
+  EXPECT_EQ(::read(reader, &byte, 1), 0) << "bytes reached the FIFO";
+  ::close(reader);
 #endif
 }
 

@@ -15,16 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-test::CommandResult Cli(const std::string& args) {
-  return test::RunCommand(std::string(FRFCAM_CLI) + " " + args);
-}
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
+using test::Cli;
 
 class ModesCli : public ::testing::Test {
  protected:
@@ -45,7 +36,7 @@ TEST_F(ModesCli, RendersFitsAndWritesEveryOutput) {
   EXPECT_NE(r.out.find("rendering it"), std::string::npos);  // no cube before
   EXPECT_NE(r.out.find("3 mode(s)"), std::string::npos) << r.out;
 
-  const std::string csv = Slurp(out + "/modes.csv");
+  const std::string csv = test::ReadFile(out + "/modes.csv");
   EXPECT_EQ(csv.substr(0, csv.find('\n')), "mode,frequency_hz,damping_ratio,mpc");
   EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 4);
   std::istringstream rows(csv.substr(csv.find('\n') + 1));
@@ -61,13 +52,13 @@ TEST_F(ModesCli, RendersFitsAndWritesEveryOutput) {
 
   for (int k = 1; k <= 3; ++k) {
     const std::string base = out + "/mode_" + std::to_string(k);
-    const std::string png = Slurp(base + ".png");
+    const std::string png = test::ReadFile(base + ".png");
     EXPECT_EQ(png.substr(1, 3), "PNG");
     EXPECT_NE(png.find("tEXtScale"), std::string::npos);
-    EXPECT_EQ(Slurp(base + ".gif").substr(0, 6), "GIF89a");
+    EXPECT_EQ(test::ReadFile(base + ".gif").substr(0, 6), "GIF89a");
   }
   EXPECT_FALSE(fs::exists(out + "/mode_4.npy"));
-  const std::string svg = Slurp(out + "/chart.svg");
+  const std::string svg = test::ReadFile(out + "/chart.svg");
   EXPECT_EQ(svg.substr(0, 4), "<svg");
   EXPECT_NE(svg.find("</svg>"), std::string::npos);
 
@@ -88,7 +79,7 @@ TEST_F(ModesCli, RerendersAShortCubeAndHonoursTheBand) {
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.out.find("too short"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("2 mode(s)"), std::string::npos) << r.out;
-  const std::string csv = Slurp(dir.file("out/modes.csv"));
+  const std::string csv = test::ReadFile(dir.file("out/modes.csv"));
   EXPECT_EQ(csv.find(",120."), std::string::npos) << csv;
 }
 

@@ -90,13 +90,10 @@ class RenderedCube(unittest.TestCase):
         cube = self.cube
         cases = [
             (lambda: cube.plane(2.0), ValueError, "integer"),
-            (lambda: cube.map(bin=2.5), ValueError, "integer"),
             (lambda: cube.plane(33), ValueError, "0..32"),
-            (lambda: cube.map(bin=-1), ValueError, "0..32"),
             (lambda: cube.map(freq=1e300), ValueError, "Hz"),
             (lambda: cube.map(freq=501.0), ValueError, "500 Hz"),
             (lambda: cube.map(), ValueError, "exactly one"),
-            (lambda: cube.map(bin=1, freq=2.0), ValueError, "exactly one"),
             (lambda: cube.spectrum(40, 0), ValueError, "outside"),
             (lambda: cube.map(bin=1, reference=np.ones(10)), ValueError, "64 frames"),
             (lambda: cube.map(bin=1, gain=float("nan")), ValueError, "finite"),

@@ -1,16 +1,12 @@
 """Universal files through the installed package: a hand-made dataset 58,
-round trips of what write_uff58 writes, the FRF matrix for the analysis, and
-the files `frfcam stability --write-uff` writes."""
+round trips of what write_uff58 writes, and the FRF matrix for the analysis."""
 import os
-import subprocess
 import tempfile
 import unittest
 
 import numpy as np
 
 import frfcam
-
-CLI = os.environ["FRFCAM_CLI"]
 
 HAND_MADE = "\n".join([
     "    -1",
@@ -93,21 +89,6 @@ class Uff(unittest.TestCase):
             frfcam.write_uff58(self.path("w.uff"),
                                [frfcam.UffFunction(x=x ** 2, y=x, even_abscissa=True)])
         self.assertFalse(os.path.exists(self.path("w.uff")))
-
-    def test_fit_written_by_the_command_line(self):
-        csv = self.path("f.csv")
-        subprocess.run([CLI, "synth-frf", csv, "--lines", "400", "--channels", "2"], check=True,
-                       stdout=subprocess.DEVNULL)
-        subprocess.run([CLI, "stability", csv, "-o", self.path("r.pb"), "--write-uff",
-                        self.path("fit.uff"), "--binary-uff"], check=True, stdout=subprocess.DEVNULL)
-        table = np.loadtxt(csv, delimiter=",", skiprows=1)
-        freq, fit, used = frfcam.uff_frf_matrix(frfcam.read_uff58(self.path("fit.uff")))
-        # Record 7 holds the start and step of an even abscissa as E13.5.
-        np.testing.assert_allclose(freq, table[:, 0], rtol=1e-5)
-        measured = table[:, 1::2] + 1j * table[:, 2::2]
-        self.assertLess(np.abs(fit - measured).max(), 0.02 * np.abs(measured).max())
-        record = frfcam.read_record(self.path("r.pb"))
-        np.testing.assert_allclose(record.synthesised[:, 0], fit[:, 0])
 
 
 if __name__ == "__main__":

@@ -68,7 +68,7 @@ bool ExactlyTheModes(const SelectedPoles& got, const std::vector<double>& hz) {
 }
 
 SelectedPoles Select(const RealVector& omega, const ComplexMatrix& h, const SelectionSettings& s,
-                  SelectedPoles* exact = nullptr) {
+                     SelectedPoles* exact = nullptr) {
   const EstimationResult e = Estimate(omega, ComplexVector(), h, {s.minOrder, s.maxOrder},
                                       s.frequencyTolerance, s.dampingTolerance, false, false);
   if (exact != nullptr) {

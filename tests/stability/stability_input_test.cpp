@@ -1,11 +1,14 @@
-// The stability command's inputs and outputs: CSV with or without a header,
-// rows too long to be a table, UFF 58 and .npz input, the fitted FRFs as UFF,
-// and outputs that cannot be written, refused before the fit.
+// The stability command's inputs and outputs: the modes of a CSV table with
+// or without a header, malformed tables and rows too long to be one, UFF 58
+// and .npz input, the fitted FRFs as UFF, and outputs that cannot be written,
+// refused before the fit.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,13 +19,10 @@
 namespace frfcam {
 namespace {
 
+using test::Cli;
 using test::CommandResult;
 using test::RunCommand;
 using test::ScratchDir;
-
-CommandResult Cli(const std::string& args) {
-  return RunCommand(std::string(FRFCAM_CLI) + " " + args);
-}
 
 // The five-mode system as UFF functions: one FRF per channel, response
 // nodes 101, 102, ... in +Z, and a time history that must be skipped.
@@ -66,7 +66,19 @@ int CountModes(const std::string& out) {
   return std::stoi(out.substr(out.rfind('\n', at) + 1));
 }
 
-TEST(StabilityInput, CsvWithoutHeaderAndRowsTooLong) {
+// The frequencies of the mode table below its header.
+std::vector<double> TableFrequencies(const std::string& out) {
+  std::vector<double> found;
+  const std::regex row(R"(^\s+\d+\s+([0-9.]+)\s+([0-9.]+)\s+\S+\s*$)");
+  std::istringstream lines(out.substr(std::min(out.find("frequency [Hz]"), out.size())));
+  std::smatch m;
+  for (std::string line; std::getline(lines, line);) {
+    if (std::regex_match(line, m, row)) found.push_back(std::stod(m[1]));
+  }
+  return found;
+}
+
+TEST(StabilityInput, CsvWithAndWithoutHeaderAndMalformedRows) {
   FRFCAM_SKIP_ON_WINDOWS("the long rows are piped through a POSIX shell");
   ScratchDir dir;
   const std::string csv = dir.file("f.csv");
@@ -83,7 +95,17 @@ TEST(StabilityInput, CsvWithoutHeaderAndRowsTooLong) {
   EXPECT_NE(with.out.find("400 line(s) of 2 channel(s)"), std::string::npos) << with.out;
   EXPECT_NE(without.out.find("400 line(s) of 2 channel(s)"), std::string::npos) << without.out;
   EXPECT_NE(without.out.find("no header row"), std::string::npos);
-  EXPECT_EQ(CountModes(with.out), 5) << with.out;
+  const std::vector<double> found = TableFrequencies(with.out);
+  const auto modes = stability::DefaultFiveModeSystem().modes;
+  ASSERT_EQ(found.size(), modes.size()) << with.out;
+  for (std::size_t r = 0; r < modes.size(); ++r) {
+    EXPECT_NEAR(found[r], modes[r].frequencyHz, 2e-3 * modes[r].frequencyHz) << with.out;
+  }
+
+  std::ofstream(dir.file("bad.csv"), std::ios::binary) << "f,re,im\n1,2,3\n\n2,3\n";
+  const CommandResult bad = Cli("stability " + dir.file("bad.csv") + " -o " + dir.file("c.pb"));
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_NE(bad.err.find("bad.csv:4: expected 3 values, found 2"), std::string::npos) << bad.err;
 
   // A 64 MiB row under a 2 GiB address-space limit: one line, no allocation failure.
   const std::string wide = dir.file("wide.csv");
