@@ -9,8 +9,6 @@
 #include <fstream>
 #include <sstream>
 
-#include "support/test_support.h"
-
 namespace frfcam::formats {
 namespace {
 
@@ -232,18 +230,6 @@ TEST(Uff58Write, RefusesWhatTheFormatCannotHold) {
   EXPECT_THROW(FormatUff58({u}, true), std::invalid_argument);
   u = Function(3, false);
   EXPECT_THROW(FormatUff58({u}, false), std::invalid_argument);
-
-  test::ScratchDir dir;
-  std::string error;
-  EXPECT_FALSE(WriteUff58File(dir.file("no/such/folder.uff"), {Function(kUffComplexDouble, true)},
-                              false, &error));
-  EXPECT_NE(error.find("folder.uff"), std::string::npos) << error;
-  ASSERT_TRUE(
-      WriteUff58File(dir.file("fit.uff"), {Function(kUffComplexDouble, true)}, true, &error))
-      << error;
-  std::vector<Uff58> back;
-  ASSERT_TRUE(ReadUff58File(dir.file("fit.uff"), &back, &error)) << error;
-  EXPECT_EQ(back.size(), 1u);
 }
 
 }  // namespace

@@ -113,6 +113,10 @@ void ExpectCubeMatchesDft(const Capture& c) {
   EXPECT_EQ(fs::file_size(DataFilePath(c.header, DataFile::kCube, 1)), bins * plane);
 }
 
+#define FRFCAM_WHY_REPLACED_CUBE                                          \
+  "renders that replace a cube another object holds open (Windows keeps " \
+  "open files; tests/windows checks what happens there)"
+
 std::vector<int> g_progress;
 std::thread::id g_caller;
 bool g_on_caller = true;
@@ -240,9 +244,7 @@ TEST(RenderCube, TheFileSizeLimitGivesThreeNotASignal) {
 }
 
 TEST(RenderCube, AReaderOfAReplacedCubeGetsAShortReadNotAStaleOrMixedMap) {
-  FRFCAM_SKIP_ON_WINDOWS(
-      "renders that replace a cube another object holds open (Windows keeps "
-      "open files; tests/windows checks what happens there)");
+  FRFCAM_SKIP_ON_WINDOWS(FRFCAM_WHY_REPLACED_CUBE);
   ScratchDir dir, other;
   const Capture big = Make(dir, 16, 8, 40, 1, 50);
   ASSERT_EQ(OpenAndRender(big.header), 0);
@@ -442,9 +444,7 @@ void CancelAtHundred(int percent) {
 }
 
 TEST(CubeRecord, OnlyAFinishedRenderReadsComplete) {
-  FRFCAM_SKIP_ON_WINDOWS(
-      "renders that replace a cube another object holds open (Windows keeps "
-      "open files; tests/windows checks what happens there)");
+  FRFCAM_SKIP_ON_WINDOWS(FRFCAM_WHY_REPLACED_CUBE);
   ScratchDir dir;
   const Capture c = Make(dir, 8, 6, 12, 1, 12);
   const std::string record = (fs::path(c.header).replace_extension() / "cap.fft").string();
@@ -484,9 +484,7 @@ TEST(CubeRecord, OnlyAFinishedRenderReadsComplete) {
 }
 
 TEST(CubeRecord, ReadersOfACubeBeingRenderedSeeWholeMapsOrShortReads) {
-  FRFCAM_SKIP_ON_WINDOWS(
-      "renders that replace a cube another object holds open (Windows keeps "
-      "open files; tests/windows checks what happens there)");
+  FRFCAM_SKIP_ON_WINDOWS(FRFCAM_WHY_REPLACED_CUBE);
   ScratchDir dir;
   const Capture c = Make(dir, 64, 32, 40, 1, 40);
   ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);

@@ -52,22 +52,6 @@ lscf::SortedPoles PolesOf(const RealVector& denominator, const lscf::Band& band)
   return lscf::SortPoles(lscf::DenominatorPoles(denominator, band.dt), band.fMin);
 }
 
-TEST(EstimatorRecovery, NoiseFreeModesAtHighOrders) {
-  const SyntheticSystem system = DefaultFiveModeSystem(1000, 4, 0.0);
-  const Sweep sweep = FitAll(SynthesizeFrfs(system), 40, 60);
-  for (int n = 40; n <= 60; n += 4) {
-    const lscf::SortedPoles poles = PolesOf(sweep.denominators[n - 40], sweep.band);
-    ASSERT_GT(poles.frequency.size(), 0) << "order " << n;
-    for (const SyntheticMode& mode : system.modes) {
-      const SyntheticMode want = Mapped(mode, system.fMinHz);
-      const Eigen::Index i = Nearest(poles.frequency, want.frequencyHz);
-      EXPECT_NEAR(poles.frequency[i] / want.frequencyHz, 1.0, 1e-5)
-          << n << ", " << mode.frequencyHz;
-      EXPECT_NEAR(poles.damping[i] / want.damping, 1.0, 1e-3) << n << ", " << mode.frequencyHz;
-    }
-  }
-}
-
 // With 0.2 % noise every mode is among the stable poles of the last order,
 // with the damping of that same pole.
 TEST(EstimatorRecovery, NoisyModesAreTheLastOrdersStablePoles) {

@@ -98,15 +98,6 @@ TEST(Significance, DefaultsFindThreeMassesAcrossNoiseSeeds) {
   EXPECT_LT(exactRight, right);
 }
 
-// The five-mode system of the demo, with many channels and little noise.
-TEST(Significance, DefaultsFindTheFiveModeSystem) {
-  const SyntheticFrfs frfs = SynthesizeFrfs(DefaultFiveModeSystem(1000, 8, 0.002));
-  const SelectedPoles got = Select(frfs.omega, frfs.matrix, SelectionSettings{});
-  std::vector<double> hz;
-  for (const auto& m : DefaultFiveModeSystem().modes) hz.push_back(m.frequencyHz);
-  EXPECT_TRUE(ExactlyTheModes(got, hz)) << got.frequency.transpose();
-}
-
 // Duplicates and noise poles go; a weak but real mode stays; unphysical poles
 // are dropped before any fit, and the verdicts say why.
 TEST(Significance, FilterKeepsWhatTheDataNeed) {
