@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "frfcam/frfcam.h"
+#include "frfmap/capture_fixture.h"
 #include "support/test_support.h"
 
 namespace frfcam::frfmap {
@@ -27,14 +28,7 @@ std::string WriteCube(const ScratchDir& dir,
                       const std::vector<std::vector<std::complex<float>>>& planes,
                       std::uint8_t w = kW, std::uint8_t h = kH) {
   const std::string header = dir.file("m.hdr");
-  std::vector<char> bytes(2998, 0);
-  bytes[176] = static_cast<char>(w);
-  bytes[178] = static_cast<char>(h);
-  bytes[180] = 1;
-  bytes[464] = 10;
-  bytes[468] = kFrames;
-  std::ofstream(header, std::ios::binary)
-      .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  WriteHeader(header, w, h, kFrames, 10);
   fs::create_directories(dir.path() / "m");
   std::ofstream cube(dir.path() / "m" / "m_0001.fft", std::ios::binary);
   for (const auto& plane : planes) {

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "frfcam/frfcam.h"
+#include "frfmap/capture_fixture.h"
 #include "frfmap/capture_writer.h"
 #include "frfmap/cube_files.h"
 #include "frfmap/naming.h"
@@ -268,35 +269,7 @@ TEST(RenderCube, AReaderOfAReplacedCubeGetsAShortReadNotAStaleOrMixedMap) {
   EXPECT_EQ(ReadFRFMap(reader, 2, 1.0f, after.data()), 0);
   EXPECT_EQ(after, std::vector<unsigned char>(16 * 8, 1));
 
-  // Reopened, the bins past the new cube are short reads even where an
-  // older, longer cube file without a record lies on disk.
-  ASSERT_EQ(OpenCube(reader, big.header.c_str()), 0);
-  EXPECT_EQ(ReadFRFMap(reader, 2, 1.0f, after.data()), 0);
-  EXPECT_NE(after, std::vector<unsigned char>(16 * 8, 1));
-  std::vector<char> stale(40 / 2 * 16 * 8 * 8 + 16 * 8 * 8, 3);
-  std::ofstream(data / "cap_0001.fft", std::ios::binary)
-      .write(stale.data(), static_cast<std::streamsize>(stale.size()));
-  fs::remove(data / "cap.fft");
-  std::vector<unsigned char> untouched(16 * 8, 9);
-  EXPECT_EQ(ReadFRFMap(reader, 15, 1.0f, untouched.data()), 0);
-  EXPECT_EQ(untouched, std::vector<unsigned char>(16 * 8, 9));
   DeleteFrfMapCalcs(reader);
-}
-
-void WriteHeader(const std::string& path, std::uint16_t w, std::uint16_t h, std::int32_t frames,
-                 std::uint32_t per_file, std::size_t size = 2998) {
-  std::vector<std::uint8_t> b(size, 0);
-  auto put = [&](std::size_t at, std::uint64_t v, int bytes) {
-    for (int i = 0; i < bytes; ++i)
-      if (at + i < b.size()) b[at + i] = static_cast<std::uint8_t>(v >> (8 * i));
-  };
-  put(176, w, 2);
-  put(178, h, 2);
-  put(180, 1, 4);
-  put(464, per_file, 4);
-  put(468, static_cast<std::uint32_t>(frames), 4);
-  std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
 }
 
 TEST(OpenCube, RefusesCapturesItCannotRender) {
@@ -338,25 +311,6 @@ TEST(OpenCube, RefusesCapturesItCannotRender) {
   DeleteFrfMapCalcs(calcs);
 }
 
-TEST(DeleteCube, RemovesCubeFilesBelowAFolderOnly) {
-  ScratchDir dir;
-  const fs::path root = dir.path() / "runs";
-  fs::create_directories(root / "sub" / "deeper.fft");
-  for (const char* name : {"a_0001.fft", "a_0001.div", "sub/b_0002.fft", "c.FFT", "a.hdr", "a.cap",
-                           "sub/deeper.fft/x_0001.fft"}) {
-    std::ofstream(root / name) << "x";
-  }
-  DeleteCube(nullptr, root.string().c_str());
-  EXPECT_FALSE(fs::exists(root / "a_0001.fft"));
-  EXPECT_FALSE(fs::exists(root / "sub/b_0002.fft"));
-  EXPECT_FALSE(fs::exists(root / "sub/deeper.fft/x_0001.fft"));
-  for (const char* kept : {"a_0001.div", "c.FFT", "a.hdr", "a.cap", "sub/deeper.fft"}) {
-    EXPECT_TRUE(fs::exists(root / kept)) << kept;
-  }
-  DeleteCube(nullptr, (root / "does-not-exist").string().c_str());
-  DeleteCube(nullptr, nullptr);
-}
-
 // Runs the current test again in a child process with a time limit, so that
 // a hang or a signal fails the test instead of the test program. Returns true
 // in the child, which then runs the test's body.
@@ -387,6 +341,7 @@ TEST(RenderCube, UnreadableFramesAreZeroAndEveryOtherFrameIsRendered) {
     const std::string second = DataFilePath(c.header, DataFile::kDivision, 2);
     if (cut) {
       fs::resize_file(second, fs::file_size(second) - 5);
+      fs::resize_file(c.header, 2997);  // a header one byte short is no error
     } else {
       fs::remove(second);
     }
@@ -399,14 +354,6 @@ TEST(RenderCube, UnreadableFramesAreZeroAndEveryOtherFrameIsRendered) {
     ExpectCubeMatchesDft(c);
     EXPECT_TRUE(CubeIsComplete(c.header));
   }
-}
-
-TEST(OpenCube, AShortHeaderIsNotAnError) {
-  ScratchDir dir;
-  const Capture c = Make(dir, 6, 4, 10, 1, 5);
-  fs::resize_file(c.header, 2997);
-  ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
-  ExpectCubeMatchesDft(c);
 }
 
 TEST(OpenCube, AFailedOpenLeavesTheObjectUnopened) {
@@ -554,14 +501,24 @@ TEST(HostileFiles, FifosAreRefusedAndNeverWaitedFor) {
   EXPECT_EQ(OpenCube(calcs, c.header.c_str()), FRFCAM_OPEN_BAD_CAPTURE);
   DeleteFrfMapCalcs(calcs);
 
-  // DeleteCube removes regular files only, and follows no link.
+  // DeleteCube removes regular files named *.fft below the folder only: no
+  // FIFO, no link, no folder, no other extension.
   fs::create_symlink(data / "cap_0001.fft", data / "link.fft");
   fifo(data / "pipe.fft");
-  DeleteCube(nullptr, data.c_str());
-  EXPECT_FALSE(fs::exists(data / "cap_0001.fft"));
-  EXPECT_FALSE(fs::exists(data / "cap.fft"));
-  EXPECT_TRUE(fs::is_fifo(data / "pipe.fft"));
-  EXPECT_TRUE(fs::is_symlink(data / "link.fft"));
+  fs::create_directories(dir.path() / "sub" / "deeper.fft");
+  for (const char* name : {"sub/b_0002.fft", "sub/deeper.fft/x_0001.fft", "c.FFT", "a.cap"}) {
+    std::ofstream(dir.path() / name) << "x";
+  }
+  DeleteCube(nullptr, dir.path().c_str());
+  for (const char* gone :
+       {"cap/cap_0001.fft", "cap/cap.fft", "sub/b_0002.fft", "sub/deeper.fft/x_0001.fft"}) {
+    EXPECT_FALSE(fs::exists(dir.path() / gone)) << gone;
+  }
+  for (const char* kept : {"cap/pipe.fft", "cap/link.fft", "sub/deeper.fft", "c.FFT", "a.cap"}) {
+    EXPECT_TRUE(fs::is_symlink(dir.path() / kept) || fs::exists(dir.path() / kept)) << kept;
+  }
+  DeleteCube(nullptr, (dir.path() / "does-not-exist").c_str());
+  DeleteCube(nullptr, nullptr);
 #endif
 }
 
