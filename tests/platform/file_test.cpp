@@ -67,12 +67,6 @@ TEST(File, OpensRegularFilesOnlyAndNeverBlocks) {
   std::uint64_t size = 0;
   ASSERT_TRUE(f.Size(&size));
   EXPECT_EQ(size, 100u);
-
-  EXPECT_TRUE(IsRegularFile(regular));
-  EXPECT_FALSE(IsRegularFile(link));
-  EXPECT_FALSE(IsRegularFile(fifo));
-  EXPECT_FALSE(IsRegularFile(sub));
-  EXPECT_FALSE(IsRegularFile(dir.file("missing")));
 }
 
 TEST(File, TruncationIsAShortReadAndCreationReplaces) {
