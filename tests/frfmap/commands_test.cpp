@@ -57,12 +57,9 @@ TEST(Commands, FromSyntheticCaptureToPngMap) {
 
 TEST(Commands, UsageAndVersionAreNotErrors) {
   FRFCAM_SKIP_ON_WINDOWS("the usage text is read through a POSIX shell");
-  for (const char* args : {"", "help", "--help"}) {
-    const test::CommandResult r = Cli(args);
-    EXPECT_EQ(r.status, 0) << args;
-    EXPECT_NE(r.out.find("Usage: frfcam"), std::string::npos) << args << r.out;
-    EXPECT_NE(r.out.find("stability"), std::string::npos) << args;
-  }
+  const test::CommandResult usage = Cli("");
+  EXPECT_EQ(usage.status, 0);
+  EXPECT_NE(usage.out.find("Usage: frfcam"), std::string::npos) << usage.out;
   const test::CommandResult version = Cli("--version");
   EXPECT_EQ(version.status, 0);
   EXPECT_TRUE(std::regex_match(version.out, std::regex("frfcam \\d+\\.\\d+\\.\\d+\n")))
