@@ -1,5 +1,6 @@
 // `frfcam modes` end to end: from a capture without a cube to every output
-// file, checked with numpy and by the files' own signatures.
+// file, checked by the files' own signatures (numpy reads the shapes in the
+// Python package's test).
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -57,16 +58,11 @@ TEST_F(ModesCli, RendersFitsAndWritesEveryOutput) {
     EXPECT_NE(png.find("tEXtScale"), std::string::npos);
     EXPECT_EQ(test::ReadFile(base + ".gif").substr(0, 6), "GIF89a");
   }
+  EXPECT_TRUE(fs::exists(out + "/mode_3.npy"));
   EXPECT_FALSE(fs::exists(out + "/mode_4.npy"));
   const std::string svg = test::ReadFile(out + "/chart.svg");
   EXPECT_EQ(svg.substr(0, 4), "<svg");
   EXPECT_NE(svg.find("</svg>"), std::string::npos);
-
-  if (!test::HaveSystemPython("numpy")) GTEST_SKIP() << "no python3-numpy";
-  const auto py = test::RunCommand(
-      std::string(FRFCAM_SYSTEM_PYTHON) + " -c \"import numpy as n; a = n.load('" + out +
-      "/mode_2.npy'); print(a.dtype, a.shape, int((a != 0).sum() > 1000))\"");
-  EXPECT_EQ(py.out, "complex64 (72, 96) 1\n") << py.err;
 }
 
 // A cut cube is rendered again; a band without the first mode leaves it out.
