@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 namespace frfcam::formats {
 namespace {
@@ -74,11 +75,9 @@ TEST(Uff58Read, AsciiFunctionsOfEveryLayout) {
 
   EXPECT_EQ(f[0].idLines[0], "H 101+Z / 1+Z");
   EXPECT_EQ(f[0].functionType, kUffFunctionFrf);
-  EXPECT_EQ(f[0].functionId, 7);
-  EXPECT_EQ(f[0].responseNode, 101);
-  EXPECT_EQ(f[0].responseDirection, 3);
-  EXPECT_EQ(f[0].referenceNode, 1);
-  EXPECT_EQ(f[0].referenceDirection, 3);
+  EXPECT_EQ(std::tie(f[0].functionId, f[0].responseNode, f[0].responseDirection, f[0].referenceNode,
+                     f[0].referenceDirection),
+            std::make_tuple(7, 101, 3, 1, 3));
   EXPECT_EQ(f[0].ordinateType, kUffComplexSingle);
   EXPECT_TRUE(f[0].evenAbscissa);
   EXPECT_EQ(f[0].abscissa.specificType, 18);
@@ -92,8 +91,7 @@ TEST(Uff58Read, AsciiFunctionsOfEveryLayout) {
 
   EXPECT_EQ(f[1].ordinateType, kUffRealDouble);
   EXPECT_FALSE(f[1].evenAbscissa);
-  EXPECT_EQ(f[1].responseNode, 5);
-  EXPECT_EQ(f[1].responseDirection, -2);
+  EXPECT_EQ(std::tie(f[1].responseNode, f[1].responseDirection), std::make_tuple(5, -2));
   EXPECT_EQ(UffDirectionName(f[1].responseDirection), "-Y");
   EXPECT_EQ(f[1].x, (std::vector<double>{1.0, 2.0, 3.5}));
   EXPECT_EQ(f[1].y, (std::vector<std::complex<double>>{{1.234567890123, 0}, {-0.2, 0}, {300, 0}}));

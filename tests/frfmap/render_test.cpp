@@ -48,12 +48,7 @@ Capture Make(const ScratchDir& dir, std::uint16_t w, std::uint16_t h, std::int32
              std::uint32_t fmt, std::uint32_t per_file, bool single = false) {
   Capture c;
   c.header = dir.file("cap.hdr");
-  c.desc.width = w;
-  c.desc.height = h;
-  c.desc.frames = frames;
-  c.desc.fps = 500.0;
-  c.desc.pixel_format = fmt;
-  c.desc.frames_per_file = per_file;
+  c.desc = MakeCapture(w, h, frames, fmt, per_file, 500.0);
   c.desc.single_file = single;
   const std::size_t pixels = static_cast<std::size_t>(w) * h;
   c.series.assign(pixels, std::vector<double>(static_cast<std::size_t>(frames)));

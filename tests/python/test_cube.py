@@ -40,6 +40,9 @@ class RenderedCube(unittest.TestCase):
         cls.cube.render(progress=cls.seen.append)
         cube_file = os.path.join(cls.dir.name, "plate", "plate_0001.fft")
         cls.planes = np.fromfile(cube_file, dtype=np.complex64).reshape(33, 30, 40)
+        cls.short_header = os.path.join(cls.dir.name, "short.hdr")
+        with open(cls.short_header, "wb") as f:
+            f.write(b"\0" * 100)  # too short to be a capture header
 
     @classmethod
     def tearDownClass(cls):
@@ -103,19 +106,13 @@ class RenderedCube(unittest.TestCase):
             (lambda: frfcam.Capture.open(self.header, fps=-1), ValueError, "fps"),
             (lambda: frfcam.delete_cube(os.path.join(self.dir.name, "nowhere")),
              FileNotFoundError, "nowhere"),
+            (lambda: frfcam.Capture.open(self.short_header), ValueError, "not a capture"),
         ]
         for call, error, words in cases:
             with self.subTest(words=words):
                 with self.assertRaises(error) as e:
                     call()
                 self.assertIn(words, str(e.exception))
-
-    def test_header_that_is_not_a_capture(self):
-        path = os.path.join(self.dir.name, "short.hdr")
-        with open(path, "wb") as f:
-            f.write(b"\0" * 100)
-        with self.assertRaisesRegex(ValueError, "not a capture"):
-            frfcam.Capture.open(path)
 
 
 class UnfinishedCubes(unittest.TestCase):
