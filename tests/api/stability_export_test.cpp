@@ -35,53 +35,50 @@ namespace {
 namespace fs = std::filesystem;
 using frfcam::test::ScratchDir;
 
+#if defined(_WIN32)
+constexpr int kCreate = _O_WRONLY | _O_CREAT | _O_TRUNC | _O_BINARY;
+#else
+constexpr int kCreate = O_WRONLY | O_CREAT | O_TRUNC;
+#endif
+
 // status: the call's result, INT_MIN when the child did not exit normally.
-// Windows has no fork: there the call runs in this process with its standard
-// output and error sent to the files.
+// Windows has no fork: there the call runs in this process, its standard
+// output and error sent to the files all the same.
 frfcam::test::CommandResult RunInChild(const std::function<int()>& call) {
   ScratchDir dir;
   const std::string out = dir.file("out"), err = dir.file("err");
-  std::cout.flush();
-  std::fflush(nullptr);
-#if defined(_WIN32)
-  const int saved_out = _dup(1), saved_err = _dup(2);
-  const int out_fd = _open(out.c_str(), _O_WRONLY | _O_CREAT | _O_TRUNC | _O_BINARY, _S_IWRITE);
-  const int err_fd = _open(err.c_str(), _O_WRONLY | _O_CREAT | _O_TRUNC | _O_BINARY, _S_IWRITE);
-  _dup2(out_fd, 1);
-  _dup2(err_fd, 2);
-  const int code = call();
-  std::cout.flush();
-  std::cerr.flush();
-  std::fflush(nullptr);
-  _dup2(saved_out, 1);
-  _dup2(saved_err, 2);
-  for (int fd : {saved_out, saved_err, out_fd, err_fd}) _close(fd);
-  frfcam::test::CommandResult r;
-  r.status = static_cast<signed char>(code);
-  r.out = frfcam::test::ReadFile(out);
-  r.err = frfcam::test::ReadFile(err);
-  return r;
-#else
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::dup2(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-    ::dup2(::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-    const int code = call();
+  const auto flush = [] {
     std::cout.flush();
     std::cerr.flush();
     std::fflush(nullptr);
-    ::_exit(static_cast<unsigned char>(code));
-  }
+  };
+  flush();
+  const int saved_out = dup(1), saved_err = dup(2);
+  const int out_fd = open(out.c_str(), kCreate, 0600), err_fd = open(err.c_str(), kCreate, 0600);
+  dup2(out_fd, 1);
+  dup2(err_fd, 2);
   frfcam::test::CommandResult r;
-  r.status = INT_MIN;
-  int status = 0;
-  if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
-    r.status = static_cast<signed char>(WEXITSTATUS(status));
+#if defined(_WIN32)
+  r.status = static_cast<signed char>(call());
+#else
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const int code = call();
+    flush();
+    _exit(static_cast<unsigned char>(code));
   }
+  int status = 0;
+  r.status = pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status)
+                 ? static_cast<signed char>(WEXITSTATUS(status))
+                 : INT_MIN;
+#endif
+  flush();
+  dup2(saved_out, 1);
+  dup2(saved_err, 2);
+  for (int fd : {saved_out, saved_err, out_fd, err_fd}) close(fd);
   r.out = frfcam::test::ReadFile(out);
   r.err = frfcam::test::ReadFile(err);
   return r;
-#endif
 }
 
 // The inputs of one call, kept alive for the child; an empty path or array

@@ -17,10 +17,10 @@ class Stability(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.dir = tempfile.TemporaryDirectory()
-        csv = os.path.join(cls.dir.name, "frf.csv")
-        subprocess.run([CLI, "synth-frf", csv, "--lines", "600", "--channels", "3",
+        cls.csv = os.path.join(cls.dir.name, "frf.csv")
+        subprocess.run([CLI, "synth-frf", cls.csv, "--lines", "600", "--channels", "3",
                         "--noise", "0.001"], check=True, stdout=subprocess.DEVNULL)
-        table = np.loadtxt(csv, delimiter=",", skiprows=1)
+        table = np.loadtxt(cls.csv, delimiter=",", skiprows=1)
         cls.freq = table[:, 0]
         cls.frf = table[:, 1::2] + 1j * table[:, 2::2]
         cls.record = os.path.join(cls.dir.name, "r.pb")
@@ -74,6 +74,19 @@ class Stability(unittest.TestCase):
         self.assertGreater(os.path.getsize(out), 1000)
         plt.close("all")
 
+    def test_command_line_uses_the_same_defaults(self):
+        """The significance filter's choice is tested in the library; here the
+        package exposes it and the command line makes the same one."""
+        out = subprocess.run([CLI, "stability", self.csv, "-o", os.path.join(self.dir.name, "c.pb")],
+                             check=True, capture_output=True, text=True).stdout
+        python = frfcam.compute_stability(self.freq, self.frf)
+        exact = frfcam.compute_stability(self.freq, self.frf, significance=False)
+        self.assertEqual(python.candidates.size, exact.modes)
+        self.assertEqual(int(python.candidates.kept.sum()), python.modes)
+        for freq in python.selected_frequency:
+            self.assertIn(f"{freq:14.4f}", out)
+        self.assertIn(f"{python.modes} mode(s) selected", out)
+
     def test_bad_input_raises_before_any_work(self):
         missing = os.path.join(self.dir.name, "no", "r.pb")
         cases = [
@@ -98,29 +111,6 @@ class Stability(unittest.TestCase):
         with self.assertRaises(FileNotFoundError):
             frfcam.read_record(missing)
         self.assertFalse(os.path.exists(missing))
-
-
-class AutomaticSelection(unittest.TestCase):
-    """The significance filter's choice itself is tested in the library; here
-    the package exposes it and the command line makes the same one."""
-
-    def test_command_line_uses_the_same_defaults(self):
-        with tempfile.TemporaryDirectory() as d:
-            csv = os.path.join(d, "frf.csv")
-            subprocess.run([CLI, "synth-frf", csv, "--lines", "800", "--channels", "2",
-                            "--noise", "0.003"], check=True, stdout=subprocess.DEVNULL)
-            table = np.loadtxt(csv, delimiter=",", skiprows=1)
-            out = subprocess.run([CLI, "stability", csv, "-o", os.path.join(d, "r.pb")],
-                                 check=True, capture_output=True, text=True).stdout
-        f, h = table[:, 0], table[:, 1::2] + 1j * table[:, 2::2]
-        python = frfcam.compute_stability(f, h)
-        exact = frfcam.compute_stability(f, h, significance=False)
-        self.assertEqual(python.candidates.size, exact.modes)
-        self.assertEqual(int(python.candidates.kept.sum()), python.modes)
-        self.assertIn("800 line(s)", out)
-        for freq in python.selected_frequency:
-            self.assertIn(f"{freq:14.4f}", out)
-        self.assertIn(f"{python.modes} mode(s) selected", out)
 
 
 if __name__ == "__main__":
