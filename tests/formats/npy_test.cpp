@@ -84,10 +84,6 @@ TEST(Npy, DamagedFilesGiveTheirCodes) {
 
   NpyType type;
   std::vector<std::uint64_t> shape;
-  EXPECT_EQ(ParseNpyHeader("{'descr': '<f8', 'fortran_order': False, 'shape': "
-                           "(18446744073709551615, 2), }",
-                           &type, &shape),
-            NpyStatus::kOk);
   ASSERT_EQ(WriteNpy(dir.file("huge.npy"), {1}, v.data()), NpyStatus::kOk);
   {
     // Same header length, an overflowing shape: refused before allocating.

@@ -3,6 +3,8 @@
 // header written byte by byte, for headers the writer would refuse.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <fstream>
 #include <string>
 #include <vector>
@@ -21,6 +23,29 @@ inline CaptureSpec MakeCapture(std::uint16_t w, std::uint16_t h, std::int32_t fr
   s.pixel_format = format;
   s.frames_per_file = per_file;
   return s;
+}
+
+// Writes a capture whose sample at frame f, pixel p is sample(f, p).
+inline void WriteSamples(const std::string& header, const CaptureSpec& desc,
+                         std::uint16_t (*sample)(std::int32_t, std::size_t)) {
+  const std::size_t pixels = static_cast<std::size_t>(desc.width) * desc.height;
+  std::string error;
+  EXPECT_TRUE(WriteCapture(
+      header, desc,
+      [&](std::int32_t f, std::uint16_t* s) {
+        for (std::size_t p = 0; p < pixels; ++p) s[p] = sample(f, p);
+      },
+      &error))
+      << error;
+}
+
+// What a capture holds for sample s written at pixel p: 8-bit data keeps the
+// top eight bits; the last sample of a 12-bit frame with an odd pixel count
+// in division files keeps its high byte only.
+inline std::uint16_t Stored(const CaptureSpec& desc, std::uint16_t s, std::size_t p) {
+  const std::size_t pixels = static_cast<std::size_t>(desc.width) * desc.height;
+  const bool lone_high_byte = !desc.single_file && pixels % 2 == 1 && p == pixels - 1;
+  return desc.pixel_format != 1 || lone_high_byte ? s & 0xFF0 : s;
 }
 
 // A 12-bit header of `size` bytes holding only the geometry fields.
