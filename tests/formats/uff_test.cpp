@@ -6,7 +6,6 @@
 
 #include <bit>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 #include <tuple>
 
@@ -164,10 +163,6 @@ TEST(Uff58Read, MalformedFilesNameTheLine) {
     const std::string error = ParseError(c.text);
     EXPECT_NE(error.find(c.words), std::string::npos) << error;
   }
-  std::vector<Uff58> out;
-  std::string error;
-  EXPECT_FALSE(ReadUff58File("/nonexistent/a.uff", &out, &error));
-  EXPECT_NE(error.find("no such file"), std::string::npos) << error;
 }
 
 Uff58 Function(int type, bool even) {

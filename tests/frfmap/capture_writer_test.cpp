@@ -66,11 +66,6 @@ TEST(CaptureWriter, HeaderHoldsTheFieldsAtTheirOffsetsAndNothingElse) {
   }
   std::fill(&h[184], &h[192], 0);
   EXPECT_EQ(std::count(h.begin(), h.end(), 0), 2998);
-
-  CaptureSpec single = MakeCapture(4, 2, 3, 1, 3);
-  single.single_file = true;
-  ASSERT_TRUE(WriteCapture(hdr, single, PatternSource(8), &error)) << error;
-  EXPECT_EQ(ReadAll(hdr)[2006], 1);
 }
 
 // ---- 12-bit packing ------------------------------------------------------

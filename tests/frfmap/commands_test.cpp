@@ -33,9 +33,8 @@ TEST(Commands, FromSyntheticCaptureToPngMap) {
 
   const test::CommandResult info = Cli("info " + hdr);
   ASSERT_EQ(info.status, 0) << info.err;
-  for (const char* expected :
-       {"frame bytes S     1800 (1.5 bytes per pixel)", "bins              51",
-        "plate_0003.div  1816 bytes", "plate_0001.fft  missing"}) {
+  for (const char* expected : {"frame bytes S     1800 (1.5 bytes per pixel)",
+                               "plate_0003.div  1816 bytes", "plate_0001.fft  missing"}) {
     EXPECT_NE(info.out.find(expected), std::string::npos) << expected << "\n" << info.out;
   }
 

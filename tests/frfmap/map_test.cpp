@@ -72,24 +72,15 @@ TEST(ReadFRFMap, EveryPixelOfAWidePlaneFollowsTheRule) {
     seed = seed * 1664525u + 1013904223u;
     return lo + (hi - lo) * static_cast<float>(seed >> 8) / 16777216.0f;
   };
+  // Ties, exact magnitudes 5k, NaN or huge values, infinities, and the rest
+  // at random.
+  const float inf = std::numeric_limits<float>::infinity();
   for (std::size_t p = 0; p < plane.size(); ++p) {
     const float k = static_cast<float>(p % 61);
-    switch (p % 7) {
-      case 0:
-        plane[p] = {k + 0.5f, 0};
-        break;  // a tie
-      case 1:
-        plane[p] = {-3 * k, 4 * k};
-        break;  // |v| = 5k exactly
-      case 2:
-        plane[p] = {p % 2 ? kNaN : 1e30f, 1};
-        break;
-      case 3:
-        plane[p] = {0, -std::numeric_limits<float>::infinity()};
-        break;
-      default:
-        plane[p] = {uniform(-200, 200), uniform(-200, 200)};
-    }
+    const std::complex<float> special[] = {
+        {k + 0.5f, 0}, {-3 * k, 4 * k}, {p % 2 ? kNaN : 1e30f, 1}, {0, -inf}};
+    plane[p] =
+        p % 7 < 4 ? special[p % 7] : std::complex<float>(uniform(-200, 200), uniform(-200, 200));
   }
   Opened o(WriteCube(dir, {zero, plane, zero}, kWide, kRows));
   for (const float gain : {1.0f, 0.5f, 2.0f, -1.0f}) {

@@ -56,7 +56,6 @@ class RenderedCube(unittest.TestCase):
         self.assertEqual(self.cube.bin_of(150.0), 10)
         self.assertEqual(self.seen[-1], 100)
         self.assertTrue(self.cube.rendered)
-        self.assertIs(self.capture.cube(), self.cube)
 
     def test_planes_and_spectra_are_the_cube_files(self):
         plane = self.cube.plane(5)
@@ -94,7 +93,6 @@ class RenderedCube(unittest.TestCase):
         cases = [
             (lambda: cube.plane(2.0), ValueError, "integer"),
             (lambda: cube.plane(33), ValueError, "0..32"),
-            (lambda: cube.map(freq=1e300), ValueError, "Hz"),
             (lambda: cube.map(freq=501.0), ValueError, "500 Hz"),
             (lambda: cube.map(), ValueError, "exactly one"),
             (lambda: cube.spectrum(40, 0), ValueError, "outside"),

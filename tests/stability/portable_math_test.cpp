@@ -7,8 +7,6 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
-#include <string>
-#include <vector>
 
 #include "support/test_support.h"
 
@@ -144,7 +142,6 @@ TEST(PortableMath, KnownValuesAndSpecialCases) {
   EXPECT_EQ(Atan2(std::numeric_limits<double>::max(), std::numeric_limits<double>::max()), kPi / 4);
   EXPECT_EQ(Atan2(0x1p-1074, 0x1p-1074), kPi / 4);
   EXPECT_TRUE(std::isnan(Atan2(kNaN, 1.0)) && std::isnan(Atan2(1.0, kNaN)));
-  EXPECT_EQ(Arg({-1.0, 0.0}), kPi);
 
   EXPECT_EQ(Log(0.0), -kInf);
   EXPECT_EQ(Log(kInf), kInf);
@@ -169,7 +166,6 @@ TEST(PortableMath, KnownValuesAndSpecialCases) {
   EXPECT_EQ(Hypot(kInf, kNaN), kInf);
   EXPECT_TRUE(std::isnan(Hypot(kNaN, 1.0)));
   EXPECT_EQ(Hypot(std::numeric_limits<double>::max(), 0.0), std::numeric_limits<double>::max());
-  EXPECT_EQ(Abs({0.0, -7.0}), 7.0);
 }
 
 // What the functions are for: the same bits on every platform. A hash of

@@ -143,9 +143,7 @@ TEST(StabilityInput, UffInAndOut) {
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.out.find("800 line(s) of 3 channel(s)"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("4 function(s) in the file, 3 taken"), std::string::npos) << r.out;
-  for (const char* channel : {"1  101 +Z / 1 +Z (function 1)", "3  103 +Z / 1 +Z (function 3)"}) {
-    EXPECT_NE(r.out.find(channel), std::string::npos) << r.out;
-  }
+  EXPECT_NE(r.out.find("3  103 +Z / 1 +Z (function 3)"), std::string::npos) << r.out;
   EXPECT_EQ(r.out.find("999 +Z"), std::string::npos);
   EXPECT_EQ(CountModes(r.out), 5) << r.out;
 
