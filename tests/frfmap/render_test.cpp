@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "frfcam/frfcam.h"
+#include "frfmap/capture_fixture.h"
 #include "frfmap/capture_writer.h"
 #include "frfmap/cube_files.h"
 #include "frfmap/naming.h"
@@ -47,30 +48,13 @@ Capture Make(const ScratchDir& dir, std::uint16_t w, std::uint16_t h, std::int32
              std::uint32_t fmt, std::uint32_t per_file, bool single = false) {
   Capture c;
   c.header = dir.file("cap.hdr");
-  c.desc.width = w;
-  c.desc.height = h;
-  c.desc.frames = frames;
-  c.desc.fps = 500.0;
-  c.desc.pixel_format = fmt;
-  c.desc.frames_per_file = per_file;
+  c.desc = MakeCapture(w, h, frames, fmt, per_file, 500.0);
   c.desc.single_file = single;
   const std::size_t pixels = static_cast<std::size_t>(w) * h;
+  WriteSamples(c.header, c.desc, Sample);
   c.series.assign(pixels, std::vector<double>(static_cast<std::size_t>(frames)));
-  std::string error;
-  EXPECT_TRUE(WriteCapture(
-      c.header, c.desc,
-      [&](std::int32_t f, std::uint16_t* s) {
-        for (std::size_t p = 0; p < pixels; ++p) s[p] = Sample(f, p);
-      },
-      &error))
-      << error;
   for (std::size_t p = 0; p < pixels; ++p) {
-    for (std::int32_t f = 0; f < frames; ++f) {
-      std::uint16_t v = Sample(f, p);
-      const bool lone_high_byte = fmt == 1 && !single && pixels % 2 == 1 && p == pixels - 1;
-      if (fmt != 1 || lone_high_byte) v &= 0xFF0;
-      c.series[p][static_cast<std::size_t>(f)] = v;
-    }
+    for (std::int32_t f = 0; f < frames; ++f) c.series[p][f] = Stored(c.desc, Sample(f, p), p);
   }
   return c;
 }
@@ -112,6 +96,10 @@ void ExpectCubeMatchesDft(const Capture& c) {
   const std::uint64_t plane = c.series.size() * 8;
   EXPECT_EQ(fs::file_size(DataFilePath(c.header, DataFile::kCube, 1)), bins * plane);
 }
+
+#define FRFCAM_WHY_REPLACED_CUBE                                          \
+  "renders that replace a cube another object holds open (Windows keeps " \
+  "open files; tests/windows checks what happens there)"
 
 std::vector<int> g_progress;
 std::thread::id g_caller;
@@ -176,8 +164,6 @@ TEST(RenderCube, ProgressIsWholePercentagesOnTheCallingThreadEndingAtHundred) {
   EXPECT_EQ(RenderCube(calcs, nullptr), 2);
   EXPECT_FALSE(fs::exists(DataFilePath(c.header, DataFile::kCube, 1)));
   DeleteFrfMapCalcs(calcs);
-  // And a null callback is allowed.
-  EXPECT_EQ(OpenAndRender(c.header, nullptr), 0);
 }
 
 // Cancels from another thread while the render waits in its first progress
@@ -240,9 +226,7 @@ TEST(RenderCube, TheFileSizeLimitGivesThreeNotASignal) {
 }
 
 TEST(RenderCube, AReaderOfAReplacedCubeGetsAShortReadNotAStaleOrMixedMap) {
-  FRFCAM_SKIP_ON_WINDOWS(
-      "renders that replace a cube another object holds open (Windows keeps "
-      "open files; tests/windows checks what happens there)");
+  FRFCAM_SKIP_ON_WINDOWS(FRFCAM_WHY_REPLACED_CUBE);
   ScratchDir dir, other;
   const Capture big = Make(dir, 16, 8, 40, 1, 50);
   ASSERT_EQ(OpenAndRender(big.header), 0);
@@ -266,35 +250,7 @@ TEST(RenderCube, AReaderOfAReplacedCubeGetsAShortReadNotAStaleOrMixedMap) {
   EXPECT_EQ(ReadFRFMap(reader, 2, 1.0f, after.data()), 0);
   EXPECT_EQ(after, std::vector<unsigned char>(16 * 8, 1));
 
-  // Reopened, the bins past the new cube are short reads even where an
-  // older, longer cube file without a record lies on disk.
-  ASSERT_EQ(OpenCube(reader, big.header.c_str()), 0);
-  EXPECT_EQ(ReadFRFMap(reader, 2, 1.0f, after.data()), 0);
-  EXPECT_NE(after, std::vector<unsigned char>(16 * 8, 1));
-  std::vector<char> stale(40 / 2 * 16 * 8 * 8 + 16 * 8 * 8, 3);
-  std::ofstream(data / "cap_0001.fft", std::ios::binary)
-      .write(stale.data(), static_cast<std::streamsize>(stale.size()));
-  fs::remove(data / "cap.fft");
-  std::vector<unsigned char> untouched(16 * 8, 9);
-  EXPECT_EQ(ReadFRFMap(reader, 15, 1.0f, untouched.data()), 0);
-  EXPECT_EQ(untouched, std::vector<unsigned char>(16 * 8, 9));
   DeleteFrfMapCalcs(reader);
-}
-
-void WriteHeader(const std::string& path, std::uint16_t w, std::uint16_t h, std::int32_t frames,
-                 std::uint32_t per_file, std::size_t size = 2998) {
-  std::vector<std::uint8_t> b(size, 0);
-  auto put = [&](std::size_t at, std::uint64_t v, int bytes) {
-    for (int i = 0; i < bytes; ++i)
-      if (at + i < b.size()) b[at + i] = static_cast<std::uint8_t>(v >> (8 * i));
-  };
-  put(176, w, 2);
-  put(178, h, 2);
-  put(180, 1, 4);
-  put(464, per_file, 4);
-  put(468, static_cast<std::uint32_t>(frames), 4);
-  std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
 }
 
 TEST(OpenCube, RefusesCapturesItCannotRender) {
@@ -303,8 +259,6 @@ TEST(OpenCube, RefusesCapturesItCannotRender) {
   FrfMapCalcs* calcs = CreateFrfMapCalcs("bad");
   unsigned w = 9, hh = 9, bins = 9;
   EXPECT_EQ(OpenCube(calcs, dir.file("missing.hdr").c_str()), 2);
-  EXPECT_EQ(GetCubeDims(calcs, &w, &hh, &bins), 0u);
-  EXPECT_EQ(w + hh + bins, 0u);
   const struct {
     std::uint16_t w, h;
     std::int32_t frames;
@@ -312,7 +266,6 @@ TEST(OpenCube, RefusesCapturesItCannotRender) {
     std::size_t size;
   } bad[] = {
       {0, 10, 10, 5, 2998},          // no width
-      {10, 0, 10, 5, 2998},          // no height
       {10, 10, 0, 5, 2998},          // no frames
       {10, 10, -4, 5, 2998},         // negative frame count
       {10, 10, 10, 0, 2998},         // no frames per division file
@@ -334,25 +287,6 @@ TEST(OpenCube, RefusesCapturesItCannotRender) {
   EXPECT_EQ(GetCubeDims(calcs, &w, &hh, &bins), 127u);
   EXPECT_EQ(w, 16384u);
   DeleteFrfMapCalcs(calcs);
-}
-
-TEST(DeleteCube, RemovesCubeFilesBelowAFolderOnly) {
-  ScratchDir dir;
-  const fs::path root = dir.path() / "runs";
-  fs::create_directories(root / "sub" / "deeper.fft");
-  for (const char* name : {"a_0001.fft", "a_0001.div", "sub/b_0002.fft", "c.FFT", "a.hdr", "a.cap",
-                           "sub/deeper.fft/x_0001.fft"}) {
-    std::ofstream(root / name) << "x";
-  }
-  DeleteCube(nullptr, root.string().c_str());
-  EXPECT_FALSE(fs::exists(root / "a_0001.fft"));
-  EXPECT_FALSE(fs::exists(root / "sub/b_0002.fft"));
-  EXPECT_FALSE(fs::exists(root / "sub/deeper.fft/x_0001.fft"));
-  for (const char* kept : {"a_0001.div", "c.FFT", "a.hdr", "a.cap", "sub/deeper.fft"}) {
-    EXPECT_TRUE(fs::exists(root / kept)) << kept;
-  }
-  DeleteCube(nullptr, (root / "does-not-exist").string().c_str());
-  DeleteCube(nullptr, nullptr);
 }
 
 // Runs the current test again in a child process with a time limit, so that
@@ -385,6 +319,7 @@ TEST(RenderCube, UnreadableFramesAreZeroAndEveryOtherFrameIsRendered) {
     const std::string second = DataFilePath(c.header, DataFile::kDivision, 2);
     if (cut) {
       fs::resize_file(second, fs::file_size(second) - 5);
+      fs::resize_file(c.header, 2997);  // a header one byte short is no error
     } else {
       fs::remove(second);
     }
@@ -397,14 +332,6 @@ TEST(RenderCube, UnreadableFramesAreZeroAndEveryOtherFrameIsRendered) {
     ExpectCubeMatchesDft(c);
     EXPECT_TRUE(CubeIsComplete(c.header));
   }
-}
-
-TEST(OpenCube, AShortHeaderIsNotAnError) {
-  ScratchDir dir;
-  const Capture c = Make(dir, 6, 4, 10, 1, 5);
-  fs::resize_file(c.header, 2997);
-  ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
-  ExpectCubeMatchesDft(c);
 }
 
 TEST(OpenCube, AFailedOpenLeavesTheObjectUnopened) {
@@ -442,9 +369,7 @@ void CancelAtHundred(int percent) {
 }
 
 TEST(CubeRecord, OnlyAFinishedRenderReadsComplete) {
-  FRFCAM_SKIP_ON_WINDOWS(
-      "renders that replace a cube another object holds open (Windows keeps "
-      "open files; tests/windows checks what happens there)");
+  FRFCAM_SKIP_ON_WINDOWS(FRFCAM_WHY_REPLACED_CUBE);
   ScratchDir dir;
   const Capture c = Make(dir, 8, 6, 12, 1, 12);
   const std::string record = (fs::path(c.header).replace_extension() / "cap.fft").string();
@@ -484,9 +409,7 @@ TEST(CubeRecord, OnlyAFinishedRenderReadsComplete) {
 }
 
 TEST(CubeRecord, ReadersOfACubeBeingRenderedSeeWholeMapsOrShortReads) {
-  FRFCAM_SKIP_ON_WINDOWS(
-      "renders that replace a cube another object holds open (Windows keeps "
-      "open files; tests/windows checks what happens there)");
+  FRFCAM_SKIP_ON_WINDOWS(FRFCAM_WHY_REPLACED_CUBE);
   ScratchDir dir;
   const Capture c = Make(dir, 64, 32, 40, 1, 40);
   ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
@@ -556,14 +479,24 @@ TEST(HostileFiles, FifosAreRefusedAndNeverWaitedFor) {
   EXPECT_EQ(OpenCube(calcs, c.header.c_str()), FRFCAM_OPEN_BAD_CAPTURE);
   DeleteFrfMapCalcs(calcs);
 
-  // DeleteCube removes regular files only, and follows no link.
+  // DeleteCube removes regular files named *.fft below the folder only: no
+  // FIFO, no link, no folder, no other extension.
   fs::create_symlink(data / "cap_0001.fft", data / "link.fft");
   fifo(data / "pipe.fft");
-  DeleteCube(nullptr, data.c_str());
-  EXPECT_FALSE(fs::exists(data / "cap_0001.fft"));
-  EXPECT_FALSE(fs::exists(data / "cap.fft"));
-  EXPECT_TRUE(fs::is_fifo(data / "pipe.fft"));
-  EXPECT_TRUE(fs::is_symlink(data / "link.fft"));
+  fs::create_directories(dir.path() / "sub" / "deeper.fft");
+  for (const char* name : {"sub/b_0002.fft", "sub/deeper.fft/x_0001.fft", "c.FFT", "a.cap"}) {
+    std::ofstream(dir.path() / name) << "x";
+  }
+  DeleteCube(nullptr, dir.path().c_str());
+  for (const char* gone :
+       {"cap/cap_0001.fft", "cap/cap.fft", "sub/b_0002.fft", "sub/deeper.fft/x_0001.fft"}) {
+    EXPECT_FALSE(fs::exists(dir.path() / gone)) << gone;
+  }
+  for (const char* kept : {"cap/pipe.fft", "cap/link.fft", "sub/deeper.fft", "c.FFT", "a.cap"}) {
+    EXPECT_TRUE(fs::is_symlink(dir.path() / kept) || fs::exists(dir.path() / kept)) << kept;
+  }
+  DeleteCube(nullptr, (dir.path() / "does-not-exist").c_str());
+  DeleteCube(nullptr, nullptr);
 #endif
 }
 

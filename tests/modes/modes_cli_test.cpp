@@ -1,9 +1,9 @@
 // `frfcam modes` end to end: from a capture without a cube to every output
-// file, checked with numpy and by the files' own signatures.
+// file, checked by the files' own signatures (numpy reads the shapes in the
+// Python package's test).
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 
@@ -15,16 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-test::CommandResult Cli(const std::string& args) {
-  return test::RunCommand(std::string(FRFCAM_CLI) + " " + args);
-}
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
+using test::Cli;
 
 class ModesCli : public ::testing::Test {
  protected:
@@ -45,7 +36,7 @@ TEST_F(ModesCli, RendersFitsAndWritesEveryOutput) {
   EXPECT_NE(r.out.find("rendering it"), std::string::npos);  // no cube before
   EXPECT_NE(r.out.find("3 mode(s)"), std::string::npos) << r.out;
 
-  const std::string csv = Slurp(out + "/modes.csv");
+  const std::string csv = test::ReadFile(out + "/modes.csv");
   EXPECT_EQ(csv.substr(0, csv.find('\n')), "mode,frequency_hz,damping_ratio,mpc");
   EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 4);
   std::istringstream rows(csv.substr(csv.find('\n') + 1));
@@ -61,21 +52,16 @@ TEST_F(ModesCli, RendersFitsAndWritesEveryOutput) {
 
   for (int k = 1; k <= 3; ++k) {
     const std::string base = out + "/mode_" + std::to_string(k);
-    const std::string png = Slurp(base + ".png");
+    const std::string png = test::ReadFile(base + ".png");
     EXPECT_EQ(png.substr(1, 3), "PNG");
     EXPECT_NE(png.find("tEXtScale"), std::string::npos);
-    EXPECT_EQ(Slurp(base + ".gif").substr(0, 6), "GIF89a");
+    EXPECT_EQ(test::ReadFile(base + ".gif").substr(0, 6), "GIF89a");
   }
+  EXPECT_TRUE(fs::exists(out + "/mode_3.npy"));
   EXPECT_FALSE(fs::exists(out + "/mode_4.npy"));
-  const std::string svg = Slurp(out + "/chart.svg");
+  const std::string svg = test::ReadFile(out + "/chart.svg");
   EXPECT_EQ(svg.substr(0, 4), "<svg");
   EXPECT_NE(svg.find("</svg>"), std::string::npos);
-
-  if (!test::HaveSystemPython("numpy")) GTEST_SKIP() << "no python3-numpy";
-  const auto py = test::RunCommand(
-      std::string(FRFCAM_SYSTEM_PYTHON) + " -c \"import numpy as n; a = n.load('" + out +
-      "/mode_2.npy'); print(a.dtype, a.shape, int((a != 0).sum() > 1000))\"");
-  EXPECT_EQ(py.out, "complex64 (72, 96) 1\n") << py.err;
 }
 
 // A cut cube is rendered again; a band without the first mode leaves it out.
@@ -88,7 +74,7 @@ TEST_F(ModesCli, RerendersAShortCubeAndHonoursTheBand) {
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.out.find("too short"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("2 mode(s)"), std::string::npos) << r.out;
-  const std::string csv = Slurp(dir.file("out/modes.csv"));
+  const std::string csv = test::ReadFile(dir.file("out/modes.csv"));
   EXPECT_EQ(csv.find(",120."), std::string::npos) << csv;
 }
 
@@ -108,10 +94,6 @@ TEST_F(ModesCli, BadInputGivesOneLineAndExitOne) {
     EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
   }
-  std::ofstream(dir.file("short.txt")) << "1\n2\n3\n";
-  const auto r = Cli("modes " + header + " --reference " + dir.file("short.txt") + out);
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("3 samples"), std::string::npos) << r.err;
 }
 
 }  // namespace

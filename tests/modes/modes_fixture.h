@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "frfmap/capture_writer.h"
+#include "frfmap/capture_fixture.h"
 #include "frfmap/frf_map_calcs.h"
 #include "frfmap/synthetic_scene.h"
 #include "support/test_support.h"
@@ -19,12 +19,8 @@ struct RenderedScene {
   explicit RenderedScene(const frfmap::SceneSpec& scene_desc, const std::string& name = "scene")
       : scene(scene_desc) {
     header = dir.file(name + ".hdr");
-    frfmap::CaptureSpec desc;
-    desc.width = scene_desc.width;
-    desc.height = scene_desc.height;
-    desc.frames = scene_desc.frames;
-    desc.fps = scene_desc.fps;
-    desc.pixel_format = 1;  // 12-bit packed
+    const frfmap::CaptureSpec desc = frfmap::MakeCapture(scene_desc.width, scene_desc.height,
+                                                         scene_desc.frames, 1, 500, scene_desc.fps);
     std::string error;
     const bool written = frfmap::WriteCapture(
         header, desc, [&](std::int32_t f, std::uint16_t* s) { scene.Frame(f, s); }, &error);

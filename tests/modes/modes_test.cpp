@@ -28,13 +28,14 @@ std::vector<std::complex<double>> Widen(const std::vector<std::complex<float>>& 
 // Every true mode, and nothing else: frequency within 0.5 %, damping within
 // 10 %, shape MAC >= 0.98 against the scene's own brightness response, and a
 // nearly real (mono-phase) shape.
-void ExpectTheScenesModes(const RenderedScene& s, const ModesOptions& options) {
+ModesResult ExpectTheScenesModes(const RenderedScene& s, const ModesOptions& options) {
   ModesResult r;
   std::string error;
-  ASSERT_EQ(ComputeModes(s.header, s.scene.excitation(), options, &r, &error), ModesStatus::kOk)
+  EXPECT_EQ(ComputeModes(s.header, s.scene.excitation(), options, &r, &error), ModesStatus::kOk)
       << error;
   const auto& truth = s.scene.modes();
-  ASSERT_EQ(r.modes.size(), truth.size());
+  EXPECT_EQ(r.modes.size(), truth.size());
+  if (r.modes.size() != truth.size()) return r;
   for (std::size_t k = 0; k < truth.size(); ++k) {
     const Mode& m = r.modes[k];
     SCOPED_TRACE("mode " + std::to_string(k + 1) + " at " + std::to_string(m.frequencyHz) + " Hz");
@@ -46,13 +47,30 @@ void ExpectTheScenesModes(const RenderedScene& s, const ModesOptions& options) {
   }
   EXPECT_GT(r.channels, 0);
   EXPECT_LE(r.channels, r.gridPixels);
+  return r;
 }
 
+// The plate's (2,1) mode has halves that move against each other: after
+// turning the shape to its dominant phase, the left half is one sign and the
+// right half the other.
 TEST(ComputeModes, PlateCantileverAndCloseModesAgainstTheTruth) {
   {
     SCOPED_TRACE("plate");
     RenderedScene plate(SmallScene(frfmap::SceneKind::kPlate, {}));
-    ExpectTheScenesModes(plate, TestOptions());
+    const ModesResult r = ExpectTheScenesModes(plate, TestOptions());
+    ASSERT_EQ(r.modes.size(), 3u);
+    const auto& shape = r.modes[1].shape;
+    const double theta = DominantPhase(shape);
+    double left = 0.0, right = 0.0;
+    for (unsigned y = 0; y < r.height; ++y) {
+      for (unsigned x = 0; x < r.width; ++x) {
+        const double v =
+            (std::complex<double>(shape[y * r.width + x]) * std::polar(1.0, -theta)).real();
+        (x < r.width / 2 ? left : right) += v;
+      }
+    }
+    EXPECT_LT(left * right, 0.0);
+    EXPECT_NEAR(std::abs(left) / std::abs(right), 1.0, 0.2);
   }
   {
     SCOPED_TRACE("cantilever strip");
@@ -64,44 +82,6 @@ TEST(ComputeModes, PlateCantileverAndCloseModesAgainstTheTruth) {
     RenderedScene pair(SmallScene(frfmap::SceneKind::kPlate, frfmap::CloseModePairModes(2000.0)));
     ExpectTheScenesModes(pair, TestOptions());
   }
-}
-
-// A band that leaves out the first mode does not report it; the others keep
-// their quality.
-TEST(ComputeModes, ModeOutsideTheBandIsNotReported) {
-  RenderedScene plate(SmallScene(frfmap::SceneKind::kPlate, {}));
-  ModesOptions o = TestOptions();
-  o.bandLoHz = 200.0;
-  o.bandHiHz = 700.0;
-  ModesResult r;
-  ASSERT_EQ(ComputeModes(plate.header, plate.scene.excitation(), o, &r), ModesStatus::kOk);
-  ASSERT_EQ(r.modes.size(), 2u);
-  EXPECT_NEAR(r.modes[0].frequencyHz, 300.0, 1.5);
-  EXPECT_NEAR(r.modes[1].frequencyHz, 540.0, 2.7);
-  EXPECT_EQ(r.bandFirstBin, 100);
-  EXPECT_EQ(r.bandLastBin, 350);
-}
-
-// The (2,1) mode's halves move against each other: after turning the shape to
-// its dominant phase, the left half is one sign and the right half the other.
-TEST(ComputeModes, AntisymmetricModeHasOppositeHalves) {
-  RenderedScene plate(SmallScene(frfmap::SceneKind::kPlate, {}));
-  ModesResult r;
-  ASSERT_EQ(ComputeModes(plate.header, plate.scene.excitation(), TestOptions(), &r),
-            ModesStatus::kOk);
-  ASSERT_EQ(r.modes.size(), 3u);
-  const auto& shape = r.modes[1].shape;
-  const double theta = DominantPhase(shape);
-  double left = 0.0, right = 0.0;
-  for (unsigned y = 0; y < r.height; ++y) {
-    for (unsigned x = 0; x < r.width; ++x) {
-      const double v =
-          (std::complex<double>(shape[y * r.width + x]) * std::polar(1.0, -theta)).real();
-      (x < r.width / 2 ? left : right) += v;
-    }
-  }
-  EXPECT_LT(left * right, 0.0);
-  EXPECT_NEAR(std::abs(left) / std::abs(right), 1.0, 0.2);
 }
 
 TEST(ComputeModes, RefusesWhatItCannotUse) {
@@ -134,9 +114,6 @@ TEST(ComputeModes, RefusesWhatItCannotUse) {
   EXPECT_NE(error.find("too short"), std::string::npos);
   EXPECT_EQ(ComputeModes(plate.header, plate.scene.excitation(), TestOptions(), &r),
             ModesStatus::kCubeIncomplete);
-  std::filesystem::remove(cube);
-  EXPECT_FALSE(CubeIsComplete(plate.header, &error));
-  EXPECT_NE(error.find("missing"), std::string::npos);
 }
 
 TEST(ComputeModes, ShapeMeasures) {

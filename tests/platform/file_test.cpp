@@ -1,7 +1,8 @@
 // The file layer under hostile paths and limits: FIFOs and folders are
-// refused without blocking, truncation by another party is a short read,
-// and the file-size limit is a short write rather than a signal. Anything
-// that could hang or kill runs in a forked child.
+// refused without blocking, and the file-size limit is a short write rather
+// than a signal that leaves the signal state as it was. Anything that could
+// hang or kill runs in a forked child. (Truncation by another party and
+// replaced files are checked through the cube readers in tests/frfmap.)
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -9,7 +10,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -67,47 +67,6 @@ TEST(File, OpensRegularFilesOnlyAndNeverBlocks) {
   std::uint64_t size = 0;
   ASSERT_TRUE(f.Size(&size));
   EXPECT_EQ(size, 100u);
-
-  EXPECT_TRUE(IsRegularFile(regular));
-  EXPECT_FALSE(IsRegularFile(link));
-  EXPECT_FALSE(IsRegularFile(fifo));
-  EXPECT_FALSE(IsRegularFile(sub));
-  EXPECT_FALSE(IsRegularFile(dir.file("missing")));
-}
-
-TEST(File, TruncationIsAShortReadAndCreationReplaces) {
-  test::ScratchDir dir;
-  const std::string path = dir.file("cube.bin");
-  WriteBytes(path, 1 << 20);
-  File reader;
-  ASSERT_TRUE(reader.Open(path, File::Mode::kRead));
-  std::vector<char> buf(1 << 20);
-  EXPECT_EQ(reader.ReadAt(0, buf.data(), buf.size()), buf.size());
-  EXPECT_EQ(buf[99], static_cast<char>(99 * 7));
-
-  // Shortened behind the reader's back: the bytes that are left, no signal.
-  fs::resize_file(path, 5000);
-  EXPECT_EQ(reader.ReadAt(4096, buf.data(), 8192), 5000u - 4096);
-  EXPECT_EQ(reader.ReadAt(1 << 19, buf.data(), 10), 0u);
-
-  // A new file of the same name does not disturb the old one's reader.
-  File writer;
-  ASSERT_TRUE(writer.Open(path, File::Mode::kCreate));
-  EXPECT_EQ(writer.WriteAt(10, "xy", 2), 2u);
-  EXPECT_EQ(reader.ReadAt(0, buf.data(), 100), 100u);
-  EXPECT_EQ(buf[11], static_cast<char>(11 * 7));
-  EXPECT_EQ(fs::file_size(path), 12u);
-
-  // A replacement appears whole under the old name.
-  WriteBytes(dir.file("next.bin"), 3);
-  EXPECT_TRUE(ReplaceFile(dir.file("next.bin"), path));
-  EXPECT_EQ(fs::file_size(path), 3u);
-  EXPECT_FALSE(fs::exists(dir.file("next.bin")));
-  EXPECT_FALSE(ReplaceFile(dir.file("next.bin"), path));
-
-  File closed;
-  EXPECT_EQ(closed.ReadAt(0, buf.data(), 1), 0u);
-  EXPECT_EQ(closed.WriteAt(0, buf.data(), 1), 0u);
 }
 
 TEST(File, TheFileSizeLimitGivesAShortWriteNotASignal) {

@@ -1,3 +1,4 @@
+// (Path splitting is checked through the naming rule in tests/frfmap.)
 #include "platform/platform.h"
 
 #include <gtest/gtest.h>
@@ -13,20 +14,6 @@ TEST(Memory, MemAvailableCappedByTheControlGroup) {
   EXPECT_EQ(CgroupHeadroom("8000\n", "3000\n"), 5000u);
   EXPECT_EQ(CgroupHeadroom("8000\n", "9000\n"), 0u);
   EXPECT_GT(AvailablePhysicalMemory(), 0u);
-}
-
-TEST(Paths, SplitKeepsAllButTheLastExtension) {
-  PathParts p = SplitPath("/data/runs/plate.v2.hdr");
-  EXPECT_EQ(p.dir, "/data/runs/");
-  EXPECT_EQ(p.fname, "plate.v2");
-  EXPECT_EQ(p.ext, ".hdr");
-  p = SplitPath("plate");
-  EXPECT_EQ(p.dir, "");
-  EXPECT_EQ(p.fname, "plate");
-  EXPECT_EQ(p.ext, "");
-  p = SplitPath("dir.d/plate");
-  EXPECT_EQ(p.dir, "dir.d/");
-  EXPECT_EQ(p.fname, "plate");
 }
 
 }  // namespace

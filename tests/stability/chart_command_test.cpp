@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "support/test_support.h"
@@ -11,16 +9,7 @@
 namespace frfcam {
 namespace {
 
-test::CommandResult Cli(const std::string& args) {
-  return test::RunCommand(std::string(FRFCAM_CLI) + " " + args);
-}
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
+using test::Cli;
 
 TEST(ChartCommand, SvgAndPngOfARecord) {
   test::ScratchDir dir;
@@ -32,7 +21,7 @@ TEST(ChartCommand, SvgAndPngOfARecord) {
       Cli("chart " + record + " -o " + dir.file("c.svg") + " --frf " + csv);
   ASSERT_EQ(svg.status, 0) << svg.err;
   EXPECT_NE(svg.out.find("28 order(s), 5 selected mode(s)"), std::string::npos) << svg.out;
-  const std::string text = Slurp(dir.file("c.svg"));
+  const std::string text = test::ReadFile(dir.file("c.svg"));
   EXPECT_NE(text.find("<svg"), std::string::npos);
   EXPECT_NE(text.find("polyline"), std::string::npos) << "the magnitude behind the chart";
   EXPECT_NE(text.find("</svg>"), std::string::npos);
@@ -40,18 +29,11 @@ TEST(ChartCommand, SvgAndPngOfARecord) {
   const test::CommandResult png =
       Cli("chart " + record + " -o " + dir.file("c.png") + " --size 640x400");
   ASSERT_EQ(png.status, 0) << png.err;
-  const std::string bytes = Slurp(dir.file("c.png"));
+  const std::string bytes = test::ReadFile(dir.file("c.png"));
   ASSERT_GT(bytes.size(), 33u);
   EXPECT_EQ(bytes.substr(1, 3), "PNG");
-  // IHDR: width and height, big-endian, at bytes 16 and 20.
-  const auto u32 = [&](std::size_t at) {
-    return (static_cast<unsigned char>(bytes[at]) << 24) |
-           (static_cast<unsigned char>(bytes[at + 1]) << 16) |
-           (static_cast<unsigned char>(bytes[at + 2]) << 8) |
-           static_cast<unsigned char>(bytes[at + 3]);
-  };
-  EXPECT_EQ(u32(16), 640u);
-  EXPECT_EQ(u32(20), 400u);
+  // IHDR: width 640 and height 400, big-endian, at bytes 16 and 20.
+  EXPECT_EQ(bytes.substr(16, 8), std::string("\0\0\x02\x80\0\0\x01\x90", 8));
   EXPECT_NE(bytes.find("model order"), std::string::npos) << "axis titles in the text chunks";
 }
 

@@ -105,29 +105,5 @@ TEST(ResidueFit, RepeatedModeStillSynthesisesTheData) {
   EXPECT_LE((fit.synthesised - frf).norm(), 1e-8 * frf.norm());
 }
 
-// The generator behind the estimator tests agrees with the model above.
-TEST(SyntheticFrfs, MatchTheModalModel) {
-  SyntheticSystem s{{{50.0, 0.02}, {130.0, 0.01}}, 20.0, 200.0, 361, 3};
-  s.upperResidual = {0.3, -0.1};
-  s.lowerResidual = {2.0e4, 1.0e3};
-  const SyntheticFrfs out = SynthesizeFrfs(s);
-  ASSERT_EQ(out.matrix.rows(), 361);
-  ASSERT_EQ(out.matrix.cols(), 3);
-  EXPECT_LT((out.omega - Omega(20.0, 200.0, 361)).norm(), 1e-9);
-  EXPECT_EQ(out.frf, ComplexVector(out.matrix.col(0)));
-  for (int c = 0; c < 3; ++c) {
-    Truth t;
-    for (std::size_t r = 0; r < s.modes.size(); ++r) {
-      t.modes.push_back({s.modes[r].frequencyHz, s.modes[r].damping, out.residues[c][r]});
-    }
-    if (c == 0) {
-      t.upper = s.upperResidual;
-      t.lower = s.lowerResidual;
-    }
-    EXPECT_LE((out.matrix.col(c) - t.Sample(out.omega)).norm(), 1e-12 * out.matrix.col(c).norm());
-  }
-  EXPECT_NE(out.residues[0][1], out.residues[1][1]);  // channels see the modes differently
-}
-
 }  // namespace
 }  // namespace frfcam::stability

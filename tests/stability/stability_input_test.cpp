@@ -1,6 +1,7 @@
 // The stability command's inputs and outputs: CSV with or without a header,
-// rows too long to be a table, UFF 58 and .npz input, the fitted FRFs as UFF,
-// and outputs that cannot be written, refused before the fit.
+// malformed tables and rows too long to be one, UFF 58 and .npz input, the
+// fitted FRFs as UFF, and outputs that cannot be written, refused before the
+// fit. (The Python package's test compares the printed modes with its own.)
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,13 +17,10 @@
 namespace frfcam {
 namespace {
 
+using test::Cli;
 using test::CommandResult;
 using test::RunCommand;
 using test::ScratchDir;
-
-CommandResult Cli(const std::string& args) {
-  return RunCommand(std::string(FRFCAM_CLI) + " " + args);
-}
 
 // The five-mode system as UFF functions: one FRF per channel, response
 // nodes 101, 102, ... in +Z, and a time history that must be skipped.
@@ -66,7 +64,7 @@ int CountModes(const std::string& out) {
   return std::stoi(out.substr(out.rfind('\n', at) + 1));
 }
 
-TEST(StabilityInput, CsvWithoutHeaderAndRowsTooLong) {
+TEST(StabilityInput, CsvWithAndWithoutHeaderAndMalformedRows) {
   FRFCAM_SKIP_ON_WINDOWS("the long rows are piped through a POSIX shell");
   ScratchDir dir;
   const std::string csv = dir.file("f.csv");
@@ -84,6 +82,11 @@ TEST(StabilityInput, CsvWithoutHeaderAndRowsTooLong) {
   EXPECT_NE(without.out.find("400 line(s) of 2 channel(s)"), std::string::npos) << without.out;
   EXPECT_NE(without.out.find("no header row"), std::string::npos);
   EXPECT_EQ(CountModes(with.out), 5) << with.out;
+
+  std::ofstream(dir.file("bad.csv"), std::ios::binary) << "f,re,im\n1,2,3\n\n2,3\n";
+  const CommandResult bad = Cli("stability " + dir.file("bad.csv") + " -o " + dir.file("c.pb"));
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_NE(bad.err.find("bad.csv:4: expected 3 values, found 2"), std::string::npos) << bad.err;
 
   // A 64 MiB row under a 2 GiB address-space limit: one line, no allocation failure.
   const std::string wide = dir.file("wide.csv");
@@ -140,9 +143,7 @@ TEST(StabilityInput, UffInAndOut) {
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.out.find("800 line(s) of 3 channel(s)"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("4 function(s) in the file, 3 taken"), std::string::npos) << r.out;
-  for (const char* channel : {"1  101 +Z / 1 +Z (function 1)", "3  103 +Z / 1 +Z (function 3)"}) {
-    EXPECT_NE(r.out.find(channel), std::string::npos) << r.out;
-  }
+  EXPECT_NE(r.out.find("3  103 +Z / 1 +Z (function 3)"), std::string::npos) << r.out;
   EXPECT_EQ(r.out.find("999 +Z"), std::string::npos);
   EXPECT_EQ(CountModes(r.out), 5) << r.out;
 

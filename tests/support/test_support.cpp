@@ -8,7 +8,6 @@
 #endif
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -24,14 +23,14 @@ int ProcessId() {
   return static_cast<int>(::getpid());
 #endif
 }
+}  // namespace
 
-std::string ReadWhole(const std::filesystem::path& p) {
-  std::ifstream in(p, std::ios::binary);
+std::string ReadFile(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
   std::ostringstream ss;
   ss << in.rdbuf();
   return ss.str();
 }
-}  // namespace
 
 ScratchDir::ScratchDir() {
   static std::atomic<int> counter{0};
@@ -58,9 +57,13 @@ CommandResult RunCommand(const std::string& command) {
 #else
   r.status = (raw != -1 && WIFEXITED(raw)) ? WEXITSTATUS(raw) : -1;
 #endif
-  r.out = ReadWhole(out);
-  r.err = ReadWhole(err);
+  r.out = ReadFile(out);
+  r.err = ReadFile(err);
   return r;
+}
+
+CommandResult Cli(const std::string& args) {
+  return RunCommand(std::string(FRFCAM_CLI) + " " + args);
 }
 
 bool HaveSystemPython(const char* module) {

@@ -1,4 +1,5 @@
-// Helpers shared by the test programs: scratch folders and child processes.
+// Helpers shared by the test programs: scratch folders, files and child
+// processes.
 #pragma once
 
 #include <filesystem>
@@ -40,6 +41,12 @@ struct CommandResult {
   std::string err;
 };
 CommandResult RunCommand(const std::string& command);
+
+// Runs the frfcam command-line tool with `args`.
+CommandResult Cli(const std::string& args);
+
+// The whole content of a file; empty when it cannot be read.
+std::string ReadFile(const std::filesystem::path& path);
 
 // True when the system interpreter with numpy is there for cross-checks.
 bool HaveSystemPython(const char* module);
