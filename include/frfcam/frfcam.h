@@ -265,6 +265,14 @@ FRFCAM_API void CancelRenderCube(FrfMapCalcs* calcs);
  * be read (a missing or short division file, one that is not a regular file)
  * render as zero brightness; every other frame is rendered as it is.
  *
+ * On Linux each cube file is allocated at its full size when it is created
+ * (the planes are written out of order, and writes into allocated space cost
+ * markedly less), so a cube file of an unfinished render already has its
+ * final size, its unwritten parts reading as zero; the completion record
+ * says what is written. Where the file system cannot allocate ahead, or the
+ * file would pass the file-size limit, files grow as they are written. On
+ * Windows they always grow as they are written.
+ *
  * Each render needs its own OpenCube before it; afterwards the object is
  * ready for ReadFRFMap. See "Threads" for which thread does what. Returns an
  * FRFCAM_RENDER_* code.
