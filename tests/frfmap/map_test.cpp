@@ -145,6 +145,17 @@ TEST(ReadFRFMap, TinyAndHugeReferenceValuesGiveTheRightQuotient) {
   SetReference(o.calcs, smallest, 4);
   EXPECT_EQ(o.Map(0, 1.0f), (std::vector<unsigned char>{255, 255, 0, 255, 255, 255, 255, 255}));
   EXPECT_EQ(o.Map(0, -1.0f), std::vector<unsigned char>(8, 0));
+
+  // A reference of 2^-130 puts the scale past the float range: the quotients
+  // are worked out in double precision and must still round ties to even.
+  ScratchDir ties_dir;
+  const float u = std::ldexp(1.0f, -131);  // half a unit of the quotient
+  const Plane ties = {{5 * u, 0},  {7 * u, 0},   {0, u},       {0, 3 * u},
+                      {-5 * u, 0}, {509 * u, 0}, {507 * u, 0}, {6 * u, 8 * u}};
+  Opened t(WriteCube(ties_dir, {ties, ties, ties}));
+  const float reference[4] = {2 * u, 2 * u, 2 * u, 2 * u};
+  SetReference(t.calcs, reference, 4);
+  EXPECT_EQ(t.Map(0, 1.0f), (std::vector<unsigned char>{2, 4, 0, 2, 2, 254, 254, 5}));
 }
 
 TEST(ReadFRFMap, UnreadablePlanesLeaveTheMapUntouched) {
