@@ -19,8 +19,9 @@ class SpectrumKernel {
   SpectrumKernel(const SpectrumKernel&) = delete;
   SpectrumKernel& operator=(const SpectrumKernel&) = delete;
 
-  // Bytes a render's transforms of `frames` samples need: one panel's series
-  // per worker thread and one for planning, and the plan's own tables.
+  // Bytes a render's transforms of `frames` samples need: one panel's series,
+  // their transforms and a group's staging copy per worker thread and once
+  // more for planning, and the plan's own tables.
   static std::uint64_t WorkingBytes(std::int32_t frames);
 
   // Plans transforms of `frames` samples; false when that is impossible.
