@@ -37,8 +37,11 @@ constexpr std::uint64_t kPipelineBlockBytes = 64ull << 20;
 // 16 and 32 MiB no cheaper. What does pay is alignment: when the planes lie
 // on page boundaries, blocks of whole pages of spectra (512 pixels) make
 // every run cover whole pages, which the kernel writes a fifth cheaper than
-// runs that share a page with the next block's. Otherwise blocks are whole
-// rows, as the plan is.
+// runs that share a page with the next block's; and blocks of a power of
+// two of pages let the page cache keep the runs in large pages, cheaper
+// again (128 KiB runs into files allocated ahead: 0.13 s of CPU for 591 MB,
+// against 0.18 s for runs of 33 pages). Otherwise blocks are whole rows, as
+// the plan is.
 std::uint32_t PipelineBlock(std::uint32_t planned, std::uint32_t width, std::uint32_t pixels,
                             std::uint32_t bins, std::uint64_t target) {
   constexpr std::uint32_t kPagePixels = 4096 / kSpectrumValueBytes;

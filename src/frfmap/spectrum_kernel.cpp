@@ -249,7 +249,7 @@ void SpectrumKernel::TransformPanel(const std::uint16_t* rows, std::size_t row_s
   float* w = reinterpret_cast<float*>(ws.series.get());
   // Gather: pixels 2j and 2j + 1 of frame f become the (re, im) pair at row
   // f of series j. The series lie one after another, so the library
-  // transforms each in place with unit stride, its fastest case.
+  // transforms each with unit stride, its fastest case.
   std::size_t f = 0;
 #if defined(__SSE2__)
   const __m128i zero = _mm_setzero_si128();

@@ -222,15 +222,26 @@ std::size_t File::ReadAt(std::uint64_t offset, void* data, std::size_t size) con
   return done;
 }
 
-std::size_t File::WriteAt(std::uint64_t offset, const void* data, std::size_t size) const {
-  if (fd_ < 0 || offset > static_cast<std::uint64_t>(INT64_MAX)) return 0;
+namespace {
+
+// The largest size a file of this process may reach: writing or allocating
+// past the file-size limit raises a signal that kills the process by
+// default, so the file layer stops short of it instead.
+std::uint64_t FileSizeLimit() {
   std::uint64_t end_limit = static_cast<std::uint64_t>(INT64_MAX);
-  // A write past the file-size limit raises a signal that kills the process
-  // by default; writing only up to the limit makes it a short write instead.
   struct rlimit limit;
   if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY) {
     end_limit = std::min<std::uint64_t>(end_limit, limit.rlim_cur);
   }
+  return end_limit;
+}
+
+}  // namespace
+
+std::size_t File::WriteAt(std::uint64_t offset, const void* data, std::size_t size) const {
+  if (fd_ < 0) return 0;
+  // Writing only up to the limit makes it a short write.
+  const std::uint64_t end_limit = FileSizeLimit();
   if (offset >= end_limit) return 0;
   size = static_cast<std::size_t>(std::min<std::uint64_t>(size, end_limit - offset));
   std::size_t done = 0;
@@ -245,13 +256,7 @@ std::size_t File::WriteAt(std::uint64_t offset, const void* data, std::size_t si
 }
 
 bool File::Reserve(std::uint64_t size) const {
-  if (fd_ < 0 || size == 0 || size > static_cast<std::uint64_t>(INT64_MAX)) return false;
-  // Past the file-size limit, fallocate raises the same signal as a write.
-  struct rlimit limit;
-  if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
-      size > limit.rlim_cur) {
-    return false;
-  }
+  if (fd_ < 0 || size == 0 || size > FileSizeLimit()) return false;
   // fallocate, not posix_fallocate: where the file system cannot allocate
   // ahead, the latter writes zeros over the whole range.
   int r;
