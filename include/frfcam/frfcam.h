@@ -311,7 +311,10 @@ FRFCAM_API void SetReference(FrfMapCalcs* calcs, const float* signal, int length
  * OpenCube), a missing, truncated or unreadable cube file, and a cube whose
  * completion record says it is incomplete (the count is then the bytes of
  * the rows written so far) or that was replaced by a cube of other
- * dimensions since OpenCube (0). Negative: the FRFCAM_MAP_* codes.
+ * dimensions since OpenCube (0). One exception to "untouched": when another
+ * process truncates a cube file while this very call reads from it, part of
+ * `map` may already hold the new map (the result is still the short count).
+ * Negative: the FRFCAM_MAP_* codes.
  */
 FRFCAM_API int ReadFRFMap(FrfMapCalcs* calcs, int bin, float gain, unsigned char* map);
 

@@ -63,6 +63,14 @@ std::size_t CubeFileSet::ReadInPlane(std::uint32_t bin, std::uint64_t offset, vo
   return f->ReadAt(layout_.Locate(bin).offset + offset, data, size);
 }
 
+bool CubeFileSet::HoldsPlane(std::uint32_t bin) const {
+  if (layout_.bins_per_file == 0) return false;
+  const FileOffset place = layout_.Locate(bin);
+  std::uint64_t size = 0;
+  return place.file > 0 && place.file <= kMaxFileNumber && files_[place.file].is_open() &&
+         files_[place.file].Size(&size) && size >= place.offset + layout_.plane_bytes;
+}
+
 bool CubeIsComplete(const std::string& header_path) {
   CaptureHeader header;
   if (!header.Load(header_path) || header.frame_count() < 1) return false;

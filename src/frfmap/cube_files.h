@@ -34,6 +34,9 @@ class CubeFileSet {
   // is cut short (also by another process while it is read), none when it
   // cannot be opened.
   std::size_t ReadInPlane(std::uint32_t bin, std::uint64_t offset, void* data, std::size_t size);
+  // Whether the file that holds `bin` is open already (no read will open it)
+  // and, as it stands now, long enough to hold the whole plane.
+  bool HoldsPlane(std::uint32_t bin) const;
 
  private:
   // The file that holds `bin`, opened in the current mode on first use (in

@@ -40,6 +40,11 @@ enum class RecordState {
 // (when kValid). Never blocks: a record path that is not a regular file is
 // kInvalid.
 RecordState ReadCubeRecord(const std::string& header_path, CubeRecord* record);
+// The same through a handle that the caller keeps between calls (open on the
+// record, or closed): where the OS can tell cheaply that the name still
+// holds the file open, the record is not opened again.
+RecordState ReadCubeRecord(const std::string& header_path, platform::File* kept,
+                           CubeRecord* record);
 
 // Keeps the record of one render up to date.
 class CubeRecordWriter {

@@ -20,6 +20,7 @@ void FrfMapCalcs::ForgetCube() {
   width_ = height_ = bins_ = 0;
   total_pixels_ = block_pixels_ = sub_block_pixels_ = 0;
   read_generation_ = 0;
+  record_file_.Close();
   cubes_.Reset(std::string(), CubeLayout{});
 }
 

@@ -14,6 +14,7 @@
 #include "frfmap/cube_files.h"
 #include "frfmap/fft.h"
 #include "frfmap/spectrum_kernel.h"
+#include "platform/platform.h"
 
 namespace frfcam::frfmap {
 
@@ -81,12 +82,13 @@ class FrfMapCalcs {
 
   std::vector<std::complex<float>> reference_;
 
-  // ReadFRFMap's working memory, kept between calls: a chunk of the plane
-  // and the map as it is made.
-  static constexpr std::size_t kMapChunkPixels = 32768;
-  FftBuffer<float> read_chunk_;
+  // ReadFRFMap's working memory, kept between calls: the plane as read and,
+  // for a file the call opens, the map as it is made.
+  FftBuffer<float> read_plane_;
+  std::size_t read_plane_size_ = 0;  // in pixels
   // The render whose cube files the read handles belong to (0: unknown).
   std::uint64_t read_generation_ = 0;
+  platform::File record_file_;  // the cube's record, kept open where that is cheap
   std::vector<std::uint8_t> staged_map_;
 
   std::uint32_t width_ = 0;

@@ -102,6 +102,14 @@ void Quantise(const float* v, std::size_t pixels, std::complex<float> d, float g
   }
 }
 
+// The pixels of the next chunk of a plane, `left` pixels from its end: large
+// chunks while much is left, for few reads, halving towards the end, so that
+// what is still to quantise once the last read is done is small.
+std::size_t MapChunkPixels(std::size_t left) {
+  constexpr std::size_t kLargest = 65536, kSmallest = 4096;  // 512 and 32 KiB
+  return std::min(left, std::clamp(left / 2, kSmallest, kLargest));
+}
+
 }  // namespace
 
 void FrfMapCalcs::SetReference(const float* signal, int length) {
@@ -127,7 +135,7 @@ int FrfMapCalcs::ReadFRFMap(int bin, float gain, unsigned char* map) {
   // count, and a record for other dimensions means the cube opened is gone.
   const std::string& header_path = reader_.header_path();
   CubeRecord before;
-  const RecordState state = ReadCubeRecord(header_path, &before);
+  const RecordState state = ReadCubeRecord(header_path, &record_file_, &before);
   if (state == RecordState::kInvalid) return 0;
   const std::uint64_t generation = state == RecordState::kValid ? before.generation : 0;
   if (generation != read_generation_) {
@@ -142,38 +150,42 @@ int FrfMapCalcs::ReadFRFMap(int bin, float gain, unsigned char* map) {
     }
   }
 
-  // The plane goes through two small buffers that stay in the cache, chunk by
-  // chunk, into a map of the object's own: the calling thread reads the next
-  // chunk while a pool task quantises the last one, and the caller's map is
-  // written only once the whole plane has been read, so a file cut short
-  // (even while it is read) leaves it untouched.
-  if (!read_chunk_) {
-    read_chunk_ = AllocateFftBuffer<float>(4 * kMapChunkPixels);
-    if (!read_chunk_) return kReadNoMemory;
+  // The calling thread reads the plane chunk by chunk into a buffer of the
+  // object's own, and each chunk, once in, becomes a pool task that
+  // quantises it: nobody waits for anybody until the last chunk is read.
+  if (read_plane_size_ != pixels) {
+    read_plane_ = AllocateFftBuffer<float>(2 * pixels);
+    read_plane_size_ = read_plane_ ? pixels : 0;
+    if (!read_plane_) return kReadNoMemory;
   }
-  if (staged_map_.size() != pixels) staged_map_.assign(pixels, 0);
-  cubes_.SetMode(CubeFileSet::Mode::kRead);
   const auto b = static_cast<std::uint32_t>(bin);
   // A bin beyond the reference reads unreferenced (as a zero value does).
   const std::complex<float> reference = b < reference_.size() ? reference_[b] : 0.0f;
+
+  // Through a handle that an earlier call opened, and that holds the whole
+  // plane, the map is made in place: the read can then fall short only if
+  // another process cuts the file meanwhile. A render replaces the record
+  // before it replaces any cube file and never writes into an old one, and
+  // a new generation closes every handle above, so with the record as it
+  // was the handle still holds the complete cube's file. A file opened now
+  // may be a render's that began just after the record was read, so its map
+  // is staged and the record read again before the caller's is written.
+  cubes_.SetMode(CubeFileSet::Mode::kRead);
+  const bool in_place = cubes_.HoldsPlane(b);
+  if (!in_place && staged_map_.size() != pixels) staged_map_.assign(pixels, 0);
+  std::uint8_t* const out = in_place ? map : staged_map_.data();
   std::size_t read = 0;
-  bool whole = true;
   {
     tbb::task_group group;
     try {
-      for (std::size_t p0 = 0, k = 0; p0 < pixels; p0 += kMapChunkPixels, ++k) {
-        const std::size_t count = std::min(kMapChunkPixels, pixels - p0);
+      for (std::size_t p0 = 0, count = 0; p0 < pixels; p0 += count) {
+        count = MapChunkPixels(pixels - p0);
         const std::size_t bytes = count * kSpectrumValueBytes;
-        float* chunk = read_chunk_.get() + (k % 2) * 2 * kMapChunkPixels;
+        float* chunk = read_plane_.get() + 2 * p0;
         const std::size_t got = cubes_.ReadInPlane(b, read, chunk, bytes);
         read += got;
-        group.wait();  // the other buffer's chunk is done before it is reused
-        if (got != bytes) {
-          whole = false;
-          break;
-        }
-        std::uint8_t* out = staged_map_.data() + p0;
-        group.run([=] { Quantise(chunk, count, reference, gain, out); });
+        if (got != bytes) break;
+        group.run([=] { Quantise(chunk, count, reference, gain, out + p0); });
       }
     } catch (...) {
       group.wait();
@@ -181,12 +193,11 @@ int FrfMapCalcs::ReadFRFMap(int bin, float gain, unsigned char* map) {
     }
     group.wait();
   }
-  if (!whole) return static_cast<int>(read);
-  // A render that began while the plane was read may have replaced part of
-  // it: then nothing of it is known to be complete.
+  if (read != plane) return static_cast<int>(read);
+  if (in_place) return 0;
   if (state == RecordState::kValid) {
     CubeRecord after;
-    if (ReadCubeRecord(header_path, &after) != RecordState::kValid ||
+    if (ReadCubeRecord(header_path, &record_file_, &after) != RecordState::kValid ||
         after.generation != before.generation || !after.complete) {
       return 0;
     }

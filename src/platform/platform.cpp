@@ -200,6 +200,12 @@ void File::Close() {
   fd_ = -1;
 }
 
+bool File::IsAt(const std::string& path) const {
+  struct stat named, held;
+  return fd_ >= 0 && ::stat(path.c_str(), &named) == 0 && ::fstat(fd_, &held) == 0 &&
+         named.st_dev == held.st_dev && named.st_ino == held.st_ino;
+}
+
 bool File::Size(std::uint64_t* size) const {
   struct stat st;
   if (fd_ < 0 || ::fstat(fd_, &st) != 0) return false;

@@ -21,8 +21,12 @@ namespace frfcam::platform {
 
 #if defined(_WIN32)
 inline constexpr char kPathSeparator = '\\';
+// Whether a reader may keep a file open between calls while others replace
+// it (ReplaceFile): not on Windows, where the open handle makes that fail.
+inline constexpr bool kCanKeepReadersOpen = false;
 #else
 inline constexpr char kPathSeparator = '/';
+inline constexpr bool kCanKeepReadersOpen = true;
 #endif
 
 // Physical memory available to this process now, in bytes: the system's
@@ -118,6 +122,11 @@ class File {
   bool Open(const std::string& path, Mode mode);
   bool is_open() const { return fd_ >= 0; }
   void Close();
+
+  // Whether `path` (UTF-8) still names the file this object has open: false
+  // once another file was put in its place or it was removed, and always
+  // false on Windows (see kCanKeepReadersOpen).
+  bool IsAt(const std::string& path) const;
 
   // The file's current size in bytes; false when it cannot be queried.
   bool Size(std::uint64_t* size) const;

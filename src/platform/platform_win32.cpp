@@ -143,6 +143,8 @@ void File::Close() {
   fd_ = kNoHandle;
 }
 
+bool File::IsAt(const std::string&) const { return false; }
+
 bool File::Size(std::uint64_t* size) const {
   LARGE_INTEGER s;
   if (fd_ == kNoHandle || !GetFileSizeEx(AsHandle(fd_), &s)) return false;
