@@ -67,11 +67,13 @@
  *
  * Every call is synchronous: it returns only when its work is done. The
  * library starts no threads of its own. All file reading and writing and
- * every callback happen on the calling thread. Inside RenderCube (and
- * ComputeStability) computation is spread over the cores on a shared worker
- * pool (oneTBB's): while the pool transforms one block of pixels, the calling
- * thread writes the previous block and reads the next, and RenderCube
- * returns only after the pool has finished every task it was given. Calls on
+ * every callback happen on the calling thread. Inside RenderCube, ReadFRFMap
+ * (and ComputeStability) computation is spread over the cores on a shared
+ * worker pool (oneTBB's): while the pool transforms one block of pixels, the
+ * calling thread writes the previous block and reads the next; while the
+ * pool turns one piece of a bin plane into map values, the calling thread
+ * reads the next piece. Each call returns only after the pool has finished
+ * every task it was given. Calls on
  * different objects may run concurrently. Calls on one object must not
  * overlap, with one exception: CancelRenderCube may be called from any
  * thread while RenderCube runs.
