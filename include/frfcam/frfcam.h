@@ -292,7 +292,8 @@ FRFCAM_API void SetReference(FrfMapCalcs* calcs, const float* signal, int length
 
 /* ReadFRFMap: `map` or `calcs` is NULL (nothing is read). */
 #define FRFCAM_MAP_NULL_ARGUMENT (-8)
-/* ReadFRFMap: working memory could not be obtained. */
+/* ReadFRFMap: working memory (about 9 bytes a pixel, kept by the object
+ * between calls) could not be obtained or exceeds the memory available. */
 #define FRFCAM_MAP_NO_MEMORY (-9)
 
 /*

@@ -154,6 +154,13 @@ int FrfMapCalcs::ReadFRFMap(int bin, float gain, unsigned char* map) {
   // object's own, and each chunk, once in, becomes a pool task that
   // quantises it: nobody waits for anybody until the last chunk is read.
   if (read_plane_size_ != pixels) {
+    read_plane_.reset();
+    read_plane_size_ = 0;
+    // Memory the machine does not have is refused here, not granted now and
+    // taken from the host by the kernel's out-of-memory killer later (0:
+    // not known).
+    const std::uint64_t available = platform::AvailablePhysicalMemory();
+    if (available != 0 && plane + pixels > available) return kReadNoMemory;
     read_plane_ = AllocateFftBuffer<float>(2 * pixels);
     read_plane_size_ = read_plane_ ? pixels : 0;
     if (!read_plane_) return kReadNoMemory;
