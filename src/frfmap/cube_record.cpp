@@ -46,18 +46,20 @@ Bytes Encode(const CubeRecord& r) {
 
 }  // namespace
 
-namespace {
-
-RecordState Unopened(const std::string& path) {
-  std::error_code ec;
-  const auto type = std::filesystem::symlink_status(platform::PathFromUtf8(path), ec).type();
-  return type == std::filesystem::file_type::not_found ? RecordState::kAbsent
-                                                       : RecordState::kInvalid;
-}
-
-RecordState Decode(const platform::File& f, CubeRecord* record) {
+RecordState ReadCubeRecord(const std::string& header_path, platform::File* kept,
+                           CubeRecord* record) {
+  const std::string path = DataFilePath(header_path, DataFile::kCubeRecord, 0);
+  if (!kept->is_open() || !kept->IsAt(path)) {
+    if (!kept->Open(path, platform::File::Mode::kRead)) {
+      std::error_code ec;
+      const auto type = std::filesystem::symlink_status(platform::PathFromUtf8(path), ec).type();
+      return type == std::filesystem::file_type::not_found ? RecordState::kAbsent
+                                                           : RecordState::kInvalid;
+    }
+  }
   Bytes b{};
-  const std::size_t got = f.ReadAt(0, b.data(), b.size());
+  const std::size_t got = kept->ReadAt(0, b.data(), b.size());
+  if (!platform::kCanKeepReadersOpen) kept->Close();
   if (got < sizeof kMagic || std::memcmp(b.data(), kMagic, sizeof kMagic) != 0) {
     return RecordState::kAbsent;
   }
@@ -73,24 +75,9 @@ RecordState Decode(const platform::File& f, CubeRecord* record) {
   return RecordState::kValid;
 }
 
-}  // namespace
-
 RecordState ReadCubeRecord(const std::string& header_path, CubeRecord* record) {
-  const std::string path = DataFilePath(header_path, DataFile::kCubeRecord, 0);
-  platform::File f;
-  if (!f.Open(path, platform::File::Mode::kRead)) return Unopened(path);
-  return Decode(f, record);
-}
-
-RecordState ReadCubeRecord(const std::string& header_path, platform::File* kept,
-                           CubeRecord* record) {
-  const std::string path = DataFilePath(header_path, DataFile::kCubeRecord, 0);
-  if (!kept->is_open() || !kept->IsAt(path)) {
-    if (!kept->Open(path, platform::File::Mode::kRead)) return Unopened(path);
-  }
-  const RecordState state = Decode(*kept, record);
-  if (!platform::kCanKeepReadersOpen) kept->Close();
-  return state;
+  platform::File once;
+  return ReadCubeRecord(header_path, &once, record);
 }
 
 bool CubeRecordWriter::Begin(const std::string& header_path, std::uint32_t width,
