@@ -26,10 +26,15 @@ void CubeFileSet::SetMode(Mode mode) {
   mode_ = mode;
 }
 
-const platform::File* CubeFileSet::FileFor(std::uint32_t bin) {
-  if (layout_.bins_per_file == 0) return nullptr;
+unsigned CubeFileSet::FileNumber(std::uint32_t bin) const {
+  if (layout_.bins_per_file == 0) return 0;
   const unsigned n = layout_.Locate(bin).file;
-  if (n == 0 || n > kMaxFileNumber) return nullptr;
+  return n <= kMaxFileNumber ? n : 0;
+}
+
+const platform::File* CubeFileSet::FileFor(std::uint32_t bin) {
+  const unsigned n = FileNumber(bin);
+  if (n == 0) return nullptr;
   // One attempt per file and mode: a file that cannot be opened stays
   // unopened until the set is reset, as a failed write or read is final.
   if (!tried_[n]) {
@@ -64,11 +69,10 @@ std::size_t CubeFileSet::ReadInPlane(std::uint32_t bin, std::uint64_t offset, vo
 }
 
 bool CubeFileSet::HoldsPlane(std::uint32_t bin) const {
-  if (layout_.bins_per_file == 0) return false;
-  const FileOffset place = layout_.Locate(bin);
+  const unsigned n = FileNumber(bin);
   std::uint64_t size = 0;
-  return place.file > 0 && place.file <= kMaxFileNumber && files_[place.file].is_open() &&
-         files_[place.file].Size(&size) && size >= place.offset + layout_.plane_bytes;
+  return n != 0 && files_[n].is_open() && files_[n].Size(&size) &&
+         size >= layout_.Locate(bin).offset + layout_.plane_bytes;
 }
 
 bool CubeIsComplete(const std::string& header_path) {

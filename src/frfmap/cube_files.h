@@ -39,6 +39,8 @@ class CubeFileSet {
   bool HoldsPlane(std::uint32_t bin) const;
 
  private:
+  // The number of the file that holds `bin` (1 .. 127); 0 when there is none.
+  unsigned FileNumber(std::uint32_t bin) const;
   // The file that holds `bin`, opened in the current mode on first use (in
   // write mode created); null when it cannot be opened or the bin is beyond
   // the files 1 .. 127.
