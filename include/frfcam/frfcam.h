@@ -69,8 +69,9 @@
  * library starts no threads of its own. All file reading and writing and
  * every callback happen on the calling thread. Inside RenderCube, ReadFRFMap
  * (and ComputeStability) computation is spread over the cores on a shared
- * worker pool (oneTBB's): while the pool transforms one block of pixels, the
- * calling thread writes the previous block and reads the next; while the
+ * worker pool (oneTBB's): while the pool decodes and transforms one block of
+ * pixels, the calling thread writes the previous block and reads the next
+ * block's bytes as stored; while the
  * pool turns one piece of a bin plane into map values, the calling thread
  * reads the next piece. Each call returns only after the pool has finished
  * every task it was given. Calls on

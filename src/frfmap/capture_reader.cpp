@@ -36,71 +36,85 @@ const platform::File* CaptureReader::Division(unsigned d) {
   return slot.file.is_open() ? &slot.file : nullptr;
 }
 
-bool CaptureReader::ReadBlock(std::uint64_t first, std::uint32_t n, std::int32_t frames,
-                              std::uint16_t* samples, std::uint8_t* records) {
-  if (n == 0) return true;
+RunEncoding CaptureReader::run_encoding() const {
+  if (header_.single_file()) return RunEncoding::kSamples;
+  return header_.packed12() ? RunEncoding::kPacked12 : RunEncoding::kBytes8;
+}
+
+bool CaptureReader::Readable(std::uint64_t first, std::uint32_t n) const {
   // A run that no frame holds is a wrong request, not damaged data.
   if (first + n > header_.pixels()) return false;
-  if (!header_.single_file() && header_.frames_per_division() == 0) return false;
+  return header_.single_file() || header_.frames_per_division() != 0;
+}
+
+bool CaptureReader::ReadFrame(std::int32_t f, std::uint64_t first, std::uint32_t n,
+                              std::uint8_t* run, std::uint8_t* record) {
+  const bool ok = header_.single_file()
+                      ? ReadSingleFrame(f, first, n, reinterpret_cast<std::uint16_t*>(run), record)
+                      : ReadDivisionFrame(f, first, n, run, record);
+  // A frame that cannot be read is zero; the frames around it still count.
+  if (!ok) {
+    std::memset(run, 0, RunBytes(run_encoding(), first, n));
+    if (record != nullptr) std::memset(record, 0, format::kFrameRecordSize);
+  }
+  return ok;
+}
+
+bool CaptureReader::ReadRuns(std::uint64_t first, std::uint32_t n, std::int32_t frames,
+                             std::uint8_t* runs, std::size_t stride, std::uint8_t* records) {
+  if (n == 0) return true;
+  if (!Readable(first, n)) return false;
   bool all = true;
   std::uint8_t* record = (first == 0) ? records : nullptr;
   for (std::int32_t f = 0; f < frames; ++f) {
-    std::uint16_t* row = samples + static_cast<std::size_t>(f) * n;
-    // A frame that cannot be read is zero; the frames around it still count.
-    const bool ok = header_.single_file() ? ReadSingleFrame(f, first, n, row, record)
-                                          : ReadDivisionFrame(f, first, n, row, record);
-    if (!ok) {
-      std::fill(row, row + n, std::uint16_t{0});
-      if (record != nullptr) std::fill(record, record + format::kFrameRecordSize, std::uint8_t{0});
-      all = false;
-    }
+    all &= ReadFrame(f, first, n, runs + static_cast<std::size_t>(f) * stride, record);
+    if (record != nullptr) record += format::kFrameRecordSize;
+  }
+  return all;
+}
+
+bool CaptureReader::ReadBlock(std::uint64_t first, std::uint32_t n, std::int32_t frames,
+                              std::uint16_t* samples, std::uint8_t* records) {
+  const RunEncoding e = run_encoding();
+  if (e == RunEncoding::kSamples) {
+    return ReadRuns(first, n, frames, reinterpret_cast<std::uint8_t*>(samples),
+                    static_cast<std::size_t>(n) * sizeof(std::uint16_t), records);
+  }
+  if (n == 0) return true;
+  if (!Readable(first, n)) return false;
+  bytes_.resize(RunBytes(e, first, n));
+  bool all = true;
+  std::uint8_t* record = (first == 0) ? records : nullptr;
+  for (std::int32_t f = 0; f < frames; ++f) {
+    all &= ReadFrame(f, first, n, bytes_.data(), record);
+    DecodeRun(e, bytes_.data(), first, 0, n, samples + static_cast<std::size_t>(f) * n);
     if (record != nullptr) record += format::kFrameRecordSize;
   }
   return all;
 }
 
 bool CaptureReader::ReadDivisionFrame(std::int32_t f, std::uint64_t first, std::uint32_t n,
-                                      std::uint16_t* row, std::uint8_t* record) {
+                                      std::uint8_t* run, std::uint8_t* record) {
   const std::uint64_t frame_bytes = header_.frame_bytes();
   const FileOffset at =
       LocateFrame(static_cast<std::uint32_t>(f), frame_bytes, header_.frames_per_division());
   const platform::File* file = Division(at.file);
   if (file == nullptr) return false;
 
-  // Bytes that hold the run: for 12-bit data whole groups around it, so
+  // The bytes that hold the run: for 12-bit data whole groups around it, so
   // that a run may start at any pixel.
-  std::uint64_t begin, end;
-  if (header_.packed12()) {
-    begin = first / 2 * 3;
-    end = Packed12Bytes(first + n);
-  } else {
-    begin = first;
-    end = first + n;
-  }
-  // One read per frame: with the record when it is wanted and adjacent.
-  const std::uint64_t stored_end = std::min(end, frame_bytes);
-  const bool with_record = record != nullptr && begin == 0;
-  const std::uint64_t skip = with_record ? 0 : format::kFrameRecordSize + begin;
-  const std::size_t head = with_record ? format::kFrameRecordSize : 0;
-  const std::size_t want = static_cast<std::size_t>(head + stored_end - begin);
-  const std::size_t count = static_cast<std::size_t>(head + end - begin);
-  if (bytes_.size() < count) bytes_.resize(count);
-  if (file->ReadAt(at.offset + skip, bytes_.data(), want) != want) return false;
-  if (record != nullptr && !with_record &&
+  const std::uint64_t begin = header_.packed12() ? first / 2 * 3 : first;
+  const std::size_t count = RunBytes(run_encoding(), first, n);
+  // A frame of an odd pixel count ends with the high byte of its last
+  // sample alone; the missing low bits read as zero.
+  const std::size_t want =
+      static_cast<std::size_t>(std::min<std::uint64_t>(begin + count, frame_bytes) - begin);
+  if (record != nullptr &&
       file->ReadAt(at.offset, record, format::kFrameRecordSize) != format::kFrameRecordSize) {
     return false;
   }
-  if (with_record) std::memcpy(record, bytes_.data(), format::kFrameRecordSize);
-  const std::uint8_t* src = bytes_.data() + head;
-  if (!header_.packed12()) {
-    Expand8(src, n, row);
-    return true;
-  }
-  // A frame of an odd pixel count ends with the high byte of its last
-  // sample alone; the missing low bits read as zero.
-  std::fill(bytes_.begin() + static_cast<std::ptrdiff_t>(want),
-            bytes_.begin() + static_cast<std::ptrdiff_t>(count), std::uint8_t{0});
-  Unpack12(src, first % 2, n, row);
+  if (file->ReadAt(at.offset + format::kFrameRecordSize + begin, run, want) != want) return false;
+  std::memset(run + want, 0, count - want);
   return true;
 }
 

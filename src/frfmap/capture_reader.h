@@ -12,6 +12,7 @@
 #include "frfmap/capture_format.h"
 #include "frfmap/capture_header.h"
 #include "frfmap/layout.h"
+#include "frfmap/unpack.h"
 #include "platform/platform.h"
 
 namespace frfcam::frfmap {
@@ -41,11 +42,28 @@ class CaptureReader {
   bool ReadBlock(std::uint64_t first, std::uint32_t n, std::int32_t frames, std::uint16_t* samples,
                  std::uint8_t* records);
 
+  // The encoding ReadRuns leaves runs in: division files' runs stay as
+  // stored, so that decoding them is left to whoever transforms them; a
+  // single file's are decoded as they are read.
+  RunEncoding run_encoding() const;
+
+  // As ReadBlock, but frame f's run is left in run_encoding() at
+  // runs + f * stride, which must be even and at least
+  // RunBytes(run_encoding(), first, n). A frame that fails is zero bytes,
+  // which decode to zero samples.
+  bool ReadRuns(std::uint64_t first, std::uint32_t n, std::int32_t frames, std::uint8_t* runs,
+                std::size_t stride, std::uint8_t* records);
+
   // Closes every cached handle; the header stays.
   void Close();
 
  private:
-  bool ReadDivisionFrame(std::int32_t f, std::uint64_t first, std::uint32_t n, std::uint16_t* row,
+  // Whether a run can be asked of this capture at all.
+  bool Readable(std::uint64_t first, std::uint32_t n) const;
+  // One frame's run into `run` in run_encoding(), or zeros.
+  bool ReadFrame(std::int32_t f, std::uint64_t first, std::uint32_t n, std::uint8_t* run,
+                 std::uint8_t* record);
+  bool ReadDivisionFrame(std::int32_t f, std::uint64_t first, std::uint32_t n, std::uint8_t* run,
                          std::uint8_t* record);
   bool OpenSingleFile();
   bool ReadSingleFrame(std::int32_t f, std::uint64_t first, std::uint32_t n, std::uint16_t* row,
@@ -69,7 +87,7 @@ class CaptureReader {
   std::uint64_t single_size_ = 0;
   std::array<std::uint8_t, format::kCapHeaderSize> cap_header_{};
 
-  std::vector<std::uint8_t> bytes_;  // one run of stored bytes
+  std::vector<std::uint8_t> bytes_;  // one run of stored bytes, for ReadBlock
 };
 
 }  // namespace frfcam::frfmap

@@ -1,9 +1,9 @@
 // RenderCube: the capture is walked in blocks of pixels. The calling
 // thread does every read, every write and every progress report; the worker
-// pool transforms the current block meanwhile, so that the disk and the
-// cores work at once: while block i is transformed, the calling thread
-// writes block i - 1's spectra and reads block i + 1's samples. Two buffers
-// of each kind hold the blocks in flight.
+// pool decodes and transforms the current block meanwhile, so that the disk
+// and the cores work at once: while block i is transformed, the calling
+// thread writes block i - 1's spectra and reads block i + 1's stored bytes.
+// Two buffers of each kind hold the blocks in flight.
 #include <tbb/task_arena.h>
 #include <tbb/task_group.h>
 
@@ -71,19 +71,24 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
   const std::uint32_t bins = kernel_.bins();
   const std::uint32_t block = PipelineBlock(std::min(block_pixels_, total_pixels_), width_,
                                             total_pixels_, bins, kPipelineBlockBytes);
-  const std::size_t raw_count = static_cast<std::size_t>(frames) * block;
+  // Runs stay as stored until the transform decodes them: the calling
+  // thread, which bounds the render, only reads.
+  const RunEncoding encoding = reader_.run_encoding();
+  const std::size_t stride =
+      (std::max(RunBytes(encoding, 0, block), RunBytes(encoding, 1, block)) + 63) / 64 * 64;
+  const std::size_t raw_count = static_cast<std::size_t>(frames) * stride;
   const std::size_t spec_count = static_cast<std::size_t>(bins) * block;
 
-  std::array<FftBuffer<std::uint16_t>, kSlots> raw;
+  std::array<FftBuffer<std::uint8_t>, kSlots> raw;
   std::array<FftBuffer<std::complex<float>>, kSlots> spectra;
   FftBuffer<std::uint8_t> records = AllocateFftBuffer<std::uint8_t>(16ull * frames);
   bool memory_ok = static_cast<bool>(records) && kernel_.Acquire();
   for (int s = 0; s < kSlots && memory_ok; ++s) {
-    raw[s] = AllocateFftBuffer<std::uint16_t>(raw_count);
+    raw[s] = AllocateFftBuffer<std::uint8_t>(raw_count);
     spectra[s] = AllocateFftBuffer<std::complex<float>>(spec_count);
     memory_ok = raw[s] && spectra[s];
     if (memory_ok) {
-      platform::AdviseLargePages(raw[s].get(), raw_count * sizeof(std::uint16_t));
+      platform::AdviseLargePages(raw[s].get(), raw_count);
       platform::AdviseLargePages(spectra[s].get(), spec_count * sizeof(std::complex<float>));
     }
   }
@@ -126,16 +131,17 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
 
   const std::uint32_t sub_block = std::max<std::uint32_t>(sub_block_pixels_, 1);
   auto transform = [&](const Block& b, int slot) {
+    const SampleRuns runs{raw[slot].get(), stride, b.n, b.start, encoding};
     for (std::uint32_t first = 0; first < b.n; first += sub_block) {
       if (cancel_.load(std::memory_order_relaxed) != 0) return;
       const std::uint32_t last = std::min(b.n, first + sub_block);
-      kernel_.Transform(raw[slot].get(), b.n, first, last, spectra[slot].get(), cancel_);
+      kernel_.Transform(runs, first, last, spectra[slot].get(), cancel_);
       done.fetch_add(last - first, std::memory_order_relaxed);
     }
   };
   auto read = [&](const Block& b, int slot) {
     // Frames that cannot be read are zero; the others are read all the same.
-    reader_.ReadBlock(b.start, b.n, frames, raw[slot].get(), records.get());
+    reader_.ReadRuns(b.start, b.n, frames, raw[slot].get(), stride, records.get());
   };
   // Each bin's run of the block goes to its place in that bin's plane; the
   // record then counts the block's rows as written.

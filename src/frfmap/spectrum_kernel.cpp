@@ -188,8 +188,8 @@ std::uint32_t SpectrumKernel::GroupPanels() const {
   return static_cast<std::uint32_t>(std::clamp<std::size_t>(kStagingBytes / row, 1, kGroupMax));
 }
 
-void SpectrumKernel::Transform(const std::uint16_t* samples, std::uint32_t n, std::uint32_t first,
-                               std::uint32_t last, std::complex<float>* spectra,
+void SpectrumKernel::Transform(const SampleRuns& block, std::uint32_t first, std::uint32_t last,
+                               std::complex<float>* spectra,
                                const std::atomic<std::uint8_t>& cancel) const {
   if (first >= last || !workspaces_) return;
   const std::uint32_t group = GroupPanels() * kPanelPixels;
@@ -208,7 +208,7 @@ void SpectrumKernel::Transform(const std::uint16_t* samples, std::uint32_t n, st
         for (std::uint32_t g = r.begin(); g != r.end(); ++g) {
           if (cancel.load(std::memory_order_relaxed) != 0) break;
           const std::uint32_t p0 = first + g * group;
-          TransformGroup(samples, n, p0, std::min(group, last - p0), spectra, ws);
+          TransformGroup(block, p0, std::min(group, last - p0), spectra, ws);
         }
 #if defined(__SSE2__)
         _mm_sfence();  // the streamed rows are visible before the task ends
@@ -217,28 +217,32 @@ void SpectrumKernel::Transform(const std::uint16_t* samples, std::uint32_t n, st
       tbb::auto_partitioner());
 }
 
-void SpectrumKernel::TransformGroup(const std::uint16_t* samples, std::uint32_t n, std::uint32_t p0,
-                                    std::uint32_t count, std::complex<float>* spectra,
-                                    Workspace& ws) const {
+void SpectrumKernel::TransformGroup(const SampleRuns& block, std::uint32_t p0, std::uint32_t count,
+                                    std::complex<float>* spectra, Workspace& ws) const {
   const std::size_t frames = static_cast<std::size_t>(frames_);
   const std::uint32_t group = GroupPanels() * kPanelPixels;
-  // Every frame's run of the group lies on another page of the block. Copied
+  // Every frame's run of the group lies on another page of the block. Decoded
   // first, frame by frame with the runs a few frames ahead requested, the
   // misses overlap; the panels then read their samples from the core's cache.
   // A short group is padded with zeros.
   constexpr std::size_t kAhead = 8;
   std::uint16_t* stage = ws.staging.get();
+  const std::size_t at = RunOffset(block.encoding, block.start, p0);
+  const std::size_t span = RunBytes(block.encoding, block.start + p0, count) + (at % 64);
   for (std::size_t f = 0; f < frames; ++f) {
-    const std::uint16_t* src = samples + f * n + p0;
-    if (f + kAhead < frames) __builtin_prefetch(src + kAhead * n);
+    const std::uint8_t* run = block.runs + f * block.stride;
+    if (f + kAhead < frames) {
+      const std::uint8_t* ahead = run + kAhead * block.stride + at;
+      for (std::size_t line = 0; line < span; line += 64) __builtin_prefetch(ahead + line);
+    }
     std::uint16_t* dst = stage + f * group;
-    std::memcpy(dst, src, count * sizeof(std::uint16_t));
+    DecodeRun(block.encoding, run, block.start, p0, count, dst);
     if (count < group) std::memset(dst + count, 0, (group - count) * sizeof(std::uint16_t));
   }
   for (std::uint32_t q = 0; q * kPanelPixels < count; ++q) {
     TransformPanel(stage + q * kPanelPixels, group,
                    std::min(kPanelPixels, count - q * kPanelPixels),
-                   spectra + p0 + q * kPanelPixels, n, ws);
+                   spectra + p0 + q * kPanelPixels, block.n, ws);
   }
 }
 

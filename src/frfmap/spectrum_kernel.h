@@ -9,8 +9,19 @@
 #include <memory>
 
 #include "frfmap/fft.h"
+#include "frfmap/unpack.h"
 
 namespace frfcam::frfmap {
+
+// A block of n pixels in every frame, as read: frame f's run of pixels
+// start .. start + n - 1 lies at runs + f * stride, in `encoding`.
+struct SampleRuns {
+  const std::uint8_t* runs = nullptr;
+  std::size_t stride = 0;
+  std::uint32_t n = 0;
+  std::uint64_t start = 0;
+  RunEncoding encoding = RunEncoding::kSamples;
+};
 
 class SpectrumKernel {
  public:
@@ -35,13 +46,12 @@ class SpectrumKernel {
   bool Acquire();
   void Release();
 
-  // Transforms pixels [first, last) of a block of `n` pixels: `samples` holds
-  // frames rows of n samples, `spectra` receives bins rows of n values. Runs
-  // in parallel; pixels not yet started when `cancel` becomes non-zero are
+  // Transforms pixels [first, last) of a block: `spectra` receives bins rows
+  // of block.n values. Decoding the runs is part of the work. Runs in
+  // parallel; pixels not yet started when `cancel` becomes non-zero are
   // skipped (their spectra are then undefined).
-  void Transform(const std::uint16_t* samples, std::uint32_t n, std::uint32_t first,
-                 std::uint32_t last, std::complex<float>* spectra,
-                 const std::atomic<std::uint8_t>& cancel) const;
+  void Transform(const SampleRuns& block, std::uint32_t first, std::uint32_t last,
+                 std::complex<float>* spectra, const std::atomic<std::uint8_t>& cancel) const;
 
   // Pixels per transform call: 16 complex series, two real pixels each.
   static constexpr std::uint32_t kPanelPixels = 32;
@@ -53,8 +63,8 @@ class SpectrumKernel {
   // is a few whole cache lines; fewer for long series, whose staging copy
   // would not stay in the core's cache.
   std::uint32_t GroupPanels() const;
-  void TransformGroup(const std::uint16_t* samples, std::uint32_t n, std::uint32_t p0,
-                      std::uint32_t count, std::complex<float>* spectra, Workspace& ws) const;
+  void TransformGroup(const SampleRuns& block, std::uint32_t p0, std::uint32_t count,
+                      std::complex<float>* spectra, Workspace& ws) const;
   void TransformPanel(const std::uint16_t* rows, std::size_t row_stride, std::uint32_t count,
                       std::complex<float>* spectra, std::uint32_t n, Workspace& ws) const;
 

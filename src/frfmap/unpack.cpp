@@ -1,5 +1,7 @@
 #include "frfmap/unpack.h"
 
+#include <cstring>
+
 #if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>
 #define FRFCAM_HAVE_SSSE3_UNPACK 1
@@ -60,22 +62,23 @@ __attribute__((target("ssse3"))) void UnpackPairsSsse3(const std::uint8_t* __res
   UnpackPairsScalar(src + p * 3, pairs - p, dst + p * 2);
 }
 
-// Two 12-byte groups per 256-bit register, one in each 128-bit lane.
+// Two 12-byte groups per 256-bit register, one in each 128-bit lane. The
+// second group is loaded from 4 bytes early, so that a step reads no byte
+// past its 24: runs of whole steps, as the transform decodes, need no tail.
 __attribute__((target("avx2"))) void UnpackPairsAvx2(const std::uint8_t* __restrict src,
                                                      std::size_t pairs,
                                                      std::uint16_t* __restrict dst) {
-  const __m256i shuffle = _mm256_setr_epi8(1, 0, 1, 2, 4, 3, 4, 5, 7, 6, 7, 8, 10, 9, 10, 11, 1, 0,
-                                           1, 2, 4, 3, 4, 5, 7, 6, 7, 8, 10, 9, 10, 11);
+  const __m256i shuffle = _mm256_setr_epi8(1, 0, 1, 2, 4, 3, 4, 5, 7, 6, 7, 8, 10, 9, 10, 11, 5, 4,
+                                           5, 6, 8, 7, 8, 9, 11, 10, 11, 12, 14, 13, 14, 15);
   const __m256i keep_shifted =
       _mm256_setr_epi16(0x0FFF, 0x0FF0, 0x0FFF, 0x0FF0, 0x0FFF, 0x0FF0, 0x0FFF, 0x0FF0, 0x0FFF,
                         0x0FF0, 0x0FFF, 0x0FF0, 0x0FFF, 0x0FF0, 0x0FFF, 0x0FF0);
   const __m256i keep_low = _mm256_setr_epi16(0, 0x000F, 0, 0x000F, 0, 0x000F, 0, 0x000F, 0, 0x000F,
                                              0, 0x000F, 0, 0x000F, 0, 0x000F);
   std::size_t p = 0;
-  // Each step reads bytes up to 12 + 16 past its start, so stop while 28 remain.
-  for (; p + 10 <= pairs; p += 8) {
+  for (; p + 8 <= pairs; p += 8) {
     const std::uint8_t* g = src + p * 3;
-    const __m256i bytes = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(g + 12),
+    const __m256i bytes = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(g + 8),
                                               reinterpret_cast<const __m128i*>(g));
     const __m256i lanes = _mm256_shuffle_epi8(bytes, shuffle);
     const __m256i samples =
@@ -124,6 +127,45 @@ void Unpack12(const std::uint8_t* src, std::size_t first, std::size_t n, std::ui
 
 void Expand8(const std::uint8_t* __restrict src, std::size_t n, std::uint16_t* __restrict dst) {
   for (std::size_t i = 0; i < n; ++i) dst[i] = static_cast<std::uint16_t>(src[i] << 4);
+}
+
+std::size_t RunBytes(RunEncoding e, std::uint64_t first, std::size_t n) {
+  switch (e) {
+    case RunEncoding::kSamples:
+      return n * sizeof(std::uint16_t);
+    case RunEncoding::kPacked12:
+      return Packed12Bytes(first % 2 + n);
+    case RunEncoding::kBytes8:
+      return n;
+  }
+  return 0;
+}
+
+std::size_t RunOffset(RunEncoding e, std::uint64_t first, std::size_t p) {
+  switch (e) {
+    case RunEncoding::kSamples:
+      return p * sizeof(std::uint16_t);
+    case RunEncoding::kPacked12:
+      return (first % 2 + p) / 2 * 3;
+    case RunEncoding::kBytes8:
+      return p;
+  }
+  return 0;
+}
+
+void DecodeRun(RunEncoding e, const std::uint8_t* run, std::uint64_t first, std::size_t p,
+               std::size_t c, std::uint16_t* dst) {
+  switch (e) {
+    case RunEncoding::kSamples:
+      std::memcpy(dst, run + p * sizeof(std::uint16_t), c * sizeof(std::uint16_t));
+      return;
+    case RunEncoding::kPacked12:
+      Unpack12(run, first % 2 + p, c, dst);
+      return;
+    case RunEncoding::kBytes8:
+      Expand8(run + p, c, dst);
+      return;
+  }
 }
 
 void Unpack5In8(const std::uint8_t* src, std::size_t first, std::size_t n, std::uint16_t* dst) {

@@ -133,6 +133,7 @@ TEST(RenderCube, ValuesAreTheScaledDftForEveryShapeOfCapture) {
       {17, 3, 11, 1, 500, true},  // single-file capture
       {40, 9, 31, 1, 7, false},   // more than one panel per row
       {48, 32, 10, 1, 4, false},  // page-sized blocks that end inside rows
+      {131, 7, 12, 1, 5, false},  // blocks of several groups, one starting at an odd pixel
   };
   for (const Case& k : cases) {
     SCOPED_TRACE(testing::Message() << k.w << "x" << k.h << " F=" << k.frames << " fmt " << k.fmt
