@@ -87,7 +87,9 @@ class CaptureReader {
   std::uint64_t single_size_ = 0;
   std::array<std::uint8_t, format::kCapHeaderSize> cap_header_{};
 
-  std::vector<std::uint8_t> bytes_;  // one run of stored bytes, for ReadBlock
+  // Stored bytes on their way to samples: ReadBlock's run of a division
+  // file, the rows of a single file's frame.
+  std::vector<std::uint8_t> bytes_;
 };
 
 }  // namespace frfcam::frfmap
