@@ -103,8 +103,9 @@ bool CaptureReader::ReadDivisionFrame(std::int32_t f, std::uint64_t first, std::
 
   // The bytes that hold the run: for 12-bit data whole groups around it, so
   // that a run may start at any pixel.
-  const std::uint64_t begin = header_.packed12() ? first / 2 * 3 : first;
-  const std::size_t count = RunBytes(run_encoding(), first, n);
+  const RunEncoding e = run_encoding();
+  const std::uint64_t begin = RunOffset(e, 0, first);
+  const std::size_t count = RunBytes(e, first, n);
   // A frame of an odd pixel count ends with the high byte of its last
   // sample alone; the missing low bits read as zero.
   const std::size_t want =
