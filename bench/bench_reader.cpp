@@ -41,33 +41,31 @@ int main(int argc, char** argv) {
                : frfmap::PlanBlockPixels(w, h, frames, platform::AvailablePhysicalMemory()) / w;
   std::vector<std::uint16_t> samples(static_cast<std::size_t>(frames) * w * rows);
   std::vector<std::uint8_t> records(16ull * frames);
-  auto reader = [&] {
+  // Opens the capture and reads it block by block with `read`.
+  auto each_block = [&](const auto& read) {
     frfmap::CaptureReader r;
     r.Open(header);
     for (std::uint32_t y = 0; y < h; y += rows) {
-      if (!r.ReadBlock(static_cast<std::uint64_t>(y) * w, w * rows, frames, samples.data(),
-                       records.data())) {
+      if (!read(r, static_cast<std::uint64_t>(y) * w)) {
         std::fprintf(stderr, "read failed\n");
         std::exit(1);
       }
     }
   };
-
+  auto reader = [&] {
+    each_block([&](frfmap::CaptureReader& r, std::uint64_t first) {
+      return r.ReadBlock(first, w * rows, frames, samples.data(), records.data());
+    });
+  };
   // The render's path: the same blocks' runs as stored, left for the
   // transform to decode.
   const frfmap::RunEncoding encoding = frfmap::RunEncoding::kPacked12;
   const std::size_t stride = (frfmap::RunBytes(encoding, 0, w * rows) + 63) / 64 * 64;
   std::vector<std::uint8_t> runs(static_cast<std::size_t>(frames) * stride);
   auto stored = [&] {
-    frfmap::CaptureReader r;
-    r.Open(header);
-    for (std::uint32_t y = 0; y < h; y += rows) {
-      if (!r.ReadRuns(static_cast<std::uint64_t>(y) * w, w * rows, frames, runs.data(), stride,
-                      records.data())) {
-        std::fprintf(stderr, "read failed\n");
-        std::exit(1);
-      }
-    }
+    each_block([&](frfmap::CaptureReader& r, std::uint64_t first) {
+      return r.ReadRuns(first, w * rows, frames, runs.data(), stride, records.data());
+    });
   };
 
   plain();  // warm the page cache
