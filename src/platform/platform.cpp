@@ -272,6 +272,12 @@ bool File::Reserve(std::uint64_t size) const {
   return r == 0;
 }
 
+bool File::EnableDirect() const {
+  if (fd_ < 0) return false;
+  const int status = ::fcntl(static_cast<int>(fd_), F_GETFL);
+  return status >= 0 && ::fcntl(static_cast<int>(fd_), F_SETFL, status | O_DIRECT) == 0;
+}
+
 #endif  // !_WIN32
 
 }  // namespace frfcam::platform

@@ -153,8 +153,22 @@ class File {
   // reports every failure. On Windows it does nothing and returns false.
   bool Reserve(std::uint64_t size) const;
 
+  // Switches a file open for writing to direct writes: from then on its
+  // writes (WriteAt and WriteQueue's) go between the caller's memory and the
+  // disk without passing through the OS's file cache, and each needs an
+  // offset, a size and an address that are multiples of
+  // kDirectWriteAlignment. False where the file system does not offer it (a
+  // RAM disk, for one) and always on Windows; the file then writes as
+  // before.
+  bool EnableDirect() const;
+
  private:
+  friend class WriteQueue;
   std::intptr_t fd_ = -1;  // a descriptor, or on Windows a HANDLE
 };
+
+// The alignment direct writes need, in bytes: the page size, which every
+// disk's sector size divides.
+inline constexpr std::size_t kDirectWriteAlignment = 4096;
 
 }  // namespace frfcam::platform

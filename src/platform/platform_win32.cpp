@@ -187,6 +187,8 @@ std::size_t File::WriteAt(std::uint64_t offset, const void* data, std::size_t si
 
 bool File::Reserve(std::uint64_t) const { return false; }
 
+bool File::EnableDirect() const { return false; }
+
 }  // namespace frfcam::platform
 
 #endif  // _WIN32

@@ -1,8 +1,9 @@
 // The file layer under hostile paths and limits: FIFOs and folders are
-// refused without blocking, and the file-size limit is a short write rather
-// than a signal that leaves the signal state as it was. Anything that could
-// hang or kill runs in a forked child. (Truncation by another party and
-// replaced files are checked through the cube readers in tests/frfmap.)
+// refused without blocking, the file-size limit is a short write rather than
+// a signal that leaves the signal state as it was, and queued direct writes
+// land whole or are refused. Anything that could hang or kill runs in a
+// forked child. (Truncation by another party and replaced files are checked
+// through the cube readers in tests/frfmap.)
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -10,13 +11,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "platform/platform.h"
+#include "platform/write_queue.h"
 #include "support/test_support.h"
 
 namespace frfcam::platform {
@@ -96,6 +101,52 @@ TEST(File, TheFileSizeLimitGivesAShortWriteNotASignal) {
   ASSERT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
   EXPECT_EQ(WEXITSTATUS(status), 0);
   EXPECT_EQ(fs::file_size(path), 64u * 1024);
+}
+
+TEST(WriteQueue, QueuedWritesLandWholeAndOnlyAlignedWritesInsideTheFileAreTaken) {
+  test::ScratchDir dir;
+  const std::string path = dir.file("direct.bin");
+  File out;
+  ASSERT_TRUE(out.Open(path, File::Mode::kCreate));
+  ASSERT_TRUE(out.Reserve(1 << 20));
+  WriteQueue queue;
+  if (!out.EnableDirect() || !queue.Start(4)) {
+    GTEST_SKIP() << "no direct writes on this file system";
+  }
+  constexpr std::size_t kRun = 64 << 10;
+  struct Free {
+    void operator()(char* p) const { std::free(p); }
+  };
+  std::unique_ptr<char, Free> memory(
+      static_cast<char*>(std::aligned_alloc(kDirectWriteAlignment, 8 * kRun)));
+  char* runs = memory.get();
+  for (std::size_t i = 0; i < 8 * kRun; ++i) runs[i] = static_cast<char>(i * 13 + i / kRun);
+  // Eight runs, two tags, more than the depth: Submit waits for room.
+  for (unsigned r = 0; r < 8; ++r) {
+    ASSERT_TRUE(queue.Submit(out, (7 - r) * kRun, runs + r * kRun, kRun, r % 2)) << r;
+  }
+  EXPECT_TRUE(queue.Wait(0));
+  EXPECT_TRUE(queue.Wait(1));
+
+  // Refused, nothing queued: unaligned offset, size or memory, a write past
+  // the end (it would grow the file), an unknown tag.
+  EXPECT_FALSE(queue.Submit(out, 100, runs, kRun, 0));
+  EXPECT_FALSE(queue.Submit(out, 0, runs, kRun - 512, 0));
+  EXPECT_FALSE(queue.Submit(out, 0, runs + 512, kRun, 0));
+  EXPECT_FALSE(queue.Submit(out, (1 << 20) - kRun / 2, runs, kRun, 0));
+  EXPECT_FALSE(queue.Submit(out, 0, runs, kRun, WriteQueue::kTags));
+  EXPECT_TRUE(queue.Wait(0));  // refusals are not failed writes
+
+  File in;
+  ASSERT_TRUE(in.Open(path, File::Mode::kRead));
+  std::vector<char> back(8 * kRun);
+  ASSERT_EQ(in.ReadAt(0, back.data(), back.size()), back.size());
+  for (unsigned r = 0; r < 8; ++r) {
+    EXPECT_EQ(std::memcmp(back.data() + (7 - r) * kRun, runs + r * kRun, kRun), 0) << r;
+  }
+  std::uint64_t size = 0;
+  ASSERT_TRUE(in.Size(&size));
+  EXPECT_EQ(size, 1u << 20);
 }
 
 }  // namespace

@@ -1,0 +1,130 @@
+#include "platform/write_queue.h"
+
+#if !defined(_WIN32)
+#include <linux/aio_abi.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#endif
+
+namespace frfcam::platform {
+
+#if defined(_WIN32)
+
+// Windows writes through its cache (File::EnableDirect is false there), so
+// there is nothing to queue.
+WriteQueue::~WriteQueue() = default;
+bool WriteQueue::Start(unsigned) { return false; }
+bool WriteQueue::Submit(const File&, std::uint64_t, const void*, std::size_t, unsigned) {
+  return false;
+}
+bool WriteQueue::Wait(unsigned tag) { return tag < kTags; }
+void WriteQueue::Reap(unsigned) {}
+
+#else
+
+// The kernel's asynchronous I/O, called directly: with files opened for
+// direct I/O its writes are queued to the disk without a thread, where the
+// POSIX interface would start threads of its own.
+namespace {
+
+long Setup(unsigned depth, aio_context_t* context) {
+  return ::syscall(SYS_io_setup, depth, context);
+}
+
+}  // namespace
+
+WriteQueue::~WriteQueue() {
+  if (context_ == 0) return;
+  while (in_flight_ > 0) Reap(1);
+  ::syscall(SYS_io_destroy, static_cast<aio_context_t>(context_));
+}
+
+bool WriteQueue::Start(unsigned depth) {
+  if (context_ != 0 || depth == 0) return context_ != 0;
+  aio_context_t context = 0;
+  if (Setup(depth, &context) != 0) return false;
+  context_ = context;
+  depth_ = depth;
+  return true;
+}
+
+bool WriteQueue::Submit(const File& file, std::uint64_t offset, const void* data, std::size_t size,
+                        unsigned tag) {
+  const auto address = reinterpret_cast<std::uintptr_t>(data);
+  if (context_ == 0 || tag >= kTags || file.fd_ < 0 || size == 0 || (size >> 55) != 0 ||
+      offset % kDirectWriteAlignment != 0 || size % kDirectWriteAlignment != 0 ||
+      address % kDirectWriteAlignment != 0 || offset > static_cast<std::uint64_t>(INT64_MAX)) {
+    return false;
+  }
+  // Past the file's end the write would extend it, and raise the file-size
+  // limit's signal where it applies.
+  std::uint64_t file_size = 0;
+  if (!file.Size(&file_size) || offset > file_size || size > file_size - offset) return false;
+  while (in_flight_ >= depth_) Reap(1);
+  iocb request;
+  std::memset(&request, 0, sizeof request);
+  // What Reap needs comes back in aio_data: the kernel keeps no pointer to
+  // the request past io_submit.
+  request.aio_data = (static_cast<std::uint64_t>(size) << 8) | tag;
+  request.aio_lio_opcode = IOCB_CMD_PWRITE;
+  request.aio_fildes = static_cast<std::uint32_t>(file.fd_);
+  request.aio_buf = address;
+  request.aio_nbytes = size;
+  request.aio_offset = static_cast<std::int64_t>(offset);
+  iocb* list[1] = {&request};
+  for (;;) {
+    const long r = ::syscall(SYS_io_submit, static_cast<aio_context_t>(context_), 1, list);
+    if (r == 1) break;
+    // Out of the kernel's request slots for now: make room and retry.
+    if (r < 0 && (errno == EAGAIN || errno == EINTR) && in_flight_ > 0) {
+      Reap(1);
+      continue;
+    }
+    if (r < 0 && errno == EINTR) continue;
+    return false;
+  }
+  ++in_flight_;
+  ++pending_[tag];
+  return true;
+}
+
+bool WriteQueue::Wait(unsigned tag) {
+  if (tag >= kTags) return false;
+  while (pending_[tag] > 0) Reap(1);
+  const bool ok = !failed_[tag];
+  failed_[tag] = false;
+  return ok;
+}
+
+void WriteQueue::Reap(unsigned min) {
+  io_event events[64];
+  const long n = ::syscall(SYS_io_getevents, static_cast<aio_context_t>(context_),
+                           static_cast<long>(min), 64L, events, nullptr);
+  if (n < 0) {
+    if (errno == EINTR) return;
+    // The context is unusable: nothing more will finish, so count the
+    // writes in flight as failed rather than wait for them forever.
+    for (unsigned t = 0; t < kTags; ++t) {
+      if (pending_[t] > 0) failed_[t] = true;
+      pending_[t] = 0;
+    }
+    in_flight_ = 0;
+    return;
+  }
+  for (long i = 0; i < n; ++i) {
+    const auto tag = static_cast<unsigned>(events[i].data & 0xff);
+    const std::uint64_t size = events[i].data >> 8;
+    if (events[i].res < 0 || static_cast<std::uint64_t>(events[i].res) != size) {
+      failed_[tag] = true;
+    }
+    --pending_[tag];
+    --in_flight_;
+  }
+}
+
+#endif  // !_WIN32
+
+}  // namespace frfcam::platform
