@@ -70,8 +70,9 @@
  * every callback happen on the calling thread. Inside RenderCube, ReadFRFMap
  * (and ComputeStability) computation is spread over the cores on a shared
  * worker pool (oneTBB's): while the pool decodes and transforms one block of
- * pixels, the calling thread writes the previous block and reads the next
- * block's bytes as stored; while the
+ * pixels, the calling thread writes the previous block (for a large cube
+ * on Linux, queues most of its writes to the kernel, see RenderCube) and
+ * reads the next block's bytes as stored; while the
  * pool turns one piece of a bin plane into map values, the calling thread
  * reads the next piece. Each call returns only after the pool has finished
  * every task it was given. Calls on
@@ -275,6 +276,21 @@ FRFCAM_API void CancelRenderCube(FrfMapCalcs* calcs);
  * says what is written. Where the file system cannot allocate ahead, or the
  * file would pass the file-size limit, files grow as they are written. On
  * Windows they always grow as they are written.
+ *
+ * On Linux a cube larger than a tenth of the memory available when the
+ * render starts (where the kernel starts writing cached data back to the
+ * disk) goes through the page cache only as far as its first files fit in
+ * that tenth; the other cube files are written with direct I/O, past the
+ * cache, into their allocated space. Their bytes go from the render's
+ * buffers to the disk without a copy, the page cache keeps what the user had
+ * in it, and the calling thread copies the cached files while the disk
+ * writes the others. The calling thread queues these writes to the kernel
+ * (Linux AIO, up to 128 in flight, no thread) and waits for them before it
+ * reuses a buffer, counts a block as written, or returns. Direct writes need
+ * planes of whole 4 KiB pages (width x height a multiple of 512) on a file
+ * system that offers direct I/O; otherwise, and always on Windows, the whole
+ * cube is written through the cache. Maps read from a directly written file
+ * come from the disk the first time.
  *
  * Each render needs its own OpenCube before it; afterwards the object is
  * ready for ReadFRFMap. See "Threads" for which thread does what. Returns an

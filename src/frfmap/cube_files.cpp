@@ -19,6 +19,8 @@ void CubeFileSet::Reset(const std::string& header_path, const CubeLayout& layout
 void CubeFileSet::Close() {
   for (auto& f : files_) f.Close();
   tried_.fill(false);
+  reserved_.fill(false);
+  direct_.fill(0);
 }
 
 void CubeFileSet::SetMode(Mode mode) {
@@ -47,7 +49,7 @@ const platform::File* CubeFileSet::FileFor(std::uint32_t bin) {
       const std::uint64_t first = static_cast<std::uint64_t>(n - 1) * layout_.bins_per_file;
       const std::uint64_t planes =
           std::min<std::uint64_t>(layout_.bins_per_file, layout_.bins - first);
-      files_[n].Reserve(planes * layout_.plane_bytes);
+      reserved_[n] = files_[n].Reserve(planes * layout_.plane_bytes);
     }
   }
   return files_[n].is_open() ? &files_[n] : nullptr;
@@ -66,6 +68,17 @@ std::size_t CubeFileSet::ReadInPlane(std::uint32_t bin, std::uint64_t offset, vo
   const platform::File* f = FileFor(bin);
   if (f == nullptr) return 0;
   return f->ReadAt(layout_.Locate(bin).offset + offset, data, size);
+}
+
+const platform::File* CubeFileSet::DirectFileFor(std::uint32_t bin) {
+  if (mode_ != Mode::kWrite) return nullptr;
+  const platform::File* f = FileFor(bin);
+  if (f == nullptr) return nullptr;
+  const unsigned n = FileNumber(bin);
+  // Only into space allocated ahead: a direct write then never extends the
+  // file, and never meets the file-size limit.
+  if (direct_[n] == 0) direct_[n] = reserved_[n] && f->EnableDirect() ? 1 : 2;
+  return direct_[n] == 1 ? f : nullptr;
 }
 
 bool CubeFileSet::HoldsPlane(std::uint32_t bin) const {

@@ -38,6 +38,13 @@ class CubeFileSet {
   // and, as it stands now, long enough to hold the whole plane.
   bool HoldsPlane(std::uint32_t bin) const;
 
+  // In write mode, the file that holds `bin` switched to direct writes
+  // (platform::File::EnableDirect), for writes through a WriteQueue; null
+  // when it cannot be: the file could not be created, its space could not be
+  // reserved ahead, or its file system writes only through the cache. The
+  // caller then writes that bin with WriteInPlane.
+  const platform::File* DirectFileFor(std::uint32_t bin);
+
  private:
   // The number of the file that holds `bin` (1 .. 127); 0 when there is none.
   unsigned FileNumber(std::uint32_t bin) const;
@@ -51,6 +58,10 @@ class CubeFileSet {
   Mode mode_ = Mode::kRead;
   std::array<platform::File, kHandleTableSize> files_;
   std::array<bool, kHandleTableSize> tried_{};
+  // Write mode: whether the file's planes are allocated ahead, and whether
+  // it was switched to direct writes (0 not tried, 1 yes, 2 no).
+  std::array<bool, kHandleTableSize> reserved_{};
+  std::array<std::uint8_t, kHandleTableSize> direct_{};
 };
 
 // Whether the capture whose header is `header_path` has a complete cube: its

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -22,6 +23,7 @@
 #include "frfmap/capture_writer.h"
 #include "frfmap/cube_files.h"
 #include "frfmap/naming.h"
+#include "frfmap/render_settings.h"
 #include "support/test_support.h"
 
 namespace frfcam::frfmap {
@@ -209,21 +211,76 @@ TEST(RenderCube, CancelFromAnotherThreadLeavesTheBlockUnwritten) {
   ExpectCubeMatchesDft(c);
 }
 
+// Renders with direct writes for any cube, in blocks of 1024 pixels at
+// 21 bins; the defaults come back at the end of the scope.
+struct DirectWrites {
+  DirectWrites() {
+    SetCachedCubeBytes(0);
+    SetRenderBlockBytes(200 << 10);
+  }
+  ~DirectWrites() {
+    SetCachedCubeBytes(kCachedCubeBytesAutomatic);
+    SetRenderBlockBytes(0);
+  }
+};
+
 TEST(RenderCube, TheFileSizeLimitGivesThreeNotASignal) {
   // In a child process limited to small files, with SIGXFSZ as the shell
   // leaves it (by default it kills the process).
   if (const char* header = std::getenv("FRFCAM_WRITE_LIMIT_CHILD")) {
+    std::optional<DirectWrites> direct;
+    if (std::getenv("FRFCAM_DIRECT_CHILD") != nullptr) direct.emplace();
     std::_Exit(OpenAndRender(header, nullptr));
   }
   FRFCAM_SKIP_ON_WINDOWS("RLIMIT_FSIZE through a POSIX shell is Linux-only");
-  ScratchDir dir;
-  const Capture c = Make(dir, 64, 64, 40, 1, 40);  // a 688 KiB cube
   const std::string self = fs::read_symlink("/proc/self/exe").string();
-  const test::CommandResult r =
-      test::RunCommand("ulimit -f 256; FRFCAM_WRITE_LIMIT_CHILD=" + c.header + " " + self +
-                       " --gtest_filter=RenderCube.TheFileSizeLimitGivesThreeNotASignal");
-  EXPECT_EQ(r.status, 3) << r.out << r.err;
+  for (const char* mode : {"", "FRFCAM_DIRECT_CHILD=1 "}) {
+    SCOPED_TRACE(*mode ? "direct writes" : "through the cache");
+    ScratchDir dir;
+    const Capture c = Make(dir, 64, 64, 40, 1, 40);  // a 688 KiB cube
+    const test::CommandResult r = test::RunCommand(
+        std::string("ulimit -f 256; ") + mode + "FRFCAM_WRITE_LIMIT_CHILD=" + c.header + " " +
+        self + " --gtest_filter=RenderCube.TheFileSizeLimitGivesThreeNotASignal");
+    EXPECT_EQ(r.status, 3) << r.out << r.err;
+    EXPECT_FALSE(CubeIsComplete(c.header));
+  }
+}
+
+TEST(RenderCube, DirectWritesGiveTheSameCubeAndKeepTheCancelRule) {
+  DirectWrites direct;
+  ScratchDir dir;
+  // Planes of whole pages, four blocks: written directly, with writes of
+  // two blocks in flight at once.
+  const Capture c = Make(dir, 64, 64, 40, 1, 16);
+  ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
+  ExpectCubeMatchesDft(c);
+  EXPECT_TRUE(CubeIsComplete(c.header));
+  // Planes that are not whole pages: written through the cache.
+  ScratchDir odd;
+  const Capture d = Make(odd, 60, 50, 40, 1, 16);
+  ASSERT_EQ(OpenAndRender(d.header, nullptr), 0);
+  ExpectCubeMatchesDft(d);
+
+  // A cancel between a block's transform and its write: whatever was written
+  // before it stays, and the cube does not read as complete.
+  Canceller canceller;
+  g_canceller = &canceller;
+  canceller.calcs = CreateFrfMapCalcs("cancel");
+  ASSERT_EQ(OpenCube(canceller.calcs, c.header.c_str()), 0);
+  std::thread other([&] {
+    std::unique_lock<std::mutex> lock(canceller.m);
+    canceller.cv.wait(lock, [&] { return canceller.asked; });
+    CancelRenderCube(canceller.calcs);
+    canceller.done = true;
+    canceller.cv.notify_all();
+  });
+  EXPECT_EQ(RenderCube(canceller.calcs, CancelOnFirstReport), 1);
+  other.join();
   EXPECT_FALSE(CubeIsComplete(c.header));
+  ASSERT_EQ(OpenCube(canceller.calcs, c.header.c_str()), 0);
+  EXPECT_EQ(RenderCube(canceller.calcs, nullptr), 0);
+  DeleteFrfMapCalcs(canceller.calcs);
+  ExpectCubeMatchesDft(c);
 }
 
 TEST(RenderCube, AReaderOfAReplacedCubeGetsAShortReadNotAStaleOrMixedMap) {
