@@ -6,11 +6,13 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <string>
 #include <vector>
 
 #include "bench_support.h"
 #include "frfcam/frfcam.h"
 #include "frfmap/naming.h"
+#include "frfmap/render_settings.h"
 #include "platform/platform.h"
 
 using namespace frfcam;
@@ -21,6 +23,23 @@ namespace {
 struct Figures {
   double floor, render;
 };
+
+// How the renders write their cubes: "auto" (the library's choice), "direct"
+// or "cache" (every file written directly where possible, or through the
+// cache: forced, for comparing the two in one run).
+std::string write_mode = "auto";
+
+std::string WriteMode(int w, int h) {
+  if (write_mode == "cache") return "cube through the cache, forced";
+  if ((static_cast<std::uint64_t>(w) * h) % 512 != 0) return "cube through the cache";
+  if (write_mode == "direct") return "cube written directly, forced";
+  char text[160];
+  std::snprintf(text, sizeof text,
+                "cube files within %.1f GB, a tenth of the available memory, through the cache, "
+                "the others directly",
+                platform::AvailablePhysicalMemory() / 10 / 1e9);
+  return text;
+}
 
 void ReadAll(const std::string& header, unsigned files, std::vector<char>& chunk) {
   for (unsigned d = 1; d <= files; ++d) {
@@ -105,8 +124,8 @@ Figures Measure(const std::string& dir, const char* name, std::uint16_t w, std::
   const double floor_min = *std::min_element(floor.begin(), floor.end());
   const double render_min = *std::min_element(render.begin(), render.end());
   const double in_mb = ((w * h * 3.0 / 2 + 16) * frames) / 1e6;
-  std::printf("%dx%d, %d frames: read %.0f MB, write %.0f MB\n", w, h, frames, in_mb,
-              cube_bytes / 1e6);
+  std::printf("%dx%d, %d frames: read %.0f MB, write %.0f MB (%s)\n", w, h, frames, in_mb,
+              cube_bytes / 1e6, WriteMode(w, h).c_str());
   std::printf("  copy floor (read + write, sequential): %6.2f s\n", f.floor);
   std::printf("  OpenCube + RenderCube:                 %6.2f s   render / floor = %.2f\n",
               f.render, f.render / f.floor);
@@ -160,14 +179,19 @@ void MeasureMaps(const std::string& dir) {
 
 }  // namespace
 
-// Arguments: [runs (3)] [all | even | prime | small | large | maps]: even and
-// prime are 512 x 512 with 2000 and 1999 frames, small 384 x 384 x 1000,
-// large 1024 x 1024 x 2000 (3 GB in, 8.4 GB of cube; not part of "all").
+// Arguments: [runs (3)] [all | even | prime | small | large | maps]
+// [auto | direct | cache]: even and prime are 512 x 512 with 2000 and 1999
+// frames, small 384 x 384 x 1000, large 1024 x 1024 x 2000 (3 GB in, 8.4 GB
+// of cube; not part of "all"). The last argument forces how cubes are
+// written: directly where possible, or through the cache.
 int main(int argc, char** argv) {
   const std::string dir = bench::BenchDir("render");
   bench::WarmMemory(std::size_t{2} << 30);
   const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 3;
   const std::string which = argc > 2 ? argv[2] : "all";
+  write_mode = argc > 3 ? argv[3] : "auto";
+  if (write_mode == "direct") frfmap::SetCachedCubeBytes(0);
+  if (write_mode == "cache") frfmap::SetCachedCubeBytes(frfmap::kCachedCubeBytesAll);
   if (which != "all") {
     if (which == "even") Measure(dir, "even", 512, 512, 2000, runs);
     if (which == "prime") Measure(dir, "prime", 512, 512, 1999, runs);
