@@ -187,13 +187,11 @@ void CancelOnFirstReport(int) {
   c.cv.wait(lock, [&] { return c.done; });
 }
 
-TEST(RenderCube, CancelFromAnotherThreadLeavesTheBlockUnwritten) {
-  ScratchDir dir;
-  const Capture c = Make(dir, 32, 16, 24, 1, 10);
+// Renders the opened `calcs` with that cancel; returns RenderCube's result.
+int RenderCancelledOnFirstReport(FrfMapCalcs* calcs) {
   Canceller canceller;
-  canceller.calcs = CreateFrfMapCalcs("c");
+  canceller.calcs = calcs;
   g_canceller = &canceller;
-  ASSERT_EQ(OpenCube(canceller.calcs, c.header.c_str()), 0);
   std::thread other([&] {
     std::unique_lock<std::mutex> lock(canceller.m);
     canceller.cv.wait(lock, [&] { return canceller.asked; });
@@ -201,13 +199,22 @@ TEST(RenderCube, CancelFromAnotherThreadLeavesTheBlockUnwritten) {
     canceller.done = true;
     canceller.cv.notify_all();
   });
-  EXPECT_EQ(RenderCube(canceller.calcs, CancelOnFirstReport), 1);
+  const int result = RenderCube(calcs, CancelOnFirstReport);
   other.join();
+  return result;
+}
+
+TEST(RenderCube, CancelFromAnotherThreadLeavesTheBlockUnwritten) {
+  ScratchDir dir;
+  const Capture c = Make(dir, 32, 16, 24, 1, 10);
+  FrfMapCalcs* calcs = CreateFrfMapCalcs("c");
+  ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
+  EXPECT_EQ(RenderCancelledOnFirstReport(calcs), 1);
   EXPECT_FALSE(fs::exists(DataFilePath(c.header, DataFile::kCube, 1)));
   // The object is usable again after a new opening.
-  ASSERT_EQ(OpenCube(canceller.calcs, c.header.c_str()), 0);
-  EXPECT_EQ(RenderCube(canceller.calcs, nullptr), 0);
-  DeleteFrfMapCalcs(canceller.calcs);
+  ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
+  EXPECT_EQ(RenderCube(calcs, nullptr), 0);
+  DeleteFrfMapCalcs(calcs);
   ExpectCubeMatchesDft(c);
 }
 
@@ -263,23 +270,13 @@ TEST(RenderCube, DirectWritesGiveTheSameCubeAndKeepTheCancelRule) {
 
   // A cancel between a block's transform and its write: whatever was written
   // before it stays, and the cube does not read as complete.
-  Canceller canceller;
-  g_canceller = &canceller;
-  canceller.calcs = CreateFrfMapCalcs("cancel");
-  ASSERT_EQ(OpenCube(canceller.calcs, c.header.c_str()), 0);
-  std::thread other([&] {
-    std::unique_lock<std::mutex> lock(canceller.m);
-    canceller.cv.wait(lock, [&] { return canceller.asked; });
-    CancelRenderCube(canceller.calcs);
-    canceller.done = true;
-    canceller.cv.notify_all();
-  });
-  EXPECT_EQ(RenderCube(canceller.calcs, CancelOnFirstReport), 1);
-  other.join();
+  FrfMapCalcs* calcs = CreateFrfMapCalcs("cancel");
+  ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
+  EXPECT_EQ(RenderCancelledOnFirstReport(calcs), 1);
   EXPECT_FALSE(CubeIsComplete(c.header));
-  ASSERT_EQ(OpenCube(canceller.calcs, c.header.c_str()), 0);
-  EXPECT_EQ(RenderCube(canceller.calcs, nullptr), 0);
-  DeleteFrfMapCalcs(canceller.calcs);
+  ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
+  EXPECT_EQ(RenderCube(calcs, nullptr), 0);
+  DeleteFrfMapCalcs(calcs);
   ExpectCubeMatchesDft(c);
 }
 
