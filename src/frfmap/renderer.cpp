@@ -252,19 +252,17 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
   bool all_written = false;
   std::exception_ptr failure;
   tbb::task_group group;
-  // Blocks written or being written, not yet settled, oldest first.
-  std::array<std::size_t, kSlots> unsettled{};
-  std::size_t unsettled_count = 0;
+  // Blocks are written in order: blocks settled .. written - 1 are written
+  // (or being written) and not yet settled, at most one per slot.
+  std::size_t settled = 0, written = 0;
   auto settle_oldest = [&] {
-    const std::size_t j = unsettled[0];
-    unsettled[0] = unsettled[1];
-    --unsettled_count;
+    const std::size_t j = settled++;
     return settle(blocks[j], static_cast<int>(j % kSlots));
   };
   // A block that failed is never settled: the blocks after it are not
   // written, and the record stops before it.
   auto wrote = [&](std::size_t j, bool ok) {
-    if (ok) unsettled[unsettled_count++] = j;
+    if (ok) written = j + 1;
     return ok;
   };
   try {
@@ -272,7 +270,7 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
     for (std::size_t i = 0; i < blocks.size(); ++i) {
       const int slot = static_cast<int>(i % kSlots);
       const int other = 1 - slot;
-      if (unsettled_count > 0) write_ok = settle_oldest();  // block i - 2, in this slot
+      if (settled < written) write_ok = settle_oldest();  // block i - 2, in this slot
       if (!write_ok) break;
       group.run([&, i, slot] { transform(blocks[i], slot); });
       if (i > 0) write_ok = wrote(i - 1, write(blocks[i - 1], other));
@@ -301,7 +299,7 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
   // Blocks written whole count as written, in order, up to the first that
   // failed; a cancel keeps what was written before it. Then the writes of a
   // block that failed part way are waited for too.
-  while (unsettled_count > 0 && write_ok) write_ok = settle_oldest();
+  while (settled < written && write_ok) write_ok = settle_oldest();
   all_written = all_written && write_ok;
   for (unsigned tag = 0; tag < kSlots; ++tag) queue.Wait(tag);
   if (all_written && !record.Complete()) write_ok = false;

@@ -28,14 +28,6 @@ void WriteQueue::Reap(unsigned) {}
 // The kernel's asynchronous I/O, called directly: with files opened for
 // direct I/O its writes are queued to the disk without a thread, where the
 // POSIX interface would start threads of its own.
-namespace {
-
-long Setup(unsigned depth, aio_context_t* context) {
-  return ::syscall(SYS_io_setup, depth, context);
-}
-
-}  // namespace
-
 WriteQueue::~WriteQueue() {
   if (context_ == 0) return;
   while (in_flight_ > 0) Reap(1);
@@ -45,7 +37,7 @@ WriteQueue::~WriteQueue() {
 bool WriteQueue::Start(unsigned depth) {
   if (context_ != 0 || depth == 0) return context_ != 0;
   aio_context_t context = 0;
-  if (Setup(depth, &context) != 0) return false;
+  if (::syscall(SYS_io_setup, depth, &context) != 0) return false;
   context_ = context;
   depth_ = depth;
   return true;
