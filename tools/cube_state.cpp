@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "frfmap/cube_record.h"
 #include "frfmap/layout.h"
 #include "frfmap/naming.h"
 #include "platform/platform.h"
@@ -22,67 +21,6 @@ std::string CubePath(const std::string& header_path, unsigned file) {
 }
 
 }  // namespace
-
-bool CubeComplete(const std::string& header_path, const frfmap::CaptureHeader& header,
-                  std::string* why) {
-  const frfmap::CubeLayout layout = LayoutOf(header);
-  const unsigned files = layout.FileCount();
-  if (files == 0 || files > frfmap::kMaxFileNumber) {
-    if (why) *why = header_path + ": this capture has no cube (zero size or frames)";
-    return false;
-  }
-  // The completion record says whether the last render finished; the sizes
-  // below catch cube files cut short since.
-  frfmap::CubeRecord record;
-  switch (frfmap::ReadCubeRecord(header_path, &record)) {
-    case frfmap::RecordState::kAbsent:
-      if (why) *why = header_path + ": the capture has not been rendered; render it first";
-      return false;
-    case frfmap::RecordState::kInvalid:
-      if (why) *why = header_path + ": the cube's completion record is damaged; render it again";
-      return false;
-    case frfmap::RecordState::kValid:
-      break;
-  }
-  if (record.width != header.width() || record.height != header.height() ||
-      record.bins != layout.bins) {
-    if (why) {
-      *why = header_path + ": the cube was rendered for another capture size; render it again";
-    }
-    return false;
-  }
-  if (!record.complete) {
-    if (why) {
-      *why = header_path + ": the cube is incomplete (" + std::to_string(record.rows) + " of " +
-             std::to_string(header.height()) +
-             " rows: a render is running, was cancelled or failed); render it again";
-    }
-    return false;
-  }
-  for (unsigned n = 1; n <= files; ++n) {
-    const std::uint32_t first = (n - 1) * layout.bins_per_file;
-    const std::uint32_t planes = std::min<std::uint32_t>(layout.bins_per_file, layout.bins - first);
-    const std::uint64_t expected = static_cast<std::uint64_t>(planes) * layout.plane_bytes;
-    std::uint64_t size = 0;
-    const std::string path = CubePath(header_path, n);
-    if (!platform::FileSize(path, &size)) {
-      if (why) {
-        *why = header_path + ": the capture has not been rendered (" + path +
-               " is missing); render it first";
-      }
-      return false;
-    }
-    if (size < expected) {
-      if (why) {
-        *why = header_path + ": the cube is incomplete (" + path + " holds " +
-               std::to_string(size) + " of " + std::to_string(expected) +
-               " bytes); render the capture again";
-      }
-      return false;
-    }
-  }
-  return true;
-}
 
 bool ReadCubePlane(const std::string& header_path, const frfmap::CaptureHeader& header,
                    std::uint32_t bin, std::complex<float>* out, std::string* error) {

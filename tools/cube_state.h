@@ -1,7 +1,6 @@
-// Whether a capture's cube files hold a whole render, and reads of one bin
-// plane or one pixel's spectrum straight from them. Shared by the command
-// line and the Python package, which must never show a missing or partly
-// written cube as data.
+// Reads of one bin plane or one pixel's spectrum straight from a capture's
+// cube files, shared by the command line and the Python package; both check
+// the cube first (frfmap/cube_check.h).
 #pragma once
 
 #include <complex>
@@ -11,12 +10,6 @@
 #include "frfmap/capture_header.h"
 
 namespace frfcam {
-
-// True when the cube of the capture at `header_path` (whose header is
-// `header`) is complete on disk. Otherwise false, with a one-line reason in
-// *why (when given) that names the capture and says what to do.
-bool CubeComplete(const std::string& header_path, const frfmap::CaptureHeader& header,
-                  std::string* why);
 
 // Copies bin `bin`'s plane (width x height values, raster order) into `out`.
 // False with a reason in *error when it cannot be read whole.

@@ -20,6 +20,7 @@
 #include "cube_state.h"
 #include "errors.h"
 #include "frfmap/capture_header.h"
+#include "frfmap/cube_check.h"
 #include "frfmap/fft.h"
 #include "frfmap/frf_map_calcs.h"
 
@@ -219,7 +220,9 @@ class NativeCube {
     return out;
   }
 
-  bool rendered() const { return CubeComplete(header_path_, header_, nullptr); }
+  bool rendered() const {
+    return frfmap::CheckCube(header_path_, header_) == frfmap::CubeState::kReady;
+  }
 
  private:
   void Open() {
@@ -249,7 +252,9 @@ class NativeCube {
 
   void RequireComplete() const {
     std::string why;
-    if (!CubeComplete(header_path_, header_, &why)) throw std::runtime_error(why);
+    if (frfmap::CheckCube(header_path_, header_, &why) != frfmap::CubeState::kReady) {
+      throw std::runtime_error(why);
+    }
   }
 
   std::string header_path_;

@@ -10,9 +10,9 @@
 #include <numbers>
 
 #include "frfmap/capture_header.h"
+#include "frfmap/cube_check.h"
 #include "frfmap/cube_files.h"
 #include "frfmap/fft.h"
-#include "modes/cube_state.h"
 #include "modes/shape_fit.h"
 
 namespace frfcam::modes {
@@ -100,7 +100,7 @@ ModesStatus ComputeModes(const std::string& headerPath, const std::vector<float>
   const auto bins = static_cast<std::uint32_t>(frames / 2 + 1);
   const frfmap::CubeLayout layout = frfmap::CubeLayout::For(pixels, bins);
   std::string why;
-  if (!CubeIsComplete(headerPath, &why)) {
+  if (frfmap::CheckCube(headerPath, header, &why) != frfmap::CubeState::kReady) {
     return Fail(ModesStatus::kCubeIncomplete, why, error);
   }
   if (static_cast<std::int64_t>(reference.size()) != frames) {
