@@ -1,12 +1,7 @@
 // render: turns a capture into its cube; map: writes the FRF map of one bin
 // as a PNG; delete: removes cube files below a folder.
-#include <unistd.h>
-
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cmath>
-#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -14,10 +9,12 @@
 #include <vector>
 
 #include "commands.h"
+#include "cube_render.h"
 #include "cube_state.h"
 #include "formats/output_file.h"
 #include "frfcam/frfcam.h"
 #include "frfmap/capture_header.h"
+#include "frfmap/cube_check.h"
 #include "frfmap/cube_files.h"
 #include "frfmap/fft.h"
 #include "frfmap/layout.h"
@@ -28,87 +25,14 @@ namespace frfcam::cli {
 
 namespace {
 
-// The object a Ctrl-C cancels; CancelRenderCube only stores to an atomic
-// byte, which is safe in a signal handler.
-std::atomic<::FrfMapCalcs*> g_rendering{nullptr};
-extern "C" void OnInterrupt(int) {
-  if (::FrfMapCalcs* c = g_rendering.load()) CancelRenderCube(c);
-}
-
-struct Calcs {
-  Calcs() : c(CreateFrfMapCalcs("frfcam")) {
-    if (c == nullptr) throw CommandError("out of memory");
-  }
-  ~Calcs() { DeleteFrfMapCalcs(c); }
-  ::FrfMapCalcs* c;
-};
-
-void Open(::FrfMapCalcs* c, const std::string& header) {
-  std::uint64_t size = 0;
-  if (!platform::FileSize(header, &size)) {
-    throw CommandError("cannot read header " + header + ": no such file");
-  }
-  switch (OpenCube(c, header.c_str())) {
-    case FRFCAM_OPEN_OK:
-      return;
-    case FRFCAM_OPEN_NO_TRANSFORM:
-      throw CommandError(header + ": the transform for this frame count cannot be prepared");
-    case FRFCAM_OPEN_NO_MEMORY:
-      throw CommandError(header + ": not enough memory");
-    default:
-      throw CommandError(header + ": not a capture that can be rendered (see 'frfcam info " +
-                         header + "')");
-  }
-}
-
-bool g_tty = false;
-int g_last_shown = -1;
-void ShowProgress(int percent) {
-  if (g_tty) {
-    const int width = 40;
-    const int filled = percent * width / 100;
-    std::fprintf(stderr, "\r[%s%s] %3d%%", std::string(filled, '#').c_str(),
-                 std::string(width - filled, ' ').c_str(), percent);
-  } else if (percent / 10 != g_last_shown / 10 || percent == 100) {
-    std::fprintf(stderr, "%d%%\n", percent);
-  }
-  g_last_shown = percent;
-  std::fflush(stderr);
-}
-
 void RunRender(const std::string& header) {
   Calcs calcs;
-  Open(calcs.c, header);
-  unsigned w = 0, h = 0, bins = 0;
-  GetCubeDims(calcs.c, &w, &h, &bins);
-  g_tty = ::isatty(2) != 0;
-  g_rendering.store(calcs.c);
-  // std::signal rather than sigaction, which Windows lacks.
-  const auto previous = std::signal(SIGINT, OnInterrupt);
-  const auto start = std::chrono::steady_clock::now();
-  const int result = RenderCube(calcs.c, ShowProgress);
-  const double seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  std::signal(SIGINT, previous == SIG_ERR ? SIG_DFL : previous);
-  g_rendering.store(nullptr);
-  if (g_tty) std::fputc('\n', stderr);
-
-  switch (result) {
-    case FRFCAM_RENDER_OK: {
-      const double bytes = 8.0 * w * h * bins;
-      std::printf("rendered %ux%u pixels, %u bins (%.1f MB of cube) in %.2f s: %.0f MB/s\n", w, h,
-                  bins, bytes / 1e6, seconds, bytes / 1e6 / seconds);
-      return;
-    }
-    case FRFCAM_RENDER_CANCELLED:
-      std::fprintf(stderr, "frfcam: render cancelled after %.2f s; the cube is incomplete\n",
-                   seconds);
-      throw ExitWith{130};
-    case FRFCAM_RENDER_WRITE_FAILED:
-      throw CommandError("writing the cube files failed (disk full or file size limit?)");
-    default:
-      throw CommandError("not enough memory to render");
-  }
+  OpenCapture(calcs.c, header);
+  InterruptScope interrupt;
+  const RenderSummary r = RenderWithProgress(calcs.c, "");
+  const double bytes = 8.0 * r.width * r.height * r.bins;
+  std::printf("rendered %ux%u pixels, %u bins (%.1f MB of cube) in %.2f s: %.0f MB/s\n", r.width,
+              r.height, r.bins, bytes / 1e6, r.seconds, bytes / 1e6 / r.seconds);
 }
 
 struct MapOptions {
@@ -159,7 +83,7 @@ void RunMap(const MapOptions& o) {
   frfmap::CaptureHeader header;
   if (!header.Load(o.header)) throw CommandError(o.header + " is not a capture header");
   Calcs calcs;
-  Open(calcs.c, o.header);
+  OpenCapture(calcs.c, o.header);
   unsigned w = 0, h = 0, bins = 0;
   GetCubeDims(calcs.c, &w, &h, &bins);
   const int frames = header.frame_count();
@@ -189,7 +113,9 @@ void RunMap(const MapOptions& o) {
   }
   // A cube that was never rendered, or whose render stopped, is not data.
   std::string why;
-  if (!CubeComplete(o.header, header, &why)) throw CommandError(why);
+  if (frfmap::CheckCube(o.header, header, &why) != frfmap::CubeState::kReady) {
+    throw CommandError(why);
+  }
   std::string cannot;
   if (!formats::CanWriteFile(o.output, &cannot)) throw CommandError(cannot);
 

@@ -1,11 +1,7 @@
 // modes: natural frequencies, damping and full-field mode shapes of a
 // capture, rendering its cube first when it is missing or incomplete.
-#include <unistd.h>
-
-#include <atomic>
 #include <chrono>
 #include <cmath>
-#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -16,10 +12,10 @@
 
 #include "chart_svg.h"
 #include "commands.h"
+#include "cube_render.h"
 #include "formats/npy.h"
 #include "frfmap/capture_header.h"
-#include "frfmap/frf_map_calcs.h"
-#include "modes/cube_state.h"
+#include "frfmap/cube_check.h"
 #include "modes/modes.h"
 #include "png_writer.h"
 
@@ -28,22 +24,6 @@ namespace frfcam::cli {
 namespace {
 
 constexpr int kGifFrames = 24;
-
-// What a Ctrl-C cancels: the render in progress, or the modes computation.
-// Both are atomic stores, safe in a signal handler.
-std::atomic<frfmap::FrfMapCalcs*> g_render{nullptr};
-std::atomic<bool> g_cancel{false};
-extern "C" void OnModesInterrupt(int) {
-  g_cancel.store(true);
-  if (frfmap::FrfMapCalcs* c = g_render.load()) c->CancelRender();
-}
-
-// std::signal rather than sigaction, which Windows lacks.
-struct InterruptScope {
-  InterruptScope() : previous(std::signal(SIGINT, OnModesInterrupt)) {}
-  ~InterruptScope() { std::signal(SIGINT, previous == SIG_ERR ? SIG_DFL : previous); }
-  void (*previous)(int);
-};
 
 struct ModesCliOptions {
   std::string header;
@@ -70,42 +50,16 @@ void ParsePair(const std::string& text, const char* option, double* a, double* b
   }
 }
 
-void ShowRenderProgress(int percent) {
-  static int last = -1;
-  if (::isatty(2)) {
-    std::fprintf(stderr, "\rrendering the cube: %3d%%", percent);
-    if (percent == 100) std::fputc('\n', stderr);
-  } else if (percent / 10 != last / 10 || percent == 100) {
-    std::fprintf(stderr, "rendering the cube: %d%%\n", percent);
-  }
-  last = percent;
-  std::fflush(stderr);
-}
-
 void RenderIfNeeded(const std::string& header) {
-  std::string why;
-  if (modes::CubeIsComplete(header, &why)) return;
-  std::printf("cube not ready (%s); rendering it\n", why.c_str());
+  frfmap::CaptureHeader loaded;
+  if (!loaded.Load(header)) throw CommandError(header + ": cannot read the capture header");
+  const frfmap::CubeState state = frfmap::CheckCube(header, loaded);
+  if (state == frfmap::CubeState::kReady) return;
+  std::printf("cube not ready (%s); rendering it\n", frfmap::CubeStateName(state));
   std::fflush(stdout);
-  frfmap::FrfMapCalcs calcs("frfcam");
-  if (calcs.OpenCube(header) != frfmap::kOpenOk) {
-    throw CommandError(header + ": not a capture that can be rendered (see 'frfcam info " + header +
-                       "')");
-  }
-  g_render.store(&calcs);
-  const int result = calcs.RenderCube(ShowRenderProgress);
-  g_render.store(nullptr);
-  switch (result) {
-    case frfmap::kRenderOk:
-      return;
-    case frfmap::kRenderCancelled:
-      std::fprintf(stderr, "\nfrfcam: render cancelled; the cube is incomplete\n");
-      throw ExitWith{130};
-    case frfmap::kRenderWriteFailed:
-      throw CommandError("writing the cube files failed (disk full or file size limit?)");
-    default:
-      throw CommandError("not enough memory to render");
-  }
+  Calcs calcs;
+  OpenCapture(calcs.c, header);
+  RenderWithProgress(calcs.c, "rendering the cube: ");
 }
 
 // The shape turned to its dominant phase, and the value that maps to the
@@ -199,7 +153,7 @@ void RunModes(const ModesCliOptions& o) {
   }
   options.selection.minStableCount = o.minStable;
   options.stride = o.stride;
-  options.cancel = &g_cancel;
+  options.cancel = InterruptScope::cancelled();
   const std::vector<float> reference = ReadReference(o.reference);
   if (static_cast<std::int64_t>(reference.size()) != header.frame_count()) {
     throw CommandError(o.reference + ": " + std::to_string(reference.size()) +
@@ -212,7 +166,6 @@ void RunModes(const ModesCliOptions& o) {
     throw CommandError("cannot create the output folder " + o.output);
   }
 
-  g_cancel.store(false);
   InterruptScope interrupt;
   RenderIfNeeded(o.header);
 

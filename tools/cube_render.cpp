@@ -1,0 +1,109 @@
+#include "cube_render.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+
+#include "commands.h"
+#include "platform/platform.h"
+
+namespace frfcam::cli {
+
+namespace {
+
+// What a Ctrl-C cancels; CancelRenderCube only stores to an atomic byte,
+// which is safe in a signal handler.
+std::atomic<::FrfMapCalcs*> g_rendering{nullptr};
+std::atomic<bool> g_cancelled{false};
+extern "C" void OnInterrupt(int) {
+  g_cancelled.store(true);
+  if (::FrfMapCalcs* c = g_rendering.load()) CancelRenderCube(c);
+}
+
+// The progress callback takes no context: the display's state lives here,
+// set up by RenderWithProgress for one render at a time.
+struct Display {
+  const char* label = "";
+  bool tty = false;
+  int last = -1;
+};
+Display g_display;
+
+void Show(int percent) {
+  if (g_display.tty) {
+    const int width = 40;
+    const int filled = percent * width / 100;
+    std::fprintf(stderr, "\r%s[%s%s] %3d%%", g_display.label, std::string(filled, '#').c_str(),
+                 std::string(width - filled, ' ').c_str(), percent);
+  } else if (percent / 10 != g_display.last / 10 || percent == 100) {
+    std::fprintf(stderr, "%s%d%%\n", g_display.label, percent);
+  }
+  g_display.last = percent;
+  std::fflush(stderr);
+}
+
+// The library may report 100 before its last writes are done.
+void ShowUnfinished(int percent) { Show(percent < 100 ? percent : 99); }
+
+}  // namespace
+
+Calcs::Calcs() : c(CreateFrfMapCalcs("frfcam")) {
+  if (c == nullptr) throw CommandError("out of memory");
+}
+Calcs::~Calcs() { DeleteFrfMapCalcs(c); }
+
+void OpenCapture(::FrfMapCalcs* c, const std::string& header) {
+  std::uint64_t size = 0;
+  if (!platform::FileSize(header, &size)) {
+    throw CommandError("cannot read header " + header + ": no such file");
+  }
+  switch (OpenCube(c, header.c_str())) {
+    case FRFCAM_OPEN_OK:
+      return;
+    case FRFCAM_OPEN_NO_TRANSFORM:
+      throw CommandError(header + ": the transform for this frame count cannot be prepared");
+    case FRFCAM_OPEN_NO_MEMORY:
+      throw CommandError(header + ": not enough memory");
+    default:
+      throw CommandError(header + ": not a capture that can be rendered (see 'frfcam info " +
+                         header + "')");
+  }
+}
+
+InterruptScope::InterruptScope() {
+  g_cancelled.store(false);
+  previous_ = std::signal(SIGINT, OnInterrupt);
+}
+InterruptScope::~InterruptScope() {
+  std::signal(SIGINT, previous_ == SIG_ERR ? SIG_DFL : previous_);
+}
+const std::atomic<bool>* InterruptScope::cancelled() { return &g_cancelled; }
+
+RenderSummary RenderWithProgress(::FrfMapCalcs* c, const char* label) {
+  RenderSummary summary;
+  GetCubeDims(c, &summary.width, &summary.height, &summary.bins);
+  g_display = {label, ::isatty(2) != 0, -1};
+  g_rendering.store(c);
+  const auto start = std::chrono::steady_clock::now();
+  const int result = RenderCube(c, ShowUnfinished);
+  summary.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  g_rendering.store(nullptr);
+  if (result == FRFCAM_RENDER_OK) Show(100);
+  if (g_display.tty) std::fputc('\n', stderr);
+  switch (result) {
+    case FRFCAM_RENDER_OK:
+      return summary;
+    case FRFCAM_RENDER_CANCELLED:
+      std::fprintf(stderr, "frfcam: render cancelled after %.2f s; the cube is incomplete\n",
+                   summary.seconds);
+      throw ExitWith{130};
+    case FRFCAM_RENDER_WRITE_FAILED:
+      throw CommandError("writing the cube files failed (disk full or file size limit?)");
+    default:
+      throw CommandError("not enough memory to render");
+  }
+}
+
+}  // namespace frfcam::cli
