@@ -11,7 +11,8 @@
 
 namespace {
 
-// The usage of the tool, or of the command named after "help".
+// The usage of the tool, or of the command named after "help", on stdout:
+// asked for, it is the command's output.
 int PrintHelp(CLI::App& app, int argc, char** argv) {
   if (argc > 2) {
     CLI::App* command = nullptr;
@@ -40,8 +41,13 @@ int main(int argc, char** argv) {
   frfcam::cli::RegisterStabilityCommands(app);
   frfcam::cli::RegisterModesCommand(app);
   try {
-    // No arguments, or "help [COMMAND]": the usage, not an error.
-    if (argc == 1 || std::string(argv[1]) == "help") return PrintHelp(app, argc, argv);
+    // No arguments is a mistake (shells and scripts must see a failure), so
+    // the usage goes to stderr; "help [COMMAND]" asks for it.
+    if (argc == 1) {
+      std::fputs(app.help().c_str(), stderr);
+      return 2;
+    }
+    if (std::string(argv[1]) == "help") return PrintHelp(app, argc, argv);
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
     return app.exit(e);

@@ -54,16 +54,42 @@ TEST(Commands, FromSyntheticCaptureToPngMap) {
   EXPECT_TRUE(fs::exists(dir.path() / "plate" / "plate_0001.div"));
 }
 
-TEST(Commands, UsageAndVersionAreNotErrors) {
+// Asked for, the usage is output (exit 0); a bare "frfcam" is a mistake that
+// scripts must see (exit 2), with the usage on stderr only.
+TEST(Commands, UsageWhenAskedAndWhenMissing) {
   FRFCAM_SKIP_ON_WINDOWS("the usage text is read through a POSIX shell");
-  const test::CommandResult usage = Cli("");
-  EXPECT_EQ(usage.status, 0);
-  EXPECT_NE(usage.out.find("Usage: frfcam"), std::string::npos) << usage.out;
+  const test::CommandResult bare = Cli("");
+  EXPECT_EQ(bare.status, 2);
+  EXPECT_EQ(bare.out, "");
+  EXPECT_NE(bare.err.find("Usage: frfcam"), std::string::npos) << bare.err;
+  const test::CommandResult help = Cli("help");
+  EXPECT_EQ(help.status, 0);
+  EXPECT_EQ(help.err, "");
+  EXPECT_NE(help.out.find("Usage: frfcam"), std::string::npos) << help.out;
   const test::CommandResult version = Cli("--version");
   EXPECT_TRUE(std::regex_match(version.out, std::regex("frfcam \\d+\\.\\d+\\.\\d+\n")))
       << version.out;
   EXPECT_NE(Cli("help map").out.find("--gain-from"), std::string::npos);
   EXPECT_EQ(Cli("help nothing").status, 2);
+}
+
+// The library counts a block as done once transformed; a render whose last
+// writes fail must not have shown 100 % first.
+TEST(Commands, RenderShowsOneHundredPercentOnlyWhenWritten) {
+  FRFCAM_SKIP_ON_WINDOWS("the file size limit is set through a POSIX shell");
+  test::ScratchDir dir;
+  const std::string hdr = dir.file("p.hdr");
+  ASSERT_EQ(Cli("synth " + hdr + " --width 64 --height 48 --frames 400 --fps 1000").status, 0);
+  // 4824 KiB of cube in three blocks: a limit just under it (bash counts
+  // KiB, POSIX shells 512-byte blocks) fails the last block's writes.
+  const test::CommandResult cut =
+      test::RunCommand("bash -c 'ulimit -f 4820; exec " FRFCAM_CLI " render " + hdr + "'");
+  EXPECT_EQ(cut.status, 1) << cut.err;
+  EXPECT_NE(cut.err.find("99%"), std::string::npos) << cut.err;
+  EXPECT_EQ(cut.err.find("100%"), std::string::npos) << cut.err;
+  const test::CommandResult whole = Cli("render " + hdr);
+  EXPECT_EQ(whole.status, 0) << whole.err;
+  EXPECT_NE(whole.err.find("100%"), std::string::npos) << whole.err;
 }
 
 TEST(Commands, MisuseIsOneLineAndWritesNothing) {
