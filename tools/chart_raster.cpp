@@ -100,16 +100,6 @@ std::string Short(double v) {
   return buf;
 }
 
-// A round step giving about `count` ticks over `span`.
-double TickStep(double span, int count) {
-  const double raw = span / count;
-  const double p = std::pow(10.0, std::floor(std::log10(raw)));
-  for (double m : {1.0, 2.0, 5.0, 10.0}) {
-    if (m * p >= raw) return m * p;
-  }
-  return 10 * p;
-}
-
 }  // namespace
 
 std::vector<std::uint8_t> StabilisationChartRgb(const ChartInput& chart, unsigned width,

@@ -40,8 +40,8 @@ std::string Escape(const std::string& s) {
   return out;
 }
 
-// A "nice" tick step (1, 2 or 5 times a power of ten) for about `count`
-// ticks over `span`.
+}  // namespace
+
 double TickStep(double span, int count) {
   if (!(span > 0.0)) return 1.0;
   const double raw = span / count;
@@ -51,8 +51,6 @@ double TickStep(double span, int count) {
   }
   return 10.0 * p;
 }
-
-}  // namespace
 
 std::string StabilisationChartSvg(const ChartInput& c) {
   constexpr double kW = 900, kH = 560, kLeft = 70, kRight = 70, kTop = 40, kBottom = 60;

@@ -34,6 +34,10 @@ struct ChartInput {
 // data; empty data give an empty chart with axes.
 std::string StabilisationChartSvg(const ChartInput& chart);
 
+// A round tick step (1, 2 or 5 times a power of ten) for about `count`
+// ticks over `span`; 1 for an empty or invalid span.
+double TickStep(double span, int count);
+
 // Writes `text` to `path` (replacing it); throws CommandError on failure.
 void WriteTextFile(const std::string& path, const std::string& text);
 
