@@ -157,6 +157,12 @@ TEST(Uff58Read, BinaryInBothByteOrders) {
       Binary<double>(1, "         4         2         1  0.00000E+00  1.00000E+00  0.00000E+00",
                      {std::bit_cast<double>(0x0a312d2020202020ull), 2.0});
   ASSERT_EQ(Parse(tricky).size(), 1u);
+  // Line numbers after binary data are those an editor shows, the data's
+  // line-end bytes counted.
+  const std::string after = tricky + "oops\n";
+  EXPECT_EQ(ParseError(after),
+            "t.uff:" + std::to_string(std::count(after.begin(), after.end(), '\n')) +
+                ": expected -1 (the start of a dataset), found 'oops'");
 
   EXPECT_NE(ParseError(little.substr(0, little.size() - 20)).find("ends inside the binary"),
             std::string::npos);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "formats/uff.h"
+#include "stability/lscf.h"
 #include "stability/synthetic.h"
 #include "support/test_support.h"
 
@@ -218,36 +219,50 @@ TEST(StabilityInput, UffFunctionTypes) {
   EXPECT_NE(none.err.find("and no coherence (type 6)\n"), std::string::npos) << none.err;
 }
 
+// The fewest evenly spaced lines with which the estimator determines
+// `order` for `channels` channels, found by asking it.
+int LinesTheEstimatorNeeds(int order, int channels) {
+  for (int lines = 2;; ++lines) {
+    stability::RealVector omega = stability::RealVector::LinSpaced(lines, 10.0, 500.0);
+    if (stability::lscf::HighestDeterminedOrder(omega, stability::lscf::BandOf(omega), nullptr,
+                                                channels) >= order) {
+      return lines;
+    }
+  }
+}
+
 // Too few lines for the lowest order refuse the run instead of writing a
-// chart without poles. Order n with C channels needs L lines where
-// C (2 L - 3 - n) >= n: order 4 needs 6 lines with one channel, 5 with two.
+// chart without poles; one line more runs.
 TEST(StabilityInput, TooFewLinesForTheOrders) {
   ScratchDir dir;
-  struct Case {
-    int lines, channels;
-    bool runs;
-  } cases[] = {{5, 1, false}, {6, 1, true}, {4, 2, false}, {5, 2, true}};
-  for (const Case& c : cases) {
-    const std::string csv = dir.file("f.csv");
-    ASSERT_EQ(Cli("synth-frf " + csv + " --lines " + std::to_string(c.lines) + " --channels " +
-                  std::to_string(c.channels))
-                  .status,
-              0);
-    const std::string record = dir.file("r" + std::to_string(c.lines) + ".pb");
-    const CommandResult r = Cli("stability " + csv + " --orders 4:9 -o " + record);
-    SCOPED_TRACE(std::to_string(c.lines) + " lines, " + std::to_string(c.channels) + " channels");
-    if (c.runs) {
-      EXPECT_EQ(r.status, 0) << r.err;
-      continue;
+  const std::pair<int, int> cases[] = {{4, 1}, {4, 2}, {5, 2}, {7, 3}};  // order, channels
+  for (const auto& [order, channels] : cases) {
+    const int need = LinesTheEstimatorNeeds(order, channels);
+    for (const int lines : {need - 1, need}) {
+      const std::string csv = dir.file("f.csv");
+      ASSERT_EQ(Cli("synth-frf " + csv + " --lines " + std::to_string(lines) + " --channels " +
+                    std::to_string(channels))
+                    .status,
+                0);
+      const std::string orders = std::to_string(order) + ":" + std::to_string(order + 5);
+      const std::string record =
+          dir.file(orders + "-" + std::to_string(channels) + "-" + std::to_string(lines) + ".pb");
+      const CommandResult r = Cli("stability " + csv + " --orders " + orders + " -o " + record);
+      SCOPED_TRACE(std::to_string(lines) + " lines, orders " + orders + ", " +
+                   std::to_string(channels) + " channels");
+      if (lines == need) {
+        EXPECT_EQ(r.status, 0) << r.err;
+        continue;
+      }
+      EXPECT_EQ(r.status, 1);
+      EXPECT_EQ(r.err, "frfcam: " + csv + ": too few lines for the orders " + orders +
+                           ": there are " + std::to_string(lines) +
+                           " spectral line(s), and the lowest order, " + std::to_string(order) +
+                           ", needs at least " + std::to_string(need) + " with " +
+                           std::to_string(channels) + " channel(s)\n");
+      EXPECT_EQ(r.out.find("took"), std::string::npos);
+      EXPECT_FALSE(std::filesystem::exists(record));
     }
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "frfcam: " + csv + ": too few lines for the orders 4:9: there are " +
-                         std::to_string(c.lines) +
-                         " spectral line(s), and the lowest order, 4, needs at least " +
-                         std::to_string(c.lines + 1) + " with " + std::to_string(c.channels) +
-                         " channel(s)\n");
-    EXPECT_EQ(r.out.find("took"), std::string::npos);
-    EXPECT_FALSE(std::filesystem::exists(record));
   }
 
   // The same from a UFF file.
