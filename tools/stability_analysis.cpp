@@ -1,8 +1,11 @@
 #include "stability_analysis.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <stdexcept>
 
 #include "stability/driver.h"
+#include "stability/lscf.h"
 #include "stability/record.h"
 
 namespace frfcam {
@@ -59,6 +62,35 @@ std::string CheckAnalysis(const AnalysisRequest& r) {
     default:
       return "the request cannot run";
   }
+}
+
+long LinesNeededForOrder(int order, long channels) {
+  const std::int64_t n = std::max(order, 1), c = std::max(channels, 1L);
+  // C (2 L - 2 - n - 1) >= n  <=>  2 L >= 3 + n + ceil(n / C).
+  const std::int64_t lines = (3 + n + (n + c - 1) / c + 1) / 2;
+  return static_cast<long>(std::max<std::int64_t>(lines, 2));
+}
+
+std::string CheckLinesForOrders(const AnalysisRequest& r) {
+  const long channels = static_cast<long>(r.frfs.cols()) + (r.flag2 ? 1 : 0);
+  const int lowest = r.settings.minOrder;
+  const stability::lscf::Band band = stability::lscf::BandOf(r.omega);
+  if (stability::lscf::HighestDeterminedOrder(r.omega, band, nullptr, channels) >= lowest) {
+    return "";
+  }
+  std::vector<double> distinct(r.omega.data(), r.omega.data() + r.omega.size());
+  std::sort(distinct.begin(), distinct.end());
+  distinct.erase(std::unique(distinct.begin(), distinct.end()), distinct.end());
+  const std::string lines =
+      std::to_string(r.omega.size()) + " spectral line(s)" +
+      (distinct.size() != static_cast<std::size_t>(r.omega.size())
+           ? " at " + std::to_string(distinct.size()) + " distinct frequencies"
+           : "");
+  return "too few lines for the orders " + std::to_string(lowest) + ":" +
+         std::to_string(r.settings.maxOrder) + ": there are " + lines + ", and the lowest order, " +
+         std::to_string(lowest) + ", needs at least " +
+         std::to_string(LinesNeededForOrder(lowest, channels)) + " with " +
+         std::to_string(channels) + " channel(s)";
 }
 
 Analysis RunAnalysis(const AnalysisRequest& r) {

@@ -42,6 +42,17 @@ struct Analysis {
 // one-line reason in the words of the options (--orders and so on).
 std::string CheckAnalysis(const AnalysisRequest& request);
 
+// The fewest distinct spectral lines with which the estimator determines
+// the fit of `order` for `channels` channels: with D real equations per
+// channel (2 per line inside the band, 1 at each end, so 2 L - 2 for L
+// lines) order n is determined when C (D - n - 1) >= n.
+long LinesNeededForOrder(int order, long channels);
+
+// "" when the lines of the request determine its lowest order; otherwise
+// a one-line reason with how many lines there are and how many that order
+// needs (the estimator would leave every order without poles).
+std::string CheckLinesForOrders(const AnalysisRequest& request);
+
 // Runs estimation, selection and the residue fits, and fills the record.
 // Throws std::invalid_argument with CheckAnalysis's reason for a request
 // that cannot run; std::bad_alloc when memory runs out.

@@ -34,8 +34,8 @@ constexpr const char* kInputFormats =
     "Input, by extension:\n"
     "  .csv  an optional header row, then one row per spectral line:\n"
     "        frequency_hz,ch1_re,ch1_im,ch2_re,ch2_im,...\n"
-    "  .uff, .unv  universal file, datasets 58 / 58b: the FRFs (function type 4;\n"
-    "        all functions when there is none) that share the first one's\n"
+    "  .uff, .unv  universal file, datasets 58 / 58b: the FRFs (function type 4,\n"
+    "        or the types of --function-type) that share the first one's\n"
     "        abscissa, or those of the --response nodes\n"
     "  .npz  numpy archive: a frequency vector (frequencies_hz, freq, f, ...) and\n"
     "        a complex FRF matrix (frf_matrix, frf, H, ...), lines x channels\n"
@@ -56,6 +56,7 @@ struct StabilityOptions {
   bool exactSelection = false;
   int referenceColumn = 1;
   std::vector<std::string> responses;
+  std::vector<int> functionTypes;  // UFF input; empty: FRFs
   std::string writeUff;
   bool binaryUff = false;
   bool flag1 = false;
@@ -138,17 +139,29 @@ std::string Describe(const formats::Uff58& f) {
          formats::UffDirectionName(f.referenceDirection);
 }
 
-FrfInput FromUff(const std::string& path, const std::vector<std::string>& responses) {
+// Only FRFs unless the user names other types: fitting a time history or
+// an auto spectrum gives "modes" that mean nothing.
+FrfInput FromUff(const std::string& path, const std::vector<std::string>& responses,
+                 std::vector<int> types) {
+  if (types.empty()) types.push_back(formats::kUffFunctionFrf);
   std::vector<formats::Uff58> all;
   std::string error;
   int skipped = 0;
   if (!formats::ReadUff58File(path, &all, &error, &skipped)) throw CommandError(error);
+  const auto wanted = [&](const formats::Uff58& f) {
+    return std::find(types.begin(), types.end(), f.functionType) != types.end();
+  };
+  if (std::none_of(all.begin(), all.end(), wanted)) {
+    std::vector<int> present;
+    for (const formats::Uff58& f : all) present.push_back(f.functionType);
+    throw CommandError(path + " " + formats::UffNoFunctionOfTypes(present, types) +
+                       (types.size() == 1 && types[0] == formats::kUffFunctionFrf
+                            ? "; --function-type N fits functions of type N"
+                            : ""));
+  }
   std::vector<const formats::Uff58*> picked;
-  const bool anyFrf = std::any_of(all.begin(), all.end(), [](const formats::Uff58& f) {
-    return f.functionType == formats::kUffFunctionFrf;
-  });
   for (const formats::Uff58& f : all) {
-    if (anyFrf && f.functionType != formats::kUffFunctionFrf) continue;
+    if (!wanted(f)) continue;
     if (!responses.empty() && std::none_of(responses.begin(), responses.end(),
                                            [&](const auto& r) { return MatchesResponse(f, r); })) {
       continue;
@@ -156,8 +169,10 @@ FrfInput FromUff(const std::string& path, const std::vector<std::string>& respon
     picked.push_back(&f);
   }
   if (picked.empty()) {
-    throw CommandError(path + ": no FRF of the --response nodes among its " +
-                       std::to_string(all.size()) + " function(s)");
+    const bool frfs = types.size() == 1 && types[0] == formats::kUffFunctionFrf;
+    throw CommandError(path + ": no " + (frfs ? "FRF" : "function of the --function-type types") +
+                       " of the --response nodes among its " + std::to_string(all.size()) +
+                       " function(s)");
   }
   FrfInput in;
   const formats::Uff58& first = *picked.front();
@@ -191,8 +206,7 @@ FrfInput FromUff(const std::string& path, const std::vector<std::string>& respon
   }
   in.notes.push_back(
       std::to_string(all.size()) + " function(s) in the file, " + std::to_string(picked.size()) +
-      " taken" + (anyFrf ? "" : " (none is an FRF, function type 4: all are used)") +
-      (skipped > 0 ? "; " + std::to_string(skipped) + " other dataset(s) skipped" : "") +
+      " taken" + (skipped > 0 ? "; " + std::to_string(skipped) + " other dataset(s) skipped" : "") +
       (toHz != 1.0 ? "; abscissa in rad/s converted to Hz" : ""));
   return in;
 }
@@ -207,6 +221,7 @@ struct ChartOptions {
   std::string frf;  // optional: the measured FRFs, for the magnitude behind
   std::string frequencies;
   std::vector<std::string> responses;
+  std::vector<int> functionTypes;
   std::string size = "960x540";
 };
 
@@ -247,6 +262,7 @@ void RunChart(const ChartOptions& o) {
     input.input = o.frf;
     input.frequencies = o.frequencies;
     input.responses = o.responses;
+    input.functionTypes = o.functionTypes;
     const FrfInput frf = LoadInput(input);
     chart.lineHz = frf.frequencyHz;
     chart.sumMagnitude.assign(chart.lineHz.size(), 0.0);
@@ -277,8 +293,11 @@ FrfInput LoadInput(const StabilityOptions& o) {
   if (ext != ".npy" && !o.frequencies.empty()) {
     throw CommandError("--frequencies is for .npy input (the other formats carry their own)");
   }
-  if (ext == ".uff" || ext == ".unv" || ext == ".uf") return FromUff(o.input, o.responses);
+  if (ext == ".uff" || ext == ".unv" || ext == ".uf") {
+    return FromUff(o.input, o.responses, o.functionTypes);
+  }
   if (!o.responses.empty()) throw CommandError("--response is for UFF input");
+  if (!o.functionTypes.empty()) throw CommandError("--function-type is for UFF input");
   std::string error;
   if (ext == ".npz") {
     std::vector<formats::NpzMember> members;
@@ -383,7 +402,7 @@ std::vector<formats::Uff58> FitAsUff(const FrfInput& in, const Analysis& a) {
       f.functionId = static_cast<int>(c + 1);
     }
     f.idLines = {"frfcam modal fit", "channel " + std::to_string(c + 1), "NONE", "NONE", "NONE"};
-    f.functionType = formats::kUffFunctionFrf;
+    if (c >= in.uff.size()) f.functionType = formats::kUffFunctionFrf;  // else the input's type
     f.ordinateType = formats::kUffComplexDouble;
     f.evenAbscissa = even;
     f.abscissa = formats::UffAxis{18, 0, 0, 0, "Frequency", "Hz"};
@@ -432,7 +451,8 @@ void RunStability(StabilityOptions o) {
   request.significanceFilter = !o.exactSelection;
   request.flag1 = o.flag1;
   request.flag2 = o.flag2;
-  const std::string problem = CheckAnalysis(request);
+  std::string problem = CheckAnalysis(request);
+  if (problem.empty()) problem = CheckLinesForOrders(request);
   if (!problem.empty()) throw CommandError(o.input + ": " + problem);
   const auto start = std::chrono::steady_clock::now();
   const Analysis a = RunAnalysis(request);
@@ -537,6 +557,9 @@ void RegisterStabilityCommands(CLI::App& app) {
   stab->add_option("--response", so->responses,
                    "UFF input: take the FRFs of this response NODE or NODE:DIR (e.g. 101:+Z); "
                    "repeatable");
+  stab->add_option("--function-type", so->functionTypes,
+                   "UFF input: fit the functions of this type (record 6) instead of the FRFs "
+                   "(type 4), e.g. 5 for transmissibilities; repeatable");
   stab->add_option("--frequencies", so->frequencies, ".npy input: the frequency vector (Hz)");
   stab->add_option("--write-uff", so->writeUff,
                    "also write the fitted FRFs of every channel as UFF dataset 58");
@@ -555,6 +578,8 @@ void RegisterStabilityCommands(CLI::App& app) {
                     "the measured FRFs (any stability input) to draw their summed magnitude");
   chart->add_option("--frequencies", co->frequencies, "with a .npy --frf: its frequency vector");
   chart->add_option("--response", co->responses, "with a UFF --frf: the responses to sum");
+  chart->add_option("--function-type", co->functionTypes,
+                    "with a UFF --frf: sum functions of this type instead of the FRFs");
   chart->add_option("--size", co->size, "PNG size WIDTHxHEIGHT")->capture_default_str();
   chart->callback([co] { RunChart(*co); });
 

@@ -87,8 +87,10 @@ class UffFunction:
 
 def read_uff58(path: PathLike) -> List[UffFunction]:
     """Every dataset 58 / 58b of a universal file, in file order (datasets
-    of other numbers are skipped). FileNotFoundError for a missing file;
-    ValueError naming the line for a malformed dataset 58."""
+    of other numbers are skipped). Text fields come as str: UTF-8 where the
+    file's bytes are valid UTF-8, Latin-1 otherwise. FileNotFoundError for
+    a missing file; ValueError naming the line for a malformed or truncated
+    file."""
     out = []
     for d in _native.read_uff58(fspath(path, "UFF path")):
         d = dict(d)
@@ -98,9 +100,10 @@ def read_uff58(path: PathLike) -> List[UffFunction]:
 
 def write_uff58(path: PathLike, functions: Iterable[UffFunction], binary: bool = False) -> None:
     """Writes the functions as datasets 58 (or 58b, little-endian IEEE, with
-    binary=True); the file appears whole or not at all. ValueError for
-    functions the format cannot hold, RuntimeError when the file cannot be
-    written."""
+    binary=True); the file appears whole or not at all. Text is written one
+    Latin-1 byte per character (characters beyond Latin-1 become '?'), so
+    the fixed columns hold. ValueError for functions the format cannot hold,
+    RuntimeError when the file cannot be written."""
     native = [f._as_native() for f in functions]
     if not native:
         raise ValueError("no function to write")
@@ -108,14 +111,22 @@ def write_uff58(path: PathLike, functions: Iterable[UffFunction], binary: bool =
 
 
 def uff_frf_matrix(functions: Sequence[UffFunction],
-                   responses: Optional[Sequence[Tuple[int, int]]] = None
+                   responses: Optional[Sequence[Tuple[int, int]]] = None,
+                   function_types: Iterable[int] = (FRF,)
                    ) -> Tuple[npt.NDArray[np.float64], npt.NDArray[np.complex128],
                               List[UffFunction]]:
     """The FRFs of a file as (frequencies_hz, frf_matrix (lines, channels),
     the functions used), ready for compute_stability. Takes the FRFs
-    (function type 4; every function when there is none), or those of the
-    (node, direction) pairs in `responses`; they must share one abscissa."""
-    chosen = [f for f in functions if f.function_type == FRF] or list(functions)
+    (function type 4), or the functions of `function_types` (e.g. (5,) for
+    transmissibilities), of the (node, direction) pairs in `responses` when
+    given; they must share one abscissa. ValueError when there is none,
+    saying what the functions are."""
+    functions = list(functions)
+    types = [int(t) for t in function_types]
+    chosen = [f for f in functions if f.function_type in types]
+    if not chosen:
+        raise ValueError("the list " + _native.uff_no_function_of_types(
+            [int(f.function_type) for f in functions], types))
     if responses is not None:
         wanted = {(int(n), int(d)) for n, d in responses}
         chosen = [f for f in chosen if (f.response_node, f.response_direction) in wanted]

@@ -1,6 +1,8 @@
 // The file formats of the field in the native module: UFF dataset 58 as
 // dictionaries of plain values and numpy arrays (the Python half turns them
 // into UffFunction objects), and cube deletion with the library's rule.
+// UFF text reaches Python as str whatever the file's 8-bit encoding (the
+// reader decodes it, see formats/uff.h).
 #include <pybind11/complex.h>
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
@@ -144,6 +146,8 @@ std::size_t DeleteCube(const std::string& folder) {
 void BindFormats(py::module_& m) {
   m.def("read_uff58", &ReadUff58, py::arg("path"));
   m.def("write_uff58", &WriteUff58, py::arg("path"), py::arg("functions"), py::arg("binary"));
+  m.def("uff_no_function_of_types", &formats::UffNoFunctionOfTypes, py::arg("present"),
+        py::arg("wanted"));
   m.def("delete_cube", &DeleteCube, py::arg("folder"));
 }
 

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
@@ -61,13 +62,66 @@ bool ParseInt(std::string_view field, long* value) {
   return end == text.c_str() + text.size();
 }
 
+// The length of the UTF-8 sequence at s[i], or 0 when it is not one that a
+// strict decoder takes (no overlong forms, surrogates or code points past
+// U+10FFFF).
+std::size_t Utf8SequenceLength(std::string_view s, std::size_t i) {
+  const auto byte = [&](std::size_t k) { return static_cast<unsigned char>(s[k]); };
+  const unsigned char c = byte(i);
+  if (c < 0x80) return 1;
+  std::size_t n = 0;
+  unsigned char lo = 0x80, hi = 0xbf;  // allowed range of the second byte
+  if (c >= 0xc2 && c <= 0xdf) {
+    n = 2;
+  } else if (c >= 0xe0 && c <= 0xef) {
+    n = 3;
+    if (c == 0xe0) lo = 0xa0;
+    if (c == 0xed) hi = 0x9f;
+  } else if (c >= 0xf0 && c <= 0xf4) {
+    n = 4;
+    if (c == 0xf0) lo = 0x90;
+    if (c == 0xf4) hi = 0x8f;
+  } else {
+    return 0;
+  }
+  if (i + n > s.size()) return 0;
+  if (byte(i + 1) < lo || byte(i + 1) > hi) return 0;
+  for (std::size_t k = 2; k < n; ++k) {
+    if (byte(i + k) < 0x80 || byte(i + k) > 0xbf) return 0;
+  }
+  return n;
+}
+
+bool IsUtf8(std::string_view s) {
+  for (std::size_t i = 0; i < s.size();) {
+    const std::size_t n = Utf8SequenceLength(s, i);
+    if (n == 0) return false;
+    i += n;
+  }
+  return true;
+}
+
+// A piece of the file quoted in a message: UTF-8, and short.
+std::string Quote(std::string_view bytes) {
+  constexpr std::size_t kMax = 24;
+  std::string text = UffTextToUtf8(bytes.substr(0, kMax));
+  if (bytes.size() > kMax) text += "...";
+  return "'" + text + "'";
+}
+
 class Reader {
  public:
   Reader(const std::string& text, const std::string& name) : text_(text), name_(name) {}
 
   bool AtEnd() const { return pos_ >= text_.size(); }
   std::size_t pos() const { return pos_; }
-  void Skip(std::size_t bytes) { pos_ += bytes; }
+  // Skips binary data, counting the line ends in it so that later line
+  // numbers are those a text editor shows.
+  void Skip(std::size_t bytes) {
+    line_ += std::count(text_.begin() + static_cast<std::ptrdiff_t>(pos_),
+                        text_.begin() + static_cast<std::ptrdiff_t>(pos_ + bytes), '\n');
+    pos_ += bytes;
+  }
   std::size_t Remaining() const { return text_.size() - pos_; }
   const char* Here() const { return text_.data() + pos_; }
   long line() const { return line_; }
@@ -83,6 +137,12 @@ class Reader {
     return line;
   }
 
+  // The next line, which must exist: `what` names what it should hold.
+  std::string_view RequiredLine(const std::string& what) {
+    if (AtEnd()) Fail("the file ends before " + what);
+    return NextLine();
+  }
+
   [[noreturn]] void Fail(const std::string& what) const {
     throw std::runtime_error(name_ + ":" + std::to_string(line_) + ": " + what);
   }
@@ -94,10 +154,16 @@ class Reader {
   long line_ = 0;
 };
 
-bool IsDelimiter(std::string_view line) { return Trim(line) == "-1"; }
+// "-1" in columns 1-6 (I6) with nothing after it: a "-1" further right is a
+// value of some dataset's record.
+bool IsDelimiter(std::string_view line) {
+  const std::string_view t = Trim(line);
+  return t == "-1" && line.find_last_not_of(" \t\r") < 6;
+}
 
 UffAxis ParseAxis(Reader& r, int record) {
-  const std::string_view line = r.NextLine();
+  const std::string_view line =
+      r.RequiredLine("record " + std::to_string(record) + " of dataset 58");
   UffAxis a;
   long v[4];
   const std::size_t starts[4] = {0, 10, 15, 20}, widths[4] = {10, 5, 5, 5};
@@ -112,8 +178,8 @@ UffAxis ParseAxis(Reader& r, int record) {
   a.lengthExponent = static_cast<int>(v[1]);
   a.forceExponent = static_cast<int>(v[2]);
   a.temperatureExponent = static_cast<int>(v[3]);
-  a.label = std::string(Trim(Columns(line, 26, 20)));
-  a.units = std::string(Trim(Columns(line, 47, 20)));
+  a.label = UffTextToUtf8(Trim(Columns(line, 26, 20)));
+  a.units = UffTextToUtf8(Trim(Columns(line, 47, 20)));
   return a;
 }
 
@@ -122,7 +188,6 @@ UffAxis ParseAxis(Reader& r, int record) {
 // numbers (some writers pad differently).
 void ParseAsciiValues(Reader& r, const std::vector<std::size_t>& pattern, std::size_t count,
                       std::vector<double>* values) {
-  values->reserve(count);
   std::size_t field = 0;
   while (values->size() < count) {
     if (r.AtEnd()) {
@@ -154,7 +219,7 @@ void ParseAsciiValues(Reader& r, const std::vector<std::size_t>& pattern, std::s
       std::istringstream in{std::string(line)};
       for (std::string token; in >> token;) {
         double v = 0;
-        if (!ParseReal(token, &v)) r.Fail("record 12: '" + token + "' is not a number");
+        if (!ParseReal(token, &v)) r.Fail("record 12: " + Quote(token) + " is not a number");
         got.push_back(v);
       }
     }
@@ -195,15 +260,24 @@ struct BinaryHeader {
 };
 
 // The dataset line: "    58" or the 58b form; other dataset numbers too.
-long ParseDatasetLine(Reader& r, std::string_view line, BinaryHeader* b) {
+// *readable is false for a binary header whose counts are not integers:
+// an error for 58b, a dataset to skip by its delimiter otherwise.
+long ParseDatasetLine(Reader& r, std::string_view line, BinaryHeader* b, bool* readable) {
   long number = 0;
-  if (!ParseInt(Columns(line, 0, 6), &number)) r.Fail("expected a dataset number after -1");
+  if (!ParseInt(Columns(line, 0, 6), &number)) {
+    r.Fail("expected a dataset number after -1, found " + Quote(Trim(line)));
+  }
   b->binary = line.size() > 6 && (line[6] == 'b' || line[6] == 'B');
+  *readable = true;
   if (b->binary) {
     long v[4] = {1, 2, 11, 0};
     const std::size_t starts[4] = {7, 13, 19, 31}, widths[4] = {6, 6, 12, 12};
     for (int i = 0; i < 4; ++i) {
       if (!ParseInt(Columns(line, starts[i], widths[i]), &v[i])) {
+        if (number != 58) {
+          *readable = false;
+          return number;
+        }
         r.Fail("binary dataset header: field " + std::to_string(i + 3) + " is not an integer");
       }
     }
@@ -226,9 +300,12 @@ Uff58 ParseDataset58(Reader& r, const BinaryHeader& b) {
       r.Fail("58b: byte order " + std::to_string(b.byteOrder) + " (1 little, 2 big endian)");
   }
   Uff58 u;
-  for (auto& id : u.idLines) id = std::string(Trim(r.NextLine()));
+  for (std::size_t i = 0; i < u.idLines.size(); ++i) {
+    u.idLines[i] =
+        UffTextToUtf8(Trim(r.RequiredLine("record " + std::to_string(i + 1) + " of dataset 58")));
+  }
 
-  const std::string_view r6 = r.NextLine();
+  const std::string_view r6 = r.RequiredLine("record 6 of dataset 58");
   long v6[8];
   const std::size_t starts6[8] = {0, 5, 15, 20, 41, 51, 66, 76},
                     widths6[8] = {5, 10, 5, 10, 10, 4, 10, 4};
@@ -243,14 +320,14 @@ Uff58 ParseDataset58(Reader& r, const BinaryHeader& b) {
   u.functionId = static_cast<int>(v6[1]);
   u.version = static_cast<int>(v6[2]);
   u.loadCase = static_cast<int>(v6[3]);
-  u.responseEntity = std::string(Trim(Columns(r6, 31, 10)));
+  u.responseEntity = UffTextToUtf8(Trim(Columns(r6, 31, 10)));
   u.responseNode = v6[4];
   u.responseDirection = static_cast<int>(v6[5]);
-  u.referenceEntity = std::string(Trim(Columns(r6, 56, 10)));
+  u.referenceEntity = UffTextToUtf8(Trim(Columns(r6, 56, 10)));
   u.referenceNode = v6[6];
   u.referenceDirection = static_cast<int>(v6[7]);
 
-  const std::string_view r7 = r.NextLine();
+  const std::string_view r7 = r.RequiredLine("record 7 of dataset 58");
   long type = 0, points = 0, spacing = 0;
   double minimum = 0, increment = 0;
   if (!ParseInt(Columns(r7, 0, 10), &type) || !ParseInt(Columns(r7, 10, 10), &points) ||
@@ -285,7 +362,17 @@ Uff58 ParseDataset58(Reader& r, const BinaryHeader& b) {
   std::vector<double> values;
   if (b.binary) {
     const std::size_t width = u.doublePrecision() ? 8 : 4;
-    const std::size_t need = n * perPoint * width;
+    const std::size_t ordinateBytes = n * (perPoint - (u.evenAbscissa ? 0 : 1)) * width;
+    // An uneven abscissa takes 4 bytes a point as the format has it, or 8
+    // where a writer used the ordinates' double precision for it too.
+    std::size_t abscissaWidth = 0;
+    if (!u.evenAbscissa) {
+      abscissaWidth =
+          width == 8 && b.bytes >= 0 && static_cast<std::size_t>(b.bytes) >= ordinateBytes + 8 * n
+              ? 8
+              : 4;
+    }
+    const std::size_t need = ordinateBytes + abscissaWidth * n;
     if (b.bytes < 0 || static_cast<std::size_t>(b.bytes) < need) {
       r.Fail("58b: the header announces " + std::to_string(b.bytes) + " bytes, " +
              std::to_string(n) + " points need " + std::to_string(need));
@@ -296,12 +383,20 @@ Uff58 ParseDataset58(Reader& r, const BinaryHeader& b) {
     }
     const bool big = b.byteOrder == 2;
     values.resize(n * perPoint);
+    const char* p = r.Here();
     for (std::size_t i = 0; i < values.size(); ++i) {
-      const char* p = r.Here() + i * width;
-      values[i] = width == 8 ? Load<double>(p, big) : Load<float>(p, big);
+      const bool abscissa = abscissaWidth > 0 && i % perPoint == 0;
+      const std::size_t w = abscissa ? abscissaWidth : width;
+      values[i] = w == 8 ? Load<double>(p, big) : Load<float>(p, big);
+      p += w;
     }
     r.Skip(static_cast<std::size_t>(b.bytes));
   } else {
+    // Every value takes at least one character and a separator; a count
+    // beyond that is a truncated file, not a reason to reserve memory.
+    if (n * perPoint > r.Remaining()) {
+      r.Fail("record 7 announces " + std::to_string(n) + " points; the file ends before them");
+    }
     std::vector<std::size_t> pattern;
     if (!u.doublePrecision()) {
       pattern = {13};
@@ -329,15 +424,46 @@ Uff58 ParseDataset58(Reader& r, const BinaryHeader& b) {
     if (r.AtEnd()) r.Fail("the dataset does not end with -1");
     const std::string_view line = r.NextLine();
     if (IsDelimiter(line)) break;
-    if (!Trim(line).empty()) r.Fail("expected -1 after the data of dataset 58");
+    if (!Trim(line).empty()) {
+      r.Fail("expected -1 after the " + std::to_string(n) + " points of dataset 58, found " +
+             Quote(Trim(line)));
+    }
   }
   return u;
 }
 
 // ---- Writing ------------------------------------------------------------------
 
+// Text as one byte per character (see uff.h): Latin-1 where UTF-8 text
+// allows, the bytes themselves where it is not UTF-8.
+std::string ToLatin1(const std::string& text) {
+  if (!IsUtf8(text)) return text;
+  std::string out;
+  for (std::size_t i = 0; i < text.size();) {
+    const std::size_t n = Utf8SequenceLength(text, i);
+    const auto c0 = static_cast<unsigned char>(text[i]);
+    if (n == 1) {
+      out.push_back(text[i]);
+    } else if (n == 2 && c0 <= 0xc3) {  // U+0080..U+00FF
+      const auto c1 = static_cast<unsigned char>(text[i + 1]);
+      out.push_back(static_cast<char>(((c0 & 0x03) << 6) | (c1 & 0x3f)));
+    } else {
+      out.push_back('?');
+    }
+    i += n;
+  }
+  return out;
+}
+
+// Line ends would split a record; they become blanks.
+std::string OneLine(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+  return text;
+}
+
 std::string Field(const std::string& text, std::size_t width) {
-  std::string s = text.empty() ? "NONE" : text.substr(0, width);
+  std::string s = text.empty() ? "NONE" : OneLine(ToLatin1(text)).substr(0, width);
   s.resize(width, ' ');
   return s;
 }
@@ -349,9 +475,24 @@ void Append(std::string* out, const char* format, Args... args) {
   out->append(line, static_cast<std::size_t>(std::min<int>(n, sizeof line - 1)));
 }
 
+// Appends one formatted record, which must come out `width` columns wide:
+// a number too long for its field would shift every field after it.
+template <class... Args>
+void AppendRecord(std::string* out, std::size_t width, const char* what, const char* format,
+                  Args... args) {
+  const std::size_t before = out->size();
+  Append(out, format, args...);
+  if (out->size() - before != width + 1) {
+    out->resize(before);
+    throw std::invalid_argument(std::string("UFF 58: a number of ") + what +
+                                " does not fit its field");
+  }
+}
+
 void AppendAxis(std::string* out, const UffAxis& a) {
-  Append(out, "%10d%5d%5d%5d %s %s\n", a.specificType, a.lengthExponent, a.forceExponent,
-         a.temperatureExponent, Field(a.label, 20).c_str(), Field(a.units, 20).c_str());
+  AppendRecord(out, 67, "records 8-11 (axes)", "%10d%5d%5d%5d %s %s\n", a.specificType,
+               a.lengthExponent, a.forceExponent, a.temperatureExponent, Field(a.label, 20).c_str(),
+               Field(a.units, 20).c_str());
 }
 
 template <class T>
@@ -368,6 +509,20 @@ void CheckFunction(const Uff58& u) {
   if (u.x.size() != u.y.size())
     throw std::invalid_argument("UFF 58: abscissa and ordinates differ in length");
   if (u.y.empty()) throw std::invalid_argument("UFF 58: a function without points");
+  for (std::size_t k = 0; k < u.y.size(); ++k) {
+    if (!std::isfinite(u.x[k]) || !std::isfinite(u.y[k].real()) || !std::isfinite(u.y[k].imag())) {
+      throw std::invalid_argument("UFF 58: point " + std::to_string(k) +
+                                  " is not finite (the format holds finite numbers only)");
+    }
+    // Single-precision fields would turn these into infinities.
+    constexpr double kFloatMax = std::numeric_limits<float>::max();
+    if ((!u.evenAbscissa && std::abs(u.x[k]) > kFloatMax) ||
+        (!u.doublePrecision() &&
+         (std::abs(u.y[k].real()) > kFloatMax || std::abs(u.y[k].imag()) > kFloatMax))) {
+      throw std::invalid_argument("UFF 58: point " + std::to_string(k) +
+                                  " does not fit single precision");
+    }
+  }
   if (u.ordinateType != kUffRealSingle && u.ordinateType != kUffRealDouble &&
       u.ordinateType != kUffComplexSingle && u.ordinateType != kUffComplexDouble) {
     throw std::invalid_argument("UFF 58: ordinate type " + std::to_string(u.ordinateType));
@@ -390,23 +545,25 @@ void AppendDataset(std::string* out, const Uff58& u, bool binary) {
   const double increment = u.evenAbscissa && n > 1 ? u.x[1] - u.x[0] : 0.0;
   const std::size_t width = u.doublePrecision() ? 8 : 4;
   const std::size_t perPoint = (u.complex() ? 2 : 1) + (u.evenAbscissa ? 0 : 1);
+  // An uneven abscissa is single precision whatever the ordinates' (E13.5).
+  const std::size_t binaryBytes = n * ((u.complex() ? 2 : 1) * width + (u.evenAbscissa ? 0 : 4));
 
   out->append("    -1\n");
   if (binary) {
-    Append(out, "%6d%c%6d%6d%12d%12zu%6d%6d%12d%12d\n", 58, 'b', 1, 2, 11, n * perPoint * width, 0,
-           0, 0, 0);
+    Append(out, "%6d%c%6d%6d%12d%12zu%6d%6d%12d%12d\n", 58, 'b', 1, 2, 11, binaryBytes, 0, 0, 0, 0);
   } else {
     out->append("    58\n");
   }
   for (const std::string& id : u.idLines) {
-    out->append(id.empty() ? "NONE" : id.substr(0, 80));
+    out->append(id.empty() ? "NONE" : OneLine(ToLatin1(id)).substr(0, 80));
     out->push_back('\n');
   }
-  Append(out, "%5d%10d%5d%10d %s%10ld%4d %s%10ld%4d\n", u.functionType, u.functionId, u.version,
-         u.loadCase, Field(u.responseEntity, 10).c_str(), u.responseNode, u.responseDirection,
-         Field(u.referenceEntity, 10).c_str(), u.referenceNode, u.referenceDirection);
-  Append(out, "%10d%10zu%10d%13.5E%13.5E%13.5E\n", u.ordinateType, n, u.evenAbscissa ? 1 : 0,
-         minimum, increment, u.zValue);
+  AppendRecord(out, 80, "record 6 (function type, ids, nodes, directions)",
+               "%5d%10d%5d%10d %s%10ld%4d %s%10ld%4d\n", u.functionType, u.functionId, u.version,
+               u.loadCase, Field(u.responseEntity, 10).c_str(), u.responseNode, u.responseDirection,
+               Field(u.referenceEntity, 10).c_str(), u.referenceNode, u.referenceDirection);
+  AppendRecord(out, 69, "record 7 (points, abscissa)", "%10d%10zu%10d%13.5E%13.5E%13.5E\n",
+               u.ordinateType, n, u.evenAbscissa ? 1 : 0, minimum, increment, u.zValue);
   AppendAxis(out, u.abscissa);
   AppendAxis(out, u.numerator);
   AppendAxis(out, u.denominator);
@@ -421,11 +578,12 @@ void AppendDataset(std::string* out, const Uff58& u, bool binary) {
     if (u.complex()) values.push_back(u.y[k].imag());
   }
   if (binary) {
-    for (double v : values) {
-      if (width == 8) {
-        Store(out, v);
+    for (std::size_t i = 0; i < values.size(); ++i) {
+      const bool abscissa = !u.evenAbscissa && i % perPoint == 0;
+      if (width == 8 && !abscissa) {
+        Store(out, values[i]);
       } else {
-        Store(out, static_cast<float>(v));
+        Store(out, static_cast<float>(values[i]));
       }
     }
   } else if (!u.doublePrecision()) {
@@ -448,11 +606,107 @@ void AppendDataset(std::string* out, const Uff58& u, bool binary) {
       if (k % pointsPerLine == pointsPerLine - 1 || k + 1 == n) out->push_back('\n');
     }
   }
-  if (binary) out->push_back('\n');
+  // 58b: the closing delimiter follows the binary data directly.
   out->append("    -1\n");
 }
 
 }  // namespace
+
+std::string UffTextToUtf8(std::string_view bytes) {
+  if (IsUtf8(bytes)) return std::string(bytes);
+  std::string out;
+  out.reserve(bytes.size() * 2);
+  for (const char ch : bytes) {
+    const auto c = static_cast<unsigned char>(ch);
+    if (c < 0x80) {
+      out.push_back(ch);
+    } else {
+      out.push_back(static_cast<char>(0xc0 | (c >> 6)));
+      out.push_back(static_cast<char>(0x80 | (c & 0x3f)));
+    }
+  }
+  return out;
+}
+
+namespace {
+
+struct TypeName {
+  int type;
+  const char* one;
+  const char* many;
+};
+
+const TypeName* FindTypeName(int type) {
+  static const TypeName kNames[] = {
+      {0, "function of unknown kind", "functions of unknown kind"},
+      {1, "time history", "time histories"},
+      {2, "auto spectrum", "auto spectra"},
+      {3, "cross spectrum", "cross spectra"},
+      {4, "FRF", "FRFs"},
+      {5, "transmissibility", "transmissibilities"},
+      {6, "coherence", "coherences"},
+      {7, "auto-correlation", "auto-correlations"},
+      {8, "cross-correlation", "cross-correlations"},
+      {9, "PSD", "PSDs"},
+      {10, "energy spectral density", "energy spectral densities"},
+      {11, "probability density function", "probability density functions"},
+      {12, "spectrum", "spectra"},
+      {13, "cumulative frequency distribution", "cumulative frequency distributions"},
+      {18, "mode indicator function", "mode indicator functions"},
+      {21, "partial coherence", "partial coherences"},
+      {24, "shock response spectrum", "shock response spectra"},
+      {26, "multiple coherence", "multiple coherences"},
+      {27, "order function", "order functions"},
+  };
+  for (const TypeName& n : kNames) {
+    if (n.type == type) return &n;
+  }
+  return nullptr;
+}
+
+// "4 time histories (function type 1)"; "1 function of type 40".
+std::string CountOfType(int type, long count, bool first) {
+  const std::string text = std::to_string(count) + " " + UffFunctionTypeName(type, count);
+  if (FindTypeName(type) == nullptr) return text;
+  return text + " (" + (first ? "function type " : "type ") + std::to_string(type) + ")";
+}
+
+}  // namespace
+
+std::string UffFunctionTypeName(int type, long count) {
+  if (const TypeName* n = FindTypeName(type)) return count == 1 ? n->one : n->many;
+  return std::string(count == 1 ? "function" : "functions") + " of type " + std::to_string(type);
+}
+
+std::string UffNoFunctionOfTypes(const std::vector<int>& present, const std::vector<int>& wanted) {
+  std::vector<int> types = present;
+  std::sort(types.begin(), types.end());
+  std::vector<std::string> items;
+  for (auto it = types.begin(); it != types.end();) {
+    const auto end = std::upper_bound(it, types.end(), *it);
+    const long count = end - it;
+    items.push_back(CountOfType(*it, count, items.empty()));
+    it = end;
+  }
+  std::string missing = "no ";
+  std::vector<int> sortedWanted = wanted;
+  std::sort(sortedWanted.begin(), sortedWanted.end());
+  sortedWanted.erase(std::unique(sortedWanted.begin(), sortedWanted.end()), sortedWanted.end());
+  for (std::size_t i = 0; i < sortedWanted.size(); ++i) {
+    if (i > 0) missing += " or ";
+    missing += UffFunctionTypeName(sortedWanted[i]);
+    if (FindTypeName(sortedWanted[i]) != nullptr) {
+      missing += " (type " + std::to_string(sortedWanted[i]) + ")";
+    }
+  }
+  std::string text = "holds ";
+  if (items.empty()) return text + "no function at all";
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    if (i > 0) text += ", ";
+    text += items[i];
+  }
+  return text + " and " + missing;
+}
 
 std::string UffDirectionName(int direction) {
   static const char* const kNames[] = {"scalar", "X", "Y", "Z", "RX", "RY", "RZ"};
@@ -471,22 +725,32 @@ bool ParseUff58(const std::string& text, const std::string& name, std::vector<Uf
     while (!r.AtEnd()) {
       const std::string_view line = r.NextLine();
       if (Trim(line).empty()) continue;
-      if (!IsDelimiter(line)) r.Fail("expected -1 (the start of a dataset)");
+      if (!IsDelimiter(line)) {
+        r.Fail("expected -1 (the start of a dataset), found " + Quote(Trim(line)));
+      }
       if (r.AtEnd()) break;
+      const long begun = r.line();
       BinaryHeader b;
-      const long number = ParseDatasetLine(r, r.NextLine(), &b);
+      bool readable = true;
+      const long number = ParseDatasetLine(r, r.NextLine(), &b, &readable);
       if (number == 58) {
         out->push_back(ParseDataset58(r, b));
         continue;
       }
       ++others;
-      if (b.binary) {  // skip its ASCII lines and binary data by the header's counts
-        for (long i = 0; i < b.asciiLines && !r.AtEnd(); ++i) r.NextLine();
-        r.Skip(
-            std::min<std::size_t>(r.Remaining(), static_cast<std::size_t>(std::max(0L, b.bytes))));
+      const std::string unfinished = "the file ends inside dataset " + std::to_string(number) +
+                                     " begun at line " + std::to_string(begun);
+      if (b.binary && readable) {  // its ASCII lines, then its binary data by the header's counts
+        for (long i = 0; i < b.asciiLines; ++i) {
+          if (r.AtEnd()) r.Fail(unfinished);
+          r.NextLine();
+        }
+        const auto bytes = static_cast<std::size_t>(std::max(0L, b.bytes));
+        if (bytes > r.Remaining()) r.Fail(unfinished);
+        r.Skip(bytes);
       }
       for (;;) {
-        if (r.AtEnd()) r.Fail("dataset " + std::to_string(number) + " does not end with -1");
+        if (r.AtEnd()) r.Fail(unfinished);
         if (IsDelimiter(r.NextLine())) break;
       }
     }

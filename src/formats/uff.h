@@ -29,13 +29,26 @@
 // 58b: the dataset line is (I6,A1,I6,I6,I12,I12,I6,I6,I12,I12): 58, 'b',
 // byte order (1 little, 2 big endian), floating point format (2 IEEE 754),
 // ASCII lines that follow (11), bytes of binary data, four zeros; then
-// records 1-11 as above and record 12 as raw values in the file's byte order
-// (abscissa values in the precision of the ordinates), then "    -1".
+// records 1-11 as above, record 12 as raw values in the file's byte order
+// and, with no line end between, "    -1". The binary values keep the types
+// of the ASCII fields: an uneven abscissa is single precision (E13.5) also
+// beside double-precision ordinates. Files that store it in double
+// precision instead are read too: the announced byte count tells them apart.
+//
+// Text fields (records 1-5, the entity names, axis labels and units) are
+// bytes in whatever 8-bit encoding the writer used. The reader hands them
+// on as UTF-8: kept when a field is valid UTF-8, read as Latin-1 otherwise,
+// so no file is refused for its encoding. The writer stores each character
+// of U+0000..U+00FF as its one Latin-1 byte (one byte per column, as the
+// fixed fields need) and any other character as '?'; text that is not
+// valid UTF-8 is written as the bytes it is. (Latin-1 text whose bytes
+// happen to form UTF-8, such as "\u00c2\u00b2", reads back as that UTF-8.)
 #pragma once
 
 #include <array>
 #include <complex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace frfcam::formats {
@@ -50,7 +63,9 @@ struct UffAxis {
   std::string units = "NONE";
 };
 
-// Function types of record 6 that the stability commands take.
+// Function types of record 6 (1 time history, 2 auto spectrum, 3 cross
+// spectrum, 4 FRF, 5 transmissibility, 6 coherence, 9 PSD, ...). The
+// stability commands take FRFs unless told otherwise.
 inline constexpr int kUffFunctionFrf = 4;
 
 // Ordinate data types of record 7.
@@ -61,6 +76,7 @@ enum UffOrdinate : int {
   kUffComplexDouble = 6,
 };
 
+// Text members are UTF-8 (see above).
 struct Uff58 {
   std::array<std::string, 5> idLines{"NONE", "NONE", "NONE", "NONE", "NONE"};
   int functionType = kUffFunctionFrf;
@@ -96,10 +112,27 @@ struct Uff58 {
 // "+Z", "-X", "+RY", "scalar" for a direction code.
 std::string UffDirectionName(int direction);
 
+// The plain name of a function type: "FRF", "time history", "PSD"; the
+// plural when `count` is not 1 ("time histories"); "function of type N"
+// for types without a name.
+std::string UffFunctionTypeName(int type, long count = 1);
+
+// What a file holds when it has no function of the `wanted` types, for a
+// one-line refusal: "holds 4 time histories (function type 1), 1 PSD
+// (type 9) and no FRF (type 4)". `present` is the function type of every
+// function of the file; the counts are per type, in order of type.
+std::string UffNoFunctionOfTypes(const std::vector<int>& present, const std::vector<int>& wanted);
+
+// Bytes of a text field as UTF-8: unchanged when valid UTF-8 (as Python's
+// strict decoder judges it), each byte read as Latin-1 otherwise.
+std::string UffTextToUtf8(std::string_view bytes);
+
 // Reads every dataset 58 and 58b of a file, in file order. False with a
-// one-line reason in *error (the path, the line and what is wrong) when the
-// file cannot be read or a dataset 58 in it is malformed; other datasets
-// are skipped whatever their content. `skipped` (when given) receives the
+// one-line reason in *error (the path, the line and what is wrong, UTF-8)
+// when the file cannot be read, ends early or a dataset 58 in it is
+// malformed; other datasets are skipped whatever their content (a binary
+// one by the byte count of its header when it has a readable one, else up
+// to the next line that is "-1" in columns 1-6). `skipped` (when given) receives the
 // number of datasets of other types.
 bool ReadUff58File(const std::string& path, std::vector<Uff58>* out, std::string* error,
                    int* skipped = nullptr);
@@ -113,10 +146,13 @@ bool ParseUff58(const std::string& text, const std::string& name, std::vector<Uf
 // The spacing of each function follows evenAbscissa; for even spacing the
 // first two abscissa values give minimum and increment. Values are rounded
 // to the precision of the ordinate type; the minimum and increment of an
-// even abscissa (record 7), and in ASCII every uneven abscissa value, are
-// E13.5, about six significant digits. Throws std::invalid_argument when x and y differ in length,
-// a function has no point, an ordinate type is not one of the four, or even spacing is claimed for
-// fewer than two points that are not evenly spaced.
+// even abscissa (record 7) and every uneven abscissa value, ASCII or
+// binary, are single precision (E13.5 or a 4-byte float), as the format
+// has them. Text is written as described above. Throws
+// std::invalid_argument when x and y differ in length, a function has no
+// point, a value is not finite, an ordinate type is not one of the four, a
+// number does not fit its field (a node of more than 10 digits), or even
+// spacing is claimed for points that are not evenly spaced.
 std::string FormatUff58(const std::vector<Uff58>& functions, bool binary);
 
 // Writes FormatUff58's bytes whole (see output_file.h); false with a reason.

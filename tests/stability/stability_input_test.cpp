@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "formats/uff.h"
+#include "stability/lscf.h"
 #include "stability/synthetic.h"
 #include "support/test_support.h"
 
@@ -174,6 +175,109 @@ TEST(StabilityInput, UffInAndOut) {
   const CommandResult none = Cli("stability " + uff + " --response 555 -o " + dir.file("r3.pb"));
   EXPECT_EQ(none.status, 1);
   EXPECT_NE(none.err.find("no FRF of the --response nodes"), std::string::npos) << none.err;
+}
+
+// Only FRFs are fitted unless --function-type names other types; a file
+// without them is refused in one line that counts what it holds.
+TEST(StabilityInput, UffFunctionTypes) {
+  ScratchDir dir;
+  std::vector<formats::Uff58> functions = SystemAsUff(2);
+  for (formats::Uff58& f : functions) f.functionType = 5;  // transmissibilities
+  functions[1].functionType = 1;
+  formats::Uff58 psd = functions[0];
+  psd.functionType = 9;
+  functions.push_back(psd);
+  functions.push_back(psd);
+  const std::string uff = dir.file("t.uff");
+  std::string error;
+  ASSERT_TRUE(formats::WriteUff58File(uff, functions, true, &error)) << error;
+
+  const CommandResult refused = Cli("stability " + uff + " -o " + dir.file("r.pb"));
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.err, "frfcam: " + uff +
+                             " holds 1 time history (function type 1), 2 transmissibilities "
+                             "(type 5), 2 PSDs (type 9) and no FRF (type 4); --function-type N "
+                             "fits functions of type N\n");
+  EXPECT_EQ(refused.out.find("took"), std::string::npos);
+
+  const std::string fit = dir.file("fit.uff");
+  const CommandResult chosen =
+      Cli("stability " + uff + " --function-type 5 -o " + dir.file("r.pb") + " --write-uff " + fit);
+  ASSERT_EQ(chosen.status, 0) << chosen.err;
+  EXPECT_NE(chosen.out.find("5 function(s) in the file, 2 taken"), std::string::npos) << chosen.out;
+  EXPECT_EQ(CountModes(chosen.out), 5) << chosen.out;
+  std::vector<formats::Uff58> back;
+  ASSERT_TRUE(formats::ReadUff58File(fit, &back, &error)) << error;
+  ASSERT_EQ(back.size(), 2u);
+  EXPECT_EQ(back[0].functionType, 5);  // the fit is of what was fitted
+
+  const CommandResult two =
+      Cli("stability " + uff + " --function-type 5 --function-type 1 -o " + dir.file("r.pb"));
+  EXPECT_NE(two.out.find("5 function(s) in the file, 3 taken"), std::string::npos) << two.out;
+  const CommandResult none = Cli("stability " + uff + " --function-type 6 -o " + dir.file("r.pb"));
+  EXPECT_EQ(none.status, 1);
+  EXPECT_NE(none.err.find("and no coherence (type 6)\n"), std::string::npos) << none.err;
+}
+
+// The fewest evenly spaced lines with which the estimator determines
+// `order` for `channels` channels, found by asking it.
+int LinesTheEstimatorNeeds(int order, int channels) {
+  for (int lines = 2;; ++lines) {
+    stability::RealVector omega = stability::RealVector::LinSpaced(lines, 10.0, 500.0);
+    if (stability::lscf::HighestDeterminedOrder(omega, stability::lscf::BandOf(omega), nullptr,
+                                                channels) >= order) {
+      return lines;
+    }
+  }
+}
+
+// Too few lines for the lowest order refuse the run instead of writing a
+// chart without poles; one line more runs.
+TEST(StabilityInput, TooFewLinesForTheOrders) {
+  ScratchDir dir;
+  const std::pair<int, int> cases[] = {{4, 1}, {4, 2}, {5, 2}, {7, 3}};  // order, channels
+  for (const auto& [order, channels] : cases) {
+    const int need = LinesTheEstimatorNeeds(order, channels);
+    for (const int lines : {need - 1, need}) {
+      const std::string csv = dir.file("f.csv");
+      ASSERT_EQ(Cli("synth-frf " + csv + " --lines " + std::to_string(lines) + " --channels " +
+                    std::to_string(channels))
+                    .status,
+                0);
+      const std::string orders = std::to_string(order) + ":" + std::to_string(order + 5);
+      const std::string record =
+          dir.file(orders + "-" + std::to_string(channels) + "-" + std::to_string(lines) + ".pb");
+      const CommandResult r = Cli("stability " + csv + " --orders " + orders + " -o " + record);
+      SCOPED_TRACE(std::to_string(lines) + " lines, orders " + orders + ", " +
+                   std::to_string(channels) + " channels");
+      if (lines == need) {
+        EXPECT_EQ(r.status, 0) << r.err;
+        continue;
+      }
+      EXPECT_EQ(r.status, 1);
+      EXPECT_EQ(r.err, "frfcam: " + csv + ": too few lines for the orders " + orders +
+                           ": there are " + std::to_string(lines) +
+                           " spectral line(s), and the lowest order, " + std::to_string(order) +
+                           ", needs at least " + std::to_string(need) + " with " +
+                           std::to_string(channels) + " channel(s)\n");
+      EXPECT_EQ(r.out.find("took"), std::string::npos);
+      EXPECT_FALSE(std::filesystem::exists(record));
+    }
+  }
+
+  // The same from a UFF file.
+  std::vector<formats::Uff58> functions = SystemAsUff(1);
+  functions.erase(functions.begin() + 1);  // the time history
+  functions[0].x.resize(3);
+  functions[0].y.resize(3);
+  const std::string uff = dir.file("few.uff");
+  std::string error;
+  ASSERT_TRUE(formats::WriteUff58File(uff, functions, false, &error)) << error;
+  const CommandResult r = Cli("stability " + uff + " --orders 2:5 -o " + dir.file("r.pb"));
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("there are 3 spectral line(s), and the lowest order, 2, needs at least 4"),
+            std::string::npos)
+      << r.err;
 }
 
 TEST(StabilityInput, NumpyArchives) {
