@@ -1,7 +1,10 @@
 #include "platform/write_queue.h"
 
+#include <atomic>
+
 #if !defined(_WIN32)
 #include <linux/aio_abi.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -10,6 +13,26 @@
 #endif
 
 namespace frfcam::platform {
+
+namespace {
+
+// The test-only fault: the number of the write it hits (counted by
+// taken_writes, from 1; 0 for none) and its kind.
+std::atomic<std::uint64_t> taken_writes{0};
+std::atomic<std::uint64_t> fault_at{0};
+std::atomic<WriteQueue::Fault> fault_kind{WriteQueue::Fault::kNone};
+
+}  // namespace
+
+void WriteQueue::InjectFault(Fault fault, std::uint64_t nth) {
+  fault_at.store(0, std::memory_order_relaxed);
+  fault_kind.store(fault, std::memory_order_relaxed);
+  if (fault != Fault::kNone && nth != 0) {
+    fault_at.store(taken_writes.load(std::memory_order_relaxed) + nth, std::memory_order_relaxed);
+  }
+}
+
+std::uint64_t WriteQueue::TakenWrites() { return taken_writes.load(std::memory_order_relaxed); }
 
 #if defined(_WIN32)
 
@@ -24,6 +47,10 @@ bool WriteQueue::Wait(unsigned tag) { return tag < kTags; }
 void WriteQueue::Reap(unsigned) {}
 
 #else
+
+// Reap counts a write as failed when aio_data has this bit, above the tag's
+// (the test-only kFailed).
+constexpr std::uint64_t kInjectedFailure = 0x80;
 
 // The kernel's asynchronous I/O, called directly: with files opened for
 // direct I/O its writes are queued to the disk without a thread, where the
@@ -55,16 +82,29 @@ bool WriteQueue::Submit(const File& file, std::uint64_t offset, const void* data
   // limit's signal where it applies.
   std::uint64_t file_size = 0;
   if (!file.Size(&file_size) || offset > file_size || size > file_size - offset) return false;
+  // The OS checks the offset, not the file's end, against the file-size
+  // limit, which the host may lower at any time: past it, it would raise the
+  // signal. File::WriteAt then writes what the limit allows.
+  struct rlimit limit;
+  if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
+      offset + size > limit.rlim_cur) {
+    return false;
+  }
   while (in_flight_ >= depth_) Reap(1);
   iocb request;
   std::memset(&request, 0, sizeof request);
   // What Reap needs comes back in aio_data: the kernel keeps no pointer to
   // the request past io_submit.
-  request.aio_data = (static_cast<std::uint64_t>(size) << 8) | tag;
+  const Fault fault =
+      fault_at.load(std::memory_order_relaxed) == taken_writes.load(std::memory_order_relaxed) + 1
+          ? fault_kind.load(std::memory_order_relaxed)
+          : Fault::kNone;
+  request.aio_data = (static_cast<std::uint64_t>(size) << 8) |
+                     (fault == Fault::kFailed ? kInjectedFailure : 0) | tag;
   request.aio_lio_opcode = IOCB_CMD_PWRITE;
   request.aio_fildes = static_cast<std::uint32_t>(file.fd_);
   request.aio_buf = address;
-  request.aio_nbytes = size;
+  request.aio_nbytes = fault == Fault::kShort ? size - kDirectWriteAlignment : size;
   request.aio_offset = static_cast<std::int64_t>(offset);
   iocb* list[1] = {&request};
   for (;;) {
@@ -80,6 +120,7 @@ bool WriteQueue::Submit(const File& file, std::uint64_t offset, const void* data
   }
   ++in_flight_;
   ++pending_[tag];
+  taken_writes.fetch_add(1, std::memory_order_relaxed);
   return true;
 }
 
@@ -107,9 +148,10 @@ void WriteQueue::Reap(unsigned min) {
     return;
   }
   for (long i = 0; i < n; ++i) {
-    const auto tag = static_cast<unsigned>(events[i].data & 0xff);
+    const auto tag = static_cast<unsigned>(events[i].data & 0x7f);
     const std::uint64_t size = events[i].data >> 8;
-    if (events[i].res < 0 || static_cast<std::uint64_t>(events[i].res) != size) {
+    if (events[i].res < 0 || static_cast<std::uint64_t>(events[i].res) != size ||
+        (events[i].data & kInjectedFailure) != 0) {
       failed_[tag] = true;
     }
     --pending_[tag];

@@ -32,11 +32,13 @@ class WriteQueue {
   // Queues the write of `size` bytes from `data` at byte `offset` of `file`,
   // which must stay open, and `data` unchanged, until Wait(tag) returns.
   // Offset, size and address are multiples of kDirectWriteAlignment, and the
-  // write stays within the file's current size (File::Reserve): it never
-  // extends the file, so the file-size limit never applies. Blocks while
-  // `depth` writes are in flight. False (nothing queued) when the queue is
-  // not started, the arguments break these rules or the OS refuses the
-  // write; the caller counts that as a failed write.
+  // write stays within the file's current size (File::Reserve), so it never
+  // extends the file, and below the process's file-size limit as it is now
+  // (the OS checks the offset against it, not the file's size, and would
+  // raise its signal). Blocks while `depth` writes are in flight. False
+  // (nothing queued) when the queue is not started, the arguments break
+  // these rules or the OS refuses the write; the caller then writes with
+  // File::WriteAt, which reports what it could not write.
   bool Submit(const File& file, std::uint64_t offset, const void* data, std::size_t size,
               unsigned tag);
 
@@ -44,6 +46,16 @@ class WriteQueue {
   // `tag` finished whole since the last Wait(tag); false when any failed or
   // was short (a disk error; the bytes on disk are then undefined).
   bool Wait(unsigned tag);
+
+  // Test-only, process-wide: disk errors for tests, which have no failing
+  // disk. The `nth` write that any queue takes from now on (1: the next one)
+  // ends short by kDirectWriteAlignment bytes (kShort: the OS really writes
+  // that much less) or fails (kFailed); kNone, or a new call, disarms.
+  // Otherwise harmless: a few relaxed atomic operations per write.
+  enum class Fault { kNone, kShort, kFailed };
+  static void InjectFault(Fault fault, std::uint64_t nth);
+  // Test-only: writes that queues of this process have taken so far.
+  static std::uint64_t TakenWrites();
 
  private:
   // Collects finished writes, waiting for at least `min` of them.
