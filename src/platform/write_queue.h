@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "platform/platform.h"
 
@@ -56,14 +57,29 @@ class WriteQueue {
   static void InjectFault(Fault fault, std::uint64_t nth);
   // Test-only: writes that queues of this process have taken so far.
   static std::uint64_t TakenWrites();
+  // Test-only, process-wide: while on, queues hand writes to the OS only
+  // when they next wait for one, as a slow disk reads the caller's memory
+  // late: memory reused before Wait(tag) then reaches the disk.
+  static void DeferWrites(bool on);
 
  private:
+  // One write as the OS takes it; `data` carries the size and tag to Reap.
+  struct Request {
+    std::intptr_t fd;
+    std::uint64_t address, size, offset, data;
+  };
+  // Hands `r` to the OS; false when it refuses it.
+  bool Hand(const Request& r);
+  // Hands the deferred writes (DeferWrites) to the OS; one it refuses counts
+  // as a failed write of its tag.
+  void HandDeferred();
   // Collects finished writes, waiting for at least `min` of them.
   void Reap(unsigned min);
 
   unsigned long context_ = 0;  // the OS's queue; 0 when not started
   unsigned depth_ = 0;
-  unsigned in_flight_ = 0;
+  unsigned in_flight_ = 0;  // handed to the OS and not yet collected
+  std::vector<Request> deferred_;
   std::array<unsigned, kTags> pending_{};
   std::array<bool, kTags> failed_{};
 };

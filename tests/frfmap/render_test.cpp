@@ -230,16 +230,19 @@ TEST(RenderCube, CancelFromAnotherThreadLeavesTheBlockUnwritten) {
 }
 
 // Renders with the given budget of cached cube bytes (0: direct writes for
-// any cube) and blocks of near `block` bytes of spectra; the defaults come
-// back at the end of the scope.
+// any cube) and blocks of near `block` bytes of spectra, with direct writes
+// handed to the OS only when the render waits for them if `late`; the
+// defaults come back at the end of the scope.
 struct RenderSettings {
-  RenderSettings(std::uint64_t cached, std::uint64_t block) {
+  RenderSettings(std::uint64_t cached, std::uint64_t block, bool late = false) {
     SetCachedCubeBytes(cached);
     SetRenderBlockBytes(block);
+    platform::WriteQueue::DeferWrites(late);
   }
   ~RenderSettings() {
     SetCachedCubeBytes(kCachedCubeBytesAutomatic);
     SetRenderBlockBytes(0);
+    platform::WriteQueue::DeferWrites(false);
     platform::WriteQueue::InjectFault(platform::WriteQueue::Fault::kNone, 0);
   }
 };
@@ -318,18 +321,20 @@ TEST(RenderCube, DirectWritesWhereRunsAreWholePagesGiveTheSameCube) {
     const char* what;
     std::uint16_t w, h;
     std::uint64_t cached, block;
-    bool direct;
+    bool late, direct;
   } cases[] = {
-      {"whole-page runs, direct", 200, 64, 0, BlockOfPages(2), true},
-      {"a cube that fits the cache budget", 200, 64, cube_bytes, BlockOfPages(2), false},
-      {"runs of two rows, not whole pages", 200, 64, 0, BlockOfPages(0.8), false},
-      {"planes not whole pages, runs of a page", 256, 3, 0, BlockOfPages(1.2), false},
+      {"whole-page runs, direct", 200, 64, 0, BlockOfPages(2), false, true},
+      // A buffer reused before its writes finished would reach the disk.
+      {"whole-page runs, direct, read late", 200, 64, 0, BlockOfPages(2), true, true},
+      {"a cube that fits the cache budget", 200, 64, cube_bytes, BlockOfPages(2), false, false},
+      {"runs of two rows, not whole pages", 200, 64, 0, BlockOfPages(0.8), false, false},
+      {"planes not whole pages, runs of a page", 256, 5, 0, BlockOfPages(1.2), false, false},
   };
   for (const auto& k : cases) {
     SCOPED_TRACE(k.what);
     ScratchDir one;
     const Capture c = Make(one, k.w, k.h, 24, 1, 24);
-    RenderSettings settings(k.cached, k.block);
+    RenderSettings settings(k.cached, k.block, k.late);
     const std::uint64_t taken = platform::WriteQueue::TakenWrites();
     ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
     EXPECT_EQ(platform::WriteQueue::TakenWrites() - taken, k.direct ? kManyBlocksWrites : 0);
@@ -357,17 +362,17 @@ TEST(RenderCube, ADirectWriteThatFailsOrACancelLeavesOnlyWholeEarlierBlocksRecor
     std::uint32_t rows;  // the rows recorded: those of the blocks before
   } cases[] = {
       {"short write in block 5", Fault::kShort, 5 * 13 + 7, 3, 5 * 1024 / 200},
-      {"failed write, the last of the last block", Fault::kFailed, 13 * 13, 3, 12 * 1024 / 200},
+      {"failed write, the last of block 11", Fault::kFailed, 12 * 13, 3, 11 * 1024 / 200},
       {"failed first write", Fault::kFailed, 1, 3, 0},
-      // Transformed past half in block 6: blocks 0-5 are written, some
-      // still in flight.
+      // Transformed past half in block 6: blocks 0-5 are written, the last
+      // two still in flight.
       {"cancel at 50 %", Fault::kNone, 0, 1, 6 * 1024 / 200},
   };
   for (const auto& k : cases) {
     SCOPED_TRACE(k.what);
     ScratchDir one;
     const Capture c = Make(one, 200, 64, 24, 1, 24);
-    RenderSettings direct(0, BlockOfPages(2));
+    RenderSettings direct(0, BlockOfPages(2), true);
     FrfMapCalcs* calcs = CreateFrfMapCalcs("fault");
     ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
     g_cancel_target = calcs;
