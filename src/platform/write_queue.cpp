@@ -1,7 +1,10 @@
 #include "platform/write_queue.h"
 
+#include <atomic>
+
 #if !defined(_WIN32)
 #include <linux/aio_abi.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -10,6 +13,29 @@
 #endif
 
 namespace frfcam::platform {
+
+namespace {
+
+// The test-only fault: the number of the write it hits (counted by
+// taken_writes, from 1; 0 for none) and its kind.
+std::atomic<std::uint64_t> taken_writes{0};
+std::atomic<std::uint64_t> fault_at{0};
+std::atomic<WriteQueue::Fault> fault_kind{WriteQueue::Fault::kNone};
+std::atomic<bool> defer_writes{false};
+
+}  // namespace
+
+void WriteQueue::InjectFault(Fault fault, std::uint64_t nth) {
+  fault_at.store(0, std::memory_order_relaxed);
+  fault_kind.store(fault, std::memory_order_relaxed);
+  if (fault != Fault::kNone && nth != 0) {
+    fault_at.store(taken_writes.load(std::memory_order_relaxed) + nth, std::memory_order_relaxed);
+  }
+}
+
+std::uint64_t WriteQueue::TakenWrites() { return taken_writes.load(std::memory_order_relaxed); }
+
+void WriteQueue::DeferWrites(bool on) { defer_writes.store(on, std::memory_order_relaxed); }
 
 #if defined(_WIN32)
 
@@ -21,16 +47,22 @@ bool WriteQueue::Submit(const File&, std::uint64_t, const void*, std::size_t, un
   return false;
 }
 bool WriteQueue::Wait(unsigned tag) { return tag < kTags; }
+bool WriteQueue::Hand(const Request&) { return false; }
+void WriteQueue::HandDeferred() {}
 void WriteQueue::Reap(unsigned) {}
 
 #else
+
+// Reap counts a write as failed when aio_data has this bit, above the tag's
+// (the test-only kFailed).
+constexpr std::uint64_t kInjectedFailure = 0x80;
 
 // The kernel's asynchronous I/O, called directly: with files opened for
 // direct I/O its writes are queued to the disk without a thread, where the
 // POSIX interface would start threads of its own.
 WriteQueue::~WriteQueue() {
   if (context_ == 0) return;
-  while (in_flight_ > 0) Reap(1);
+  while (in_flight_ > 0 || !deferred_.empty()) Reap(1);
   ::syscall(SYS_io_destroy, static_cast<aio_context_t>(context_));
 }
 
@@ -55,32 +87,69 @@ bool WriteQueue::Submit(const File& file, std::uint64_t offset, const void* data
   // limit's signal where it applies.
   std::uint64_t file_size = 0;
   if (!file.Size(&file_size) || offset > file_size || size > file_size - offset) return false;
-  while (in_flight_ >= depth_) Reap(1);
+  // The OS checks the offset, not the file's end, against the file-size
+  // limit, which the host may lower at any time: past it, it would raise the
+  // signal. File::WriteAt then writes what the limit allows.
+  struct rlimit limit;
+  if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
+      offset + size > limit.rlim_cur) {
+    return false;
+  }
+  while (in_flight_ + deferred_.size() >= depth_) Reap(1);
+  const Fault fault =
+      fault_at.load(std::memory_order_relaxed) == taken_writes.load(std::memory_order_relaxed) + 1
+          ? fault_kind.load(std::memory_order_relaxed)
+          : Fault::kNone;
+  const Request request{file.fd_, address,
+                        fault == Fault::kShort ? size - kDirectWriteAlignment : size, offset,
+                        (static_cast<std::uint64_t>(size) << 8) |
+                            (fault == Fault::kFailed ? kInjectedFailure : 0) | tag};
+  if (defer_writes.load(std::memory_order_relaxed)) {
+    deferred_.push_back(request);
+  } else if (!Hand(request)) {
+    return false;
+  }
+  ++pending_[tag];
+  taken_writes.fetch_add(1, std::memory_order_relaxed);
+  return true;
+}
+
+bool WriteQueue::Hand(const Request& r) {
   iocb request;
   std::memset(&request, 0, sizeof request);
   // What Reap needs comes back in aio_data: the kernel keeps no pointer to
   // the request past io_submit.
-  request.aio_data = (static_cast<std::uint64_t>(size) << 8) | tag;
+  request.aio_data = r.data;
   request.aio_lio_opcode = IOCB_CMD_PWRITE;
-  request.aio_fildes = static_cast<std::uint32_t>(file.fd_);
-  request.aio_buf = address;
-  request.aio_nbytes = size;
-  request.aio_offset = static_cast<std::int64_t>(offset);
+  request.aio_fildes = static_cast<std::uint32_t>(r.fd);
+  request.aio_buf = r.address;
+  request.aio_nbytes = r.size;
+  request.aio_offset = static_cast<std::int64_t>(r.offset);
   iocb* list[1] = {&request};
   for (;;) {
-    const long r = ::syscall(SYS_io_submit, static_cast<aio_context_t>(context_), 1, list);
-    if (r == 1) break;
+    const long n = ::syscall(SYS_io_submit, static_cast<aio_context_t>(context_), 1, list);
+    if (n == 1) break;
     // Out of the kernel's request slots for now: make room and retry.
-    if (r < 0 && (errno == EAGAIN || errno == EINTR) && in_flight_ > 0) {
+    if (n < 0 && (errno == EAGAIN || errno == EINTR) && in_flight_ > 0) {
       Reap(1);
       continue;
     }
-    if (r < 0 && errno == EINTR) continue;
+    if (n < 0 && errno == EINTR) continue;
     return false;
   }
   ++in_flight_;
-  ++pending_[tag];
   return true;
+}
+
+void WriteQueue::HandDeferred() {
+  std::vector<Request> requests;
+  requests.swap(deferred_);
+  for (const Request& r : requests) {
+    if (Hand(r)) continue;
+    const auto tag = static_cast<unsigned>(r.data & 0x7f);
+    failed_[tag] = true;
+    --pending_[tag];
+  }
 }
 
 bool WriteQueue::Wait(unsigned tag) {
@@ -92,6 +161,8 @@ bool WriteQueue::Wait(unsigned tag) {
 }
 
 void WriteQueue::Reap(unsigned min) {
+  if (!deferred_.empty()) HandDeferred();
+  if (in_flight_ == 0) return;
   io_event events[64];
   const long n = ::syscall(SYS_io_getevents, static_cast<aio_context_t>(context_),
                            static_cast<long>(min), 64L, events, nullptr);
@@ -107,9 +178,10 @@ void WriteQueue::Reap(unsigned min) {
     return;
   }
   for (long i = 0; i < n; ++i) {
-    const auto tag = static_cast<unsigned>(events[i].data & 0xff);
+    const auto tag = static_cast<unsigned>(events[i].data & 0x7f);
     const std::uint64_t size = events[i].data >> 8;
-    if (events[i].res < 0 || static_cast<std::uint64_t>(events[i].res) != size) {
+    if (events[i].res < 0 || static_cast<std::uint64_t>(events[i].res) != size ||
+        (events[i].data & kInjectedFailure) != 0) {
       failed_[tag] = true;
     }
     --pending_[tag];

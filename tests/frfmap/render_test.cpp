@@ -2,6 +2,7 @@
 // double-precision DFT, progress, cancellation and the failure codes.
 #include <gtest/gtest.h>
 #if !defined(_WIN32)
+#include <sys/resource.h>
 #include <sys/stat.h>
 #endif
 
@@ -22,8 +23,10 @@
 #include "frfmap/capture_fixture.h"
 #include "frfmap/capture_writer.h"
 #include "frfmap/cube_files.h"
+#include "frfmap/cube_record.h"
 #include "frfmap/naming.h"
 #include "frfmap/render_settings.h"
+#include "platform/write_queue.h"
 #include "support/test_support.h"
 
 namespace frfcam::frfmap {
@@ -61,42 +64,50 @@ Capture Make(const ScratchDir& dir, std::uint16_t w, std::uint16_t h, std::int32
   return c;
 }
 
-// Reads bin b of pixel p straight from the cube files by the documented layout.
-std::complex<float> CubeValue(const Capture& c, std::uint32_t b, std::size_t p) {
-  const std::uint64_t plane = static_cast<std::uint64_t>(c.desc.width) * c.desc.height * 8;
-  const std::uint64_t per_file = 2147483648ull / plane;
-  const std::string path =
-      DataFilePath(c.header, DataFile::kCube, static_cast<unsigned>(b / per_file + 1));
-  std::ifstream in(path, std::ios::binary);
-  in.seekg(static_cast<std::streamoff>((b % per_file) * plane + p * 8));
-  float v[2] = {NAN, NAN};
-  in.read(reinterpret_cast<char*>(v), sizeof v);
-  return {v[0], v[1]};
-}
-
-std::complex<double> Dft(const std::vector<double>& x, std::uint32_t k) {
-  const double n = static_cast<double>(x.size());
-  std::complex<double> sum;
-  for (std::size_t t = 0; t < x.size(); ++t) {
-    sum += x[t] * std::polar(1.0, -2.0 * M_PI * static_cast<double>(k * t % x.size()) / n);
-  }
-  return sum / n;
-}
-
-void ExpectCubeMatchesDft(const Capture& c) {
+// The whole cube, [bin][pixel], read straight from its files by the
+// documented layout.
+std::vector<std::complex<float>> ReadCube(const Capture& c) {
+  const std::size_t pixels = c.series.size();
   const std::uint32_t bins = static_cast<std::uint32_t>(c.desc.frames / 2 + 1);
-  for (std::size_t p = 0; p < c.series.size(); ++p) {
+  const std::uint64_t per_file = 2147483648ull / (pixels * 8);
+  std::vector<std::complex<float>> cube(bins * pixels, {NAN, NAN});
+  for (std::uint32_t first = 0; first < bins; first += per_file) {
+    std::ifstream in(
+        DataFilePath(c.header, DataFile::kCube, static_cast<unsigned>(first / per_file + 1)),
+        std::ios::binary);
+    const std::uint64_t n = std::min<std::uint64_t>(per_file, bins - first) * pixels;
+    in.read(reinterpret_cast<char*>(cube.data() + first * pixels),
+            static_cast<std::streamsize>(n * 8));
+  }
+  return cube;
+}
+
+// Every value of the first `pixels` pixels (all by default) against a
+// double-precision DFT of what the capture stores.
+void ExpectCubeMatchesDft(const Capture& c, std::size_t pixels = SIZE_MAX) {
+  const std::size_t frames = static_cast<std::size_t>(c.desc.frames);
+  const std::uint32_t bins = static_cast<std::uint32_t>(frames / 2 + 1);
+  std::vector<std::complex<double>> twiddle(frames);
+  for (std::size_t t = 0; t < frames; ++t) {
+    twiddle[t] = std::polar(1.0, -2.0 * M_PI * static_cast<double>(t) / frames);
+  }
+  const std::vector<std::complex<float>> cube = ReadCube(c);
+  pixels = std::min(pixels, c.series.size());
+  for (std::size_t p = 0; p < pixels; ++p) {
     for (std::uint32_t b = 0; b < bins; ++b) {
-      const std::complex<double> want = Dft(c.series[p], b);
-      const std::complex<float> got = CubeValue(c, b, p);
+      std::complex<double> want;
+      for (std::size_t t = 0; t < frames; ++t) want += c.series[p][t] * twiddle[b * t % frames];
+      want /= static_cast<double>(frames);
+      const std::complex<float> got = cube[b * c.series.size() + p];
       // Single precision over sums of up to F terms of ~4000.
       ASSERT_NEAR(got.real(), want.real(), 2e-3) << "pixel " << p << " bin " << b;
       ASSERT_NEAR(got.imag(), want.imag(), 2e-3) << "pixel " << p << " bin " << b;
     }
   }
   // Exactly the planes of the cube, nothing more.
-  const std::uint64_t plane = c.series.size() * 8;
-  EXPECT_EQ(fs::file_size(DataFilePath(c.header, DataFile::kCube, 1)), bins * plane);
+  if (pixels == c.series.size()) {
+    EXPECT_EQ(fs::file_size(DataFilePath(c.header, DataFile::kCube, 1)), bins * pixels * 8);
+  }
 }
 
 #define FRFCAM_WHY_REPLACED_CUBE                                          \
@@ -218,18 +229,48 @@ TEST(RenderCube, CancelFromAnotherThreadLeavesTheBlockUnwritten) {
   ExpectCubeMatchesDft(c);
 }
 
-// Renders with direct writes for any cube, in blocks of 1024 pixels at
-// 21 bins; the defaults come back at the end of the scope.
-struct DirectWrites {
-  DirectWrites() {
-    SetCachedCubeBytes(0);
-    SetRenderBlockBytes(200 << 10);
+// Renders with the given budget of cached cube bytes (0: direct writes for
+// any cube) and blocks of near `block` bytes of spectra, with direct writes
+// handed to the OS only when the render waits for them if `late`; the
+// defaults come back at the end of the scope.
+struct RenderSettings {
+  RenderSettings(std::uint64_t cached, std::uint64_t block, bool late = false) {
+    SetCachedCubeBytes(cached);
+    SetRenderBlockBytes(block);
+    platform::WriteQueue::DeferWrites(late);
   }
-  ~DirectWrites() {
+  ~RenderSettings() {
     SetCachedCubeBytes(kCachedCubeBytesAutomatic);
     SetRenderBlockBytes(0);
+    platform::WriteQueue::DeferWrites(false);
+    platform::WriteQueue::InjectFault(platform::WriteQueue::Fault::kNone, 0);
   }
 };
+
+// Direct writes in blocks of 1024 pixels at 21 bins.
+struct DirectWrites : RenderSettings {
+  DirectWrites() : RenderSettings(0, 200 << 10) {}
+};
+
+// Whether the scratch folder takes direct writes (not a RAM disk) and the OS
+// its queue of them (not forbidden by a sandbox).
+bool DirectWritesWork(const ScratchDir& dir) {
+  platform::File f;
+  platform::WriteQueue queue;
+  return f.Open(dir.file("probe"), platform::File::Mode::kCreate) && f.Reserve(4096) &&
+         f.EnableDirect() && queue.Start(1);
+}
+
+// A progress callback: the host lowers the file-size limit to 256 KiB.
+void LowerFileSizeLimitOnce(int) {
+#if !defined(_WIN32)
+  static bool lowered = false;
+  if (lowered) return;
+  lowered = true;
+  struct rlimit limit = {256 << 10, RLIM_INFINITY};
+  ::setrlimit(RLIMIT_FSIZE, &limit);
+#endif
+}
 
 TEST(RenderCube, TheFileSizeLimitGivesThreeNotASignal) {
   // In a child process limited to small files, with SIGXFSZ as the shell
@@ -237,47 +278,115 @@ TEST(RenderCube, TheFileSizeLimitGivesThreeNotASignal) {
   if (const char* header = std::getenv("FRFCAM_WRITE_LIMIT_CHILD")) {
     std::optional<DirectWrites> direct;
     if (std::getenv("FRFCAM_DIRECT_CHILD") != nullptr) direct.emplace();
-    std::_Exit(OpenAndRender(header, nullptr));
+    const bool midway = std::getenv("FRFCAM_LIMIT_MIDWAY_CHILD") != nullptr;
+    std::_Exit(OpenAndRender(header, midway ? LowerFileSizeLimitOnce : nullptr));
   }
   FRFCAM_SKIP_ON_WINDOWS("RLIMIT_FSIZE through a POSIX shell is Linux-only");
   const std::string self = fs::read_symlink("/proc/self/exe").string();
-  for (const char* mode : {"", "FRFCAM_DIRECT_CHILD=1 "}) {
-    SCOPED_TRACE(*mode ? "direct writes" : "through the cache");
+  const struct {
+    const char* what;
+    const char* prefix;
+  } modes[] = {
+      {"through the cache", "ulimit -f 256; "},
+      // The file cannot be allocated ahead, so it is written through the cache.
+      {"direct writes asked for", "ulimit -f 256; FRFCAM_DIRECT_CHILD=1 "},
+      // The host lowers the limit once the files are allocated, before the
+      // first write: the queued writes meet it.
+      {"direct writes, limit lowered midway", "FRFCAM_DIRECT_CHILD=1 FRFCAM_LIMIT_MIDWAY_CHILD=1 "},
+  };
+  for (const auto& mode : modes) {
+    SCOPED_TRACE(mode.what);
     ScratchDir dir;
+    if (mode.prefix[0] == 'F' && !DirectWritesWork(dir)) continue;
     const Capture c = Make(dir, 64, 64, 40, 1, 40);  // a 688 KiB cube
-    const test::CommandResult r = test::RunCommand(
-        std::string("ulimit -f 256; ") + mode + "FRFCAM_WRITE_LIMIT_CHILD=" + c.header + " " +
-        self + " --gtest_filter=RenderCube.TheFileSizeLimitGivesThreeNotASignal");
+    const test::CommandResult r =
+        test::RunCommand(std::string(mode.prefix) + "FRFCAM_WRITE_LIMIT_CHILD=" + c.header + " " +
+                         self + " --gtest_filter=RenderCube.TheFileSizeLimitGivesThreeNotASignal");
     EXPECT_EQ(r.status, 3) << r.out << r.err;
     EXPECT_FALSE(CubeIsComplete(c.header));
   }
 }
 
-TEST(RenderCube, DirectWritesGiveTheSameCubeAndKeepTheCancelRule) {
-  DirectWrites direct;
-  ScratchDir dir;
-  // Planes of whole pages, four blocks: written directly, with writes of
-  // two blocks in flight at once.
-  const Capture c = Make(dir, 64, 64, 40, 1, 16);
-  ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
-  ExpectCubeMatchesDft(c);
-  EXPECT_TRUE(CubeIsComplete(c.header));
-  // Planes that are not whole pages: written through the cache.
-  ScratchDir odd;
-  const Capture d = Make(odd, 60, 50, 40, 1, 16);
-  ASSERT_EQ(OpenAndRender(d.header, nullptr), 0);
-  ExpectCubeMatchesDft(d);
+// Blocks of `pages` pages of spectra at 13 bins (24 frames). A 200 x 64
+// capture then has planes of 25 pages, in 13 blocks of two pages (the last
+// of one) that reuse each slot's buffer about six times: 169 writes.
+constexpr std::uint64_t BlockOfPages(double pages) { return pages * 512 * 13 * 8; }
+constexpr std::uint64_t kManyBlocksWrites = 13 * 13;
 
-  // A cancel between a block's transform and its write: whatever was written
-  // before it stays, and the cube does not read as complete.
-  FrfMapCalcs* calcs = CreateFrfMapCalcs("cancel");
-  ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
-  EXPECT_EQ(RenderCancelledOnFirstReport(calcs), 1);
-  EXPECT_FALSE(CubeIsComplete(c.header));
-  ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
-  EXPECT_EQ(RenderCube(calcs, nullptr), 0);
-  DeleteFrfMapCalcs(calcs);
-  ExpectCubeMatchesDft(c);
+TEST(RenderCube, DirectWritesWhereRunsAreWholePagesGiveTheSameCube) {
+  ScratchDir dir;
+  if (!DirectWritesWork(dir)) GTEST_SKIP() << "no direct writes here";
+  const std::uint64_t cube_bytes = 13 * 200 * 64 * 8;
+  const struct {
+    const char* what;
+    std::uint16_t w, h;
+    std::uint64_t cached, block;
+    bool late, direct;
+  } cases[] = {
+      {"whole-page runs, direct", 200, 64, 0, BlockOfPages(2), false, true},
+      // A buffer reused before its writes finished would reach the disk.
+      {"whole-page runs, direct, read late", 200, 64, 0, BlockOfPages(2), true, true},
+      {"a cube that fits the cache budget", 200, 64, cube_bytes, BlockOfPages(2), false, false},
+      {"runs of two rows, not whole pages", 200, 64, 0, BlockOfPages(0.8), false, false},
+      {"planes not whole pages, runs of a page", 256, 5, 0, BlockOfPages(1.2), false, false},
+  };
+  for (const auto& k : cases) {
+    SCOPED_TRACE(k.what);
+    ScratchDir one;
+    const Capture c = Make(one, k.w, k.h, 24, 1, 24);
+    RenderSettings settings(k.cached, k.block, k.late);
+    const std::uint64_t taken = platform::WriteQueue::TakenWrites();
+    ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
+    EXPECT_EQ(platform::WriteQueue::TakenWrites() - taken, k.direct ? kManyBlocksWrites : 0);
+    ExpectCubeMatchesDft(c);
+    EXPECT_TRUE(CubeIsComplete(c.header));
+  }
+}
+
+// Cancels once the render reports `g_cancel_percent` or more.
+FrfMapCalcs* g_cancel_target = nullptr;
+int g_cancel_percent = 100;
+void CancelAtPercent(int percent) {
+  if (percent >= g_cancel_percent) CancelRenderCube(g_cancel_target);
+}
+
+TEST(RenderCube, ADirectWriteThatFailsOrACancelLeavesOnlyWholeEarlierBlocksRecorded) {
+  ScratchDir dir;
+  if (!DirectWritesWork(dir)) GTEST_SKIP() << "no direct writes here";
+  using Fault = platform::WriteQueue::Fault;
+  const struct {
+    const char* what;
+    Fault fault;
+    std::uint64_t write;  // the write that fails: block * 13 + bin + 1
+    int result;
+    std::uint32_t rows;  // the rows recorded: those of the blocks before
+  } cases[] = {
+      {"short write in block 5", Fault::kShort, 5 * 13 + 7, 3, 5 * 1024 / 200},
+      {"failed write, the last of block 11", Fault::kFailed, 12 * 13, 3, 11 * 1024 / 200},
+      {"failed first write", Fault::kFailed, 1, 3, 0},
+      // Transformed past half in block 6: blocks 0-5 are written, the last
+      // two still in flight.
+      {"cancel at 50 %", Fault::kNone, 0, 1, 6 * 1024 / 200},
+  };
+  for (const auto& k : cases) {
+    SCOPED_TRACE(k.what);
+    ScratchDir one;
+    const Capture c = Make(one, 200, 64, 24, 1, 24);
+    RenderSettings direct(0, BlockOfPages(2), true);
+    FrfMapCalcs* calcs = CreateFrfMapCalcs("fault");
+    ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
+    g_cancel_target = calcs;
+    g_cancel_percent = k.fault == Fault::kNone ? 50 : 101;
+    platform::WriteQueue::InjectFault(k.fault, k.write);
+    EXPECT_EQ(RenderCube(calcs, CancelAtPercent), k.result);
+    DeleteFrfMapCalcs(calcs);
+    EXPECT_FALSE(CubeIsComplete(c.header));
+    CubeRecord record;
+    ASSERT_EQ(ReadCubeRecord(c.header, &record), RecordState::kValid);
+    EXPECT_FALSE(record.complete);
+    EXPECT_EQ(record.rows, k.rows);
+    ExpectCubeMatchesDft(c, std::size_t{k.rows} * 200);
+  }
 }
 
 TEST(RenderCube, AReaderOfAReplacedCubeGetsAShortReadNotAStaleOrMixedMap) {
@@ -416,13 +525,6 @@ TEST(OpenCube, AFailedOpenLeavesTheObjectUnopened) {
   DeleteFrfMapCalcs(calcs);
 }
 
-// Cancels once the render reports 100 (every block transformed, the last one
-// not yet written).
-FrfMapCalcs* g_cancel_target = nullptr;
-void CancelAtHundred(int percent) {
-  if (percent == 100) CancelRenderCube(g_cancel_target);
-}
-
 TEST(CubeRecord, OnlyAFinishedRenderReadsComplete) {
   FRFCAM_SKIP_ON_WINDOWS(FRFCAM_WHY_REPLACED_CUBE);
   ScratchDir dir;
@@ -437,10 +539,12 @@ TEST(CubeRecord, OnlyAFinishedRenderReadsComplete) {
   const std::vector<unsigned char> full = MapOf(reader, 3, &r);
   ASSERT_EQ(r, 0);
 
-  // Cancelled after the first block was written: only its rows are complete.
+  // Cancelled at 100 (every block transformed, the last one not yet
+  // written): only the rows before it are complete.
   g_cancel_target = CreateFrfMapCalcs("c");
+  g_cancel_percent = 100;
   ASSERT_EQ(OpenCube(g_cancel_target, c.header.c_str()), 0);
-  ASSERT_EQ(RenderCube(g_cancel_target, CancelAtHundred), FRFCAM_RENDER_CANCELLED);
+  ASSERT_EQ(RenderCube(g_cancel_target, CancelAtPercent), FRFCAM_RENDER_CANCELLED);
   DeleteFrfMapCalcs(g_cancel_target);
   EXPECT_FALSE(CubeIsComplete(c.header));
   // The reader's object, not opened again, sees the new record too.
