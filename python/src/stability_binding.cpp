@@ -118,7 +118,10 @@ py::dict ComputeStability(py::array_t<double, py::array::c_style | py::array::fo
   request.significanceFilter = significance;
   request.flag1 = flag1;
   request.flag2 = flag2;
-  const std::string problem = CheckAnalysis(request);
+  std::string problem = CheckAnalysis(request);
+  // As on the command line: an order range the lines cannot determine is a
+  // mistake, not an empty result.
+  if (problem.empty()) problem = CheckLinesForOrders(request);
   if (!problem.empty()) throw std::invalid_argument(problem);
   std::string why;
   if (recordPath && !formats::CanWriteFile(*recordPath, &why)) throw std::runtime_error(why);

@@ -108,6 +108,8 @@ class Stability(unittest.TestCase):
         bad[3, 0] = np.nan
         with self.assertRaisesRegex(ValueError, "not finite"):
             frfcam.compute_stability(self.freq, bad)
+        with self.assertRaisesRegex(ValueError, "too few lines .* 6 spectral line"):
+            frfcam.compute_stability(self.freq[:6], self.frf[:6], orders=(10, 20))
         with self.assertRaises(FileNotFoundError):
             frfcam.read_record(missing)
         self.assertFalse(os.path.exists(missing))
