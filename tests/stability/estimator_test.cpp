@@ -321,6 +321,22 @@ TEST(EstimatorDeterminism, SameBitsWhateverTheThreadCount) {
   for (int repeat = 0; repeat < 2; ++repeat) EXPECT_TRUE(bits() == single) << repeat;
 }
 
+// Of the roots, only the upper member of a pair inside the unit circle is a
+// pole: real roots (near 1 too), the lower member, pairs on and outside the
+// circle go.
+TEST(EstimatorPoles, OnlyUpperMembersOfStablePairs) {
+  using C = std::complex<double>;
+  const double dt = 1.0 / 784.0;
+  const C stable = std::polar(0.9, 0.5);
+  const ComplexVector z = (ComplexVector(7) << C(0.984, 0.0), std::conj(stable), stable,
+                           C(0.0, 1.0), C(0.0, -1.0), std::polar(1.1, 1.0), C(-2.0, 0.0))
+                              .finished();
+  const ComplexVector s = lscf::PolesOfRoots(z, dt);
+  ASSERT_EQ(s.size(), 1);
+  EXPECT_NEAR(s[0].real() * dt / std::log(0.9), 1.0, 1e-14);
+  EXPECT_NEAR(s[0].imag() * dt, 0.5, 1e-14);
+}
+
 // Band 10-500 Hz. Relative differences are taken against the current pole.
 TEST(EstimatorClassification, Examples) {
   const lscf::SortedPoles edges = Poles({10.0, 10.5, 499.5, 500.0}, {0.01, 0.01, 0.01, 0.01});

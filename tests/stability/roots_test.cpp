@@ -86,23 +86,13 @@ TEST(Roots, WarmStartedSweepEqualsCompanionEigenvalues) {
   ExpectSweepMatchesEigenvalues(noise, 2, 80, "noise only");
 }
 
-// Real roots just inside and outside the unit circle near z = 1 come out
-// real; a lightly damped pair 0.012 rad off the axis among them stays a
-// pair. Cold and warm started alike.
-TEST(Roots, RealRootsNearOneStayRealAndPairsStayPairs) {
-  using C = std::complex<double>;
-  const std::vector<C> exact = {0.984,
-                                0.93,
-                                1.03,
-                                -0.4,
-                                std::polar(0.9995, 0.012),
-                                std::polar(0.998, 0.3),
-                                std::polar(0.95, 2.0),
-                                std::polar(1.2, 2.9)};
-  // The real coefficients of the product of (z - r) over the real roots and
-  // (z^2 - 2 Re(r) z + |r|^2) over the pairs.
+// The real coefficients of the product of (z - r) over the real roots and
+// (z^2 - 2 Re(r) z + |r|^2) over the pairs (given by their upper member), and
+// all the roots.
+RealVector FromRoots(const std::vector<std::complex<double>>& exact, roots::Roots* all) {
   RealVector a = RealVector::Ones(1);
-  for (const C& r : exact) {
+  std::vector<std::complex<double>> z;
+  for (const std::complex<double>& r : exact) {
     const RealVector factor =
         r.imag() == 0.0 ? (RealVector(2) << -r.real(), 1.0).finished()
                         : (RealVector(3) << std::norm(r), -2.0 * r.real(), 1.0).finished();
@@ -111,13 +101,23 @@ TEST(Roots, RealRootsNearOneStayRealAndPairsStayPairs) {
       for (Eigen::Index j = 0; j < factor.size(); ++j) product[i + j] += a[i] * factor[j];
     }
     a = product;
+    z.push_back(r);
+    if (r.imag() != 0.0) z.push_back(std::conj(r));
   }
-  roots::Roots want(12);
-  Eigen::Index k = 0;
-  for (const C& r : exact) {
-    want[k++] = r;
-    if (r.imag() != 0.0) want[k++] = std::conj(r);
-  }
+  *all = Eigen::Map<const roots::Roots>(z.data(), static_cast<Eigen::Index>(z.size()));
+  return a;
+}
+
+// Real roots just inside and outside the unit circle near z = 1 come out
+// real; a lightly damped pair 0.012 rad off the axis among them stays a
+// pair. Cold and warm started alike.
+TEST(Roots, RealRootsNearOneStayRealAndPairsStayPairs) {
+  using C = std::complex<double>;
+  roots::Roots want;
+  const RealVector a =
+      FromRoots({0.984, 0.93, 1.03, std::polar(0.9995, 0.012), -0.4, std::polar(0.998, 0.3),
+                 std::polar(0.95, 2.0), std::polar(1.2, 2.9)},
+                &want);
   const roots::Roots eigenvalues = roots::CompanionRoots(a);
   ASSERT_EQ(RealRootsOfExactPairs(eigenvalues), 4);
   // A warm start as the sweep makes one: the roots moved a little.
