@@ -22,7 +22,8 @@ RealVector ToVector(const std::vector<double>& v) {
 
 std::vector<lscf::SortedPoles> SweepPoles(const std::vector<RealVector>& denominators,
                                           std::int64_t fitMin, std::int64_t nMin,
-                                          std::int64_t numOrders, const lscf::Band& band) {
+                                          std::int64_t numOrders, const lscf::Band& band,
+                                          int maxSweeps) {
   std::vector<lscf::SortedPoles> poles(static_cast<size_t>(numOrders));
   const auto count = static_cast<std::int64_t>(denominators.size());
   if (count == 0) return poles;
@@ -51,7 +52,7 @@ std::vector<lscf::SortedPoles> SweepPoles(const std::vector<RealVector>& denomin
       const Eigen::Index degree = a.size() - 1;
       const roots::Roots start =
           previous.size() > 0 ? roots::WarmStart(previous, degree) : roots::Roots();
-      previous = roots::PolynomialRoots(a, start);
+      previous = roots::PolynomialRoots(a, start, nullptr, maxSweeps);
       const std::int64_t order = fitMin + i;
       poles[static_cast<size_t>(order - nMin)] =
           lscf::SortPoles(lscf::PolesOfRoots(previous, band.dt), band.fMin);
@@ -66,6 +67,15 @@ EstimationResult Estimate(const RealVector& frequencies, const ComplexVector& fr
                           Eigen::Ref<const ComplexMatrix> frfMatrix,
                           const std::vector<std::int32_t>& orders, double frequencyTolerance,
                           double dampingTolerance, bool flag1, bool flag2) {
+  return Estimate(frequencies, frf, frfMatrix, orders, frequencyTolerance, dampingTolerance, flag1,
+                  flag2, EstimatorTuning{});
+}
+
+EstimationResult Estimate(const RealVector& frequencies, const ComplexVector& frf,
+                          Eigen::Ref<const ComplexMatrix> frfMatrix,
+                          const std::vector<std::int32_t>& orders, double frequencyTolerance,
+                          double dampingTolerance, bool flag1, bool flag2,
+                          const EstimatorTuning& tuning) {
   EstimationResult result;
   const Eigen::Index lines = frequencies.size();
   if (frfMatrix.rows() != lines && frfMatrix.size() != 0) {
@@ -115,7 +125,7 @@ EstimationResult Estimate(const RealVector& frequencies, const ComplexVector& fr
 
   const std::int64_t numOrders = std::int64_t{nMax} - nMin + 1;
   const std::vector<lscf::SortedPoles> poles =
-      SweepPoles(denominators, fitMin, nMin, numOrders, band);
+      SweepPoles(denominators, fitMin, nMin, numOrders, band, tuning.maxRootSweeps);
 
   const lscf::SortedPoles* reference = nullptr;
   for (std::int64_t i = 0; i < numOrders; ++i) {

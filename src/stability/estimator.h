@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "stability/roots.h"
+
 namespace frfcam::stability {
 
 using RealVector = Eigen::VectorXd;
@@ -71,5 +73,20 @@ EstimationResult Estimate(const RealVector& frequencies, const ComplexVector& fr
                           Eigen::Ref<const ComplexMatrix> frfMatrix,
                           const std::vector<std::int32_t>& orders, double frequencyTolerance,
                           double dampingTolerance, bool flag1, bool flag2);
+
+// Settings no caller needs to change; tests use them to take the paths that
+// well-behaved data never take.
+struct EstimatorTuning {
+  // Sweeps the root iteration of one order may take before that order falls
+  // back to the companion eigenvalues (roots::PolynomialRoots).
+  int maxRootSweeps = roots::kDefaultMaxSweeps;
+};
+
+// Estimate with the given tuning; the overload above uses the defaults.
+EstimationResult Estimate(const RealVector& frequencies, const ComplexVector& frf,
+                          Eigen::Ref<const ComplexMatrix> frfMatrix,
+                          const std::vector<std::int32_t>& orders, double frequencyTolerance,
+                          double dampingTolerance, bool flag1, bool flag2,
+                          const EstimatorTuning& tuning);
 
 }  // namespace frfcam::stability

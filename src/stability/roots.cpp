@@ -23,14 +23,18 @@ bool Usable(const Coefficients& a) {
   return a.size() >= 2 && a.allFinite() && a(a.size() - 1) != 0.0;
 }
 
-// The Newton correction p(z) / p'(z), and whether |p(z)| is already within
-// the rounding error of evaluating it. Inside the unit disc p is evaluated
-// by Horner's rule in z; outside it in w = 1/z on the reversed polynomial,
-// so that high powers of a large z cannot overflow and the rounding bound
-// stays meaningful.
+// The Newton correction p(z) / p'(z) and whether |p(z)| is already within the
+// rounding error e of evaluating it. When asked for, also two radii about z:
+// n |p / p'|, a disc that holds a root by the Newton inclusion theorem, and
+// n max(|p|, e) / |p'|, the same allowing for the worst rounding. Inside the
+// unit disc p is evaluated by Horner's rule in z; outside it in w = 1/z on
+// the reversed polynomial, so that high powers of a large z cannot overflow
+// and the rounding bound stays meaningful.
 struct NewtonStep {
   Complex correction;
   bool converged;
+  double inclusion;   // n |p / p'|
+  double errorBound;  // n max(|p|, e) / |p'|
 };
 
 // Plain complex products: the library's operators check every result for
@@ -41,10 +45,11 @@ inline void MultiplyAdd(double& re, double& im, double zr, double zi, double add
   re = r;
 }
 
-NewtonStep Newton(const double* a, Index n, Complex z) {
+NewtonStep Newton(const double* a, Index n, Complex z, bool wantRadii = false) {
   // Horner's rule in complex arithmetic errs by up to about 2n ulps of the
   // sum of the terms' moduli.
   const double tolerance = 2.0 * static_cast<double>(n + 1) * kEpsilon;
+  const double degree = static_cast<double>(n);
   const double modulus = portable::Abs(z);
   double pr, pi = 0.0, dr = 0.0, di = 0.0, bound;
   if (modulus <= 1.0) {
@@ -59,10 +64,13 @@ NewtonStep Newton(const double* a, Index n, Complex z) {
       bound = bound * modulus + std::abs(a[k]);
     }
     const Complex p(pr, pi), dp(dr, di);
-    return {p / dp, portable::Hypot(pr, pi) <= tolerance * bound};
+    const double size = portable::Hypot(pr, pi);
+    const double scale = wantRadii ? degree / portable::Hypot(dr, di) : 0.0;
+    return {p / dp, size <= tolerance * bound, size * scale,
+            std::max(size, tolerance * bound) * scale};
   }
   // p(z) = z^n q(w) with q(w) = sum a_k w^(n-k), so that
-  // p / p' = 1 / (w (n - w q'(w) / q(w))).
+  // p / p' = q / (w (n q - w q'(w))).
   const Complex w = 1.0 / z;
   const double wr = w.real(), wi = w.imag();
   const double wModulus = 1.0 / modulus;
@@ -76,8 +84,11 @@ NewtonStep Newton(const double* a, Index n, Complex z) {
     bound = bound * wModulus + std::abs(a[k]);
   }
   const Complex q(pr, pi), dq(dr, di);
-  return {1.0 / (w * (static_cast<double>(n) - w * dq / q)),
-          portable::Hypot(pr, pi) <= tolerance * bound};
+  const double size = portable::Hypot(pr, pi);
+  // |p / p'| = |q| / (|w| |n q - w q'|), which stays finite where q = 0.
+  const double scale = wantRadii ? degree / (wModulus * portable::Abs(degree * q - w * dq)) : 0.0;
+  return {1.0 / (w * (degree - w * dq / q)), size <= tolerance * bound, size * scale,
+          std::max(size, tolerance * bound) * scale};
 }
 
 bool IsFinite(Complex z) { return std::isfinite(z.real()) && std::isfinite(z.imag()); }
@@ -112,6 +123,48 @@ inline void AddRepulsion(const double* re, const double* im, Index begin, Index 
   }
   *sumRe += accRe;
   *sumIm += accIm;
+}
+
+// Gives the converged roots the structure of a real polynomial's roots (the
+// rule in roots.h): a root whose inclusion disc meets the real axis becomes
+// real, and each root above the axis is paired with the root below it
+// nearest to its conjugate, which becomes that conjugate exactly. False when
+// the roots do not pair up: some radius is not finite, the two half planes
+// hold different numbers of roots, or a partner lies further from the
+// conjugate than the two error bounds allow.
+bool SettleConjugates(const double* a, Index n, Eigen::VectorXd& re, Eigen::VectorXd& im) {
+  std::vector<double> bound(static_cast<std::size_t>(n));
+  std::vector<Index> upper, lower;
+  for (Index i = 0; i < n; ++i) {
+    const NewtonStep step = Newton(a, n, Complex(re[i], im[i]), /*wantRadii=*/true);
+    bound[i] = step.errorBound;
+    if (!(bound[i] < std::numeric_limits<double>::infinity())) return false;
+    if (std::abs(im[i]) <= step.inclusion) {
+      im[i] = 0.0;  // +0, as the eigenvalue solver gives real eigenvalues
+    } else {
+      (im[i] > 0.0 ? upper : lower).push_back(i);
+    }
+  }
+  if (upper.size() != lower.size()) return false;
+  std::vector<char> taken(lower.size(), 0);
+  for (const Index u : upper) {
+    std::size_t best = lower.size();
+    double bestDistance = std::numeric_limits<double>::infinity();
+    for (std::size_t k = 0; k < lower.size(); ++k) {
+      if (taken[k]) continue;
+      const Index l = lower[k];
+      const double distance = portable::Hypot(re[l] - re[u], im[l] + im[u]);
+      if (distance < bestDistance) {
+        bestDistance = distance;
+        best = k;
+      }
+    }
+    if (best == lower.size() || !(bestDistance <= bound[u] + bound[lower[best]])) return false;
+    taken[best] = 1;
+    re[lower[best]] = re[u];
+    im[lower[best]] = -im[u];
+  }
+  return true;
 }
 
 }  // namespace
@@ -154,6 +207,7 @@ bool AberthRoots(const Coefficients& a, const Roots& start, Roots* roots, int ma
     }
   }
   if (remaining > 0 || !re.allFinite() || !im.allFinite()) return false;
+  if (!SettleConjugates(a.data(), n, re, im)) return false;
   roots->resize(n);
   roots->real() = re;
   roots->imag() = im;
@@ -204,12 +258,12 @@ Roots WarmStart(const Roots& previous, Eigen::Index degree) {
   return z;
 }
 
-Roots PolynomialRoots(const Coefficients& a, const Roots& start, Method* method) {
+Roots PolynomialRoots(const Coefficients& a, const Roots& start, Method* method, int maxSweeps) {
   Method used = Method::kNone;
   Roots z;
   if (Usable(a)) {
     const Index n = a.size() - 1;
-    if (AberthRoots(a, start.size() == n ? start : ColdStart(a), &z)) {
+    if (AberthRoots(a, start.size() == n ? start : ColdStart(a), &z, maxSweeps)) {
       used = Method::kAberth;
     } else {
       z = CompanionRoots(a);

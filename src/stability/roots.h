@@ -21,14 +21,40 @@ using Roots = Eigen::VectorXcd;
 // not finite, the leading one is 0, or the solver does not converge.
 Roots CompanionRoots(const Coefficients& a);
 
+// Sweeps of the iteration before it gives up; warm-started orders need a few.
+constexpr int kDefaultMaxSweeps = 80;
+
 // Aberth-Ehrlich iteration from `start` (one guess per root, degree n
 // guesses). A root is accepted once the polynomial's value there is within
 // the rounding error of its evaluation (the best any method can do); it then
-// takes one more correction and is left alone. Returns false (and *roots
-// unspecified) when some root is not accepted within `maxSweeps` sweeps or
-// the iteration breaks down (coinciding guesses, non-finite values). The
-// same preconditions on `a` as CompanionRoots.
-bool AberthRoots(const Coefficients& a, const Roots& start, Roots* roots, int maxSweeps = 80);
+// takes one more correction and is left alone.
+//
+// The roots then come out as the eigenvalue solver gives those of a real
+// matrix: real ones with an imaginary part of +0, complex ones in exact
+// conjugate pairs. The iteration works in complex arithmetic, so a real
+// root ends with a stray imaginary part, which would make it a pole off the
+// real axis. The rule, at each root z after convergence: the disc of radius
+// n |p(z) / p'(z)| about z holds a root (Newton inclusion theorem); when it
+// meets the real axis, |Im z| <= n |p(z) / p'(z)|, the root is real and Im z
+// becomes +0. Near the axis Im p(z) = Im z p'(Re z) to first order, and it
+// is computed to full relative accuracy, so |p(z) / p'(z)| >= |Im z| (up to
+// rounding) at a root that is real: none is missed. A complex pair x +- iy
+// is taken for real only when the computed |p| at its members is as large as
+// |p'| y / n, i.e. when rounding alone could put it on the axis; lightly
+// damped pairs, even within 1e-3 rad of the axis next to real roots, keep y
+// many orders of magnitude above that. Each other root above the axis keeps
+// its value, and the root below the axis nearest to its conjugate becomes
+// that conjugate exactly.
+//
+// Returns false (and *roots unspecified) when some root is not accepted
+// within `maxSweeps` sweeps, the iteration breaks down (coinciding guesses,
+// non-finite values), or the complex roots do not pair up (different
+// numbers above and below the axis, or a partner further from the
+// conjugate than the two roots' error bounds n max(|p|, e) / |p'|, e the
+// rounding bound of evaluating p). The same preconditions on `a` as
+// CompanionRoots.
+bool AberthRoots(const Coefficients& a, const Roots& start, Roots* roots,
+                 int maxSweeps = kDefaultMaxSweeps);
 
 // n guesses spread on a circle whose radius is the geometric mean of the
 // roots' moduli, |a_0 / a_n|^(1/n) (1 when that is 0 or not finite).
@@ -43,8 +69,10 @@ Roots WarmStart(const Roots& previous, Eigen::Index degree);
 enum class Method { kNone, kAberth, kCompanion };
 
 // The roots of `a`: Aberth from `start` when it has one guess per root
-// (ColdStart otherwise), the companion eigenvalues when that fails. Empty
-// (method kNone) under the preconditions of CompanionRoots.
-Roots PolynomialRoots(const Coefficients& a, const Roots& start, Method* method = nullptr);
+// (ColdStart otherwise) within `maxSweeps`, the companion eigenvalues when
+// that fails. Empty (method kNone) under the preconditions of
+// CompanionRoots.
+Roots PolynomialRoots(const Coefficients& a, const Roots& start, Method* method = nullptr,
+                      int maxSweeps = kDefaultMaxSweeps);
 
 }  // namespace frfcam::stability::roots

@@ -85,6 +85,96 @@ TEST(EstimatorFormulation, MatchesPerOrderNormalEquations) {
   }
 }
 
+// The chart of orders nMin + 1..nMax as the companion eigenvalues give it:
+// the reference for the warm-started roots of Estimate.
+std::vector<lscf::OrderClasses> CompanionChart(const SyntheticFrfs& data, int nMin, int nMax,
+                                               double frequencyTolerance, double dampingTolerance) {
+  const lscf::Band band = lscf::BandOf(data.omega);
+  const ComplexMatrix basis = lscf::BuildBasis(lscf::ShiftedOmega(data.omega, band), band.dt, nMax);
+  const std::vector<RealVector> denominators =
+      lscf::FitDenominators(basis, data.matrix, nMin, nMax);
+  std::vector<lscf::OrderClasses> chart;
+  lscf::SortedPoles previous = PolesOf(denominators.front(), band);
+  for (std::size_t i = 1; i < denominators.size(); ++i) {
+    const lscf::SortedPoles current = PolesOf(denominators[i], band);
+    chart.push_back(lscf::ClassifyOrder(current, previous, band.fMin, band.fMax, frequencyTolerance,
+                                        dampingTolerance));
+    previous = current;
+  }
+  return chart;
+}
+
+// Every order's four class lists equal the reference in count and within
+// `tolerance` Hz (0: the same bits); returns the number of poles compared.
+std::size_t ExpectChartsEqual(const EstimationResult& r,
+                              const std::vector<lscf::OrderClasses>& want, int nMin,
+                              double tolerance, const std::string& what) {
+  EXPECT_EQ(r.sByOrder.size(), want.size()) << what;
+  std::size_t compared = 0;
+  for (std::size_t k = 0; k < std::min(r.sByOrder.size(), want.size()); ++k) {
+    const auto lists = {
+        std::pair{&r.sByOrder[k], &want[k].s}, std::pair{&r.fByOrder[k], &want[k].f},
+        std::pair{&r.dByOrder[k], &want[k].d}, std::pair{&r.oByOrder[k], &want[k].o}};
+    int cls = 0;
+    for (const auto& [got, ref] : lists) {
+      const std::string where =
+          what + ", order " + std::to_string(nMin + 1 + int(k)) + ", class " + "sfdo"[cls++];
+      if (got->size() != static_cast<Eigen::Index>(ref->size())) {
+        ADD_FAILURE() << where << ": " << got->size() << " poles, want " << ref->size();
+        continue;
+      }
+      for (Eigen::Index i = 0; i < got->size(); ++i) {
+        if (tolerance == 0.0) {
+          EXPECT_EQ((*got)[i], (*ref)[i]) << where;
+        } else {
+          EXPECT_NEAR((*got)[i], (*ref)[i], tolerance) << where;
+        }
+      }
+      compared += ref->size();
+    }
+  }
+  return compared;
+}
+
+// The warm-started roots give the chart of the companion eigenvalues at every
+// order: real roots near z = 1 (real poles at a few Hz above the band start)
+// stay off the chart, lightly damped pairs stay on it.
+TEST(EstimatorRoots, ChartEqualsTheCompanionEigenvaluesChart) {
+  struct Case {
+    const char* what;
+    SyntheticSystem system;
+    int nMin, nMax;
+  };
+  SyntheticSystem fourChannels = DefaultFiveModeSystem(600, 4, 0.002);
+  fourChannels.fMinHz = 8.0;
+  fourChannels.fMaxHz = 400.0;
+  // A lightly damped mode 1.5 Hz above the band start, two close modes and
+  // 1 % noise; the sweep starts above order 2.
+  SyntheticSystem closeModes{
+      {{6.5, 0.004}, {61.0, 0.01}, {63.0, 0.012}, {140.0, 0.02}, {231.0, 0.03}},
+      5.0,
+      250.0,
+      900,
+      3};
+  closeModes.noise = 0.01;
+  closeModes.seed = 11;
+  const Case cases[] = {{"four channels", fourChannels, 2, 30}, {"close modes", closeModes, 5, 40}};
+  for (const Case& c : cases) {
+    const SyntheticFrfs data = SynthesizeFrfs(c.system);
+    const std::vector<lscf::OrderClasses> want = CompanionChart(data, c.nMin, c.nMax, 0.01, 0.05);
+    const EstimationResult r =
+        Estimate(data.omega, data.frf, data.matrix, {c.nMin, c.nMax}, 0.01, 0.05, false, false);
+    EXPECT_GT(ExpectChartsEqual(r, want, c.nMin, 1e-9, c.what), 100u) << c.what;
+    // Iterations that never converge fall back to the eigenvalues, order by
+    // order: the same bits as the reference.
+    EstimatorTuning oneSweep;
+    oneSweep.maxRootSweeps = 1;
+    const EstimationResult fallback = Estimate(data.omega, data.frf, data.matrix, {c.nMin, c.nMax},
+                                               0.01, 0.05, false, false, oneSweep);
+    ExpectChartsEqual(fallback, want, c.nMin, 0.0, std::string(c.what) + ", one sweep");
+  }
+}
+
 TEST(EstimatorOutputs, FlagsAndSingleOrderRange) {
   const SyntheticFrfs data = SynthesizeFrfs(DefaultFiveModeSystem(800, 1, 0.0));
   const ComplexMatrix noChannels(data.omega.size(), 0);
@@ -229,6 +319,22 @@ TEST(EstimatorDeterminism, SameBitsWhateverTheThreadCount) {
   }
   EXPECT_GT(single.size(), 4000u);  // the model and the chart are there
   for (int repeat = 0; repeat < 2; ++repeat) EXPECT_TRUE(bits() == single) << repeat;
+}
+
+// Of the roots, only the upper member of a pair inside the unit circle is a
+// pole: real roots (near 1 too), the lower member, pairs on and outside the
+// circle go.
+TEST(EstimatorPoles, OnlyUpperMembersOfStablePairs) {
+  using C = std::complex<double>;
+  const double dt = 1.0 / 784.0;
+  const C stable = std::polar(0.9, 0.5);
+  const ComplexVector z = (ComplexVector(7) << C(0.984, 0.0), std::conj(stable), stable,
+                           C(0.0, 1.0), C(0.0, -1.0), std::polar(1.1, 1.0), C(-2.0, 0.0))
+                              .finished();
+  const ComplexVector s = lscf::PolesOfRoots(z, dt);
+  ASSERT_EQ(s.size(), 1);
+  EXPECT_NEAR(s[0].real() * dt / std::log(0.9), 1.0, 1e-14);
+  EXPECT_NEAR(s[0].imag() * dt, 0.5, 1e-14);
 }
 
 // Band 10-500 Hz. Relative differences are taken against the current pole.

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <string>
 
+#include "stability/driver.h"
+#include "stability/synthetic.h"
 #include "talproto.pb.h"
 
 namespace frfcam::stability {
@@ -47,6 +49,33 @@ TEST(RecordWire, EncodingOfDefaultsResidualsAndPackedDoubles) {
            static_cast<char>(inner.size()) + inner},
   };
   for (const Case& c : cases) EXPECT_EQ(c.record.SerializeAsString(), c.wire) << c.what;
+}
+
+// Orders 7..12: entry k of the chart is order 8 + k with that order's four
+// class lists; the stable poles of the last order lead the record.
+TEST(RecordChart, OrderNumbersOfARangeNotStartingAtTwo) {
+  const SyntheticFrfs data = SynthesizeFrfs(DefaultFiveModeSystem(400, 2, 0.002));
+  const std::vector<std::int32_t> orders = OrderList(7, 12);
+  ASSERT_EQ(orders, (std::vector<std::int32_t>{7, 8, 9, 10, 11, 12}));
+  const EstimationResult e =
+      Estimate(data.omega, data.frf, data.matrix, orders, 0.01, 0.05, false, false);
+  talproto::stabChartData record;
+  FillChart(orders, e, &record);
+  EXPECT_EQ(record.numorders(), 6u);
+  ASSERT_EQ(record.orderinfo_size(), 5);
+  const auto same = [](const auto& field, const RealVector& v) {
+    return field.size() == v.size() && std::equal(field.begin(), field.end(), v.data());
+  };
+  for (int k = 0; k < 5; ++k) {
+    const talproto::order_info& info = record.orderinfo(k);
+    EXPECT_EQ(info.order_num(), 8u + k);
+    EXPECT_TRUE(same(info.s(), e.sByOrder[k]) && same(info.f(), e.fByOrder[k]) &&
+                same(info.d(), e.dByOrder[k]) && same(info.o(), e.oByOrder[k]))
+        << "order " << 8 + k;
+  }
+  EXPECT_GT(e.eigenFrequency.size(), 0);
+  EXPECT_TRUE(same(record.eigenfrequency(), e.eigenFrequency));
+  EXPECT_TRUE(same(record.dampingfactor(), e.dampingFactor));
 }
 
 }  // namespace
