@@ -8,6 +8,11 @@ file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/host-headers)
 file(CREATE_LINK /usr/include/CLI ${CMAKE_BINARY_DIR}/host-headers/CLI SYMBOLIC)
 target_include_directories(frfcam_cli SYSTEM PRIVATE ${CMAKE_BINARY_DIR}/host-headers)
 
+# The CLI is named like the library. It exports nothing, so the linker writes
+# no import library for it; should it ever export, that import library must
+# not take the name that -lfrfcam finds.
+set_target_properties(frfcam_cli PROPERTIES IMPORT_PREFIX "" IMPORT_SUFFIX ".exe.a")
+
 # libpng is static here, so its own dependency (zlib) is linked explicitly.
 target_link_directories(frfcam_cli PRIVATE ${LIBPNG_STATIC_LIBRARY_DIRS})
 target_link_libraries(frfcam_cli PRIVATE ${LIBPNG_STATIC_LIBRARIES})
