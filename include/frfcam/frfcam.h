@@ -141,7 +141,9 @@ extern "C" {
 #if defined(_WIN32)
 #include <wtypes.h> /* BSTR */
 #if defined(FRFCAM_BUILDING_LIBRARY)
-#define FRFCAM_API __declspec(dllexport)
+/* frfcam.def names the DLL's exports. No dllexport here: programs that link
+ * the library statically (the CLI, the tests) then export nothing. */
+#define FRFCAM_API
 #else
 #define FRFCAM_API __declspec(dllimport)
 #endif

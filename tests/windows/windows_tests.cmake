@@ -8,6 +8,13 @@ add_test(NAME dll_exports_and_imports
           -DDEF=${CMAKE_SOURCE_DIR}/src/api/frfcam.def
           -P ${CMAKE_CURRENT_SOURCE_DIR}/windows/check_dll.cmake)
 
+# The import library under both of its names belongs to frfcam.dll: the C
+# host links against each and runs; the CLI and the tests export nothing.
+add_test(NAME import_libraries
+  COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/windows/check_import_libraries ${CMAKE_BINARY_DIR}
+          ${CMAKE_SOURCE_DIR} ${CMAKE_C_COMPILER} ${FRFCAM_MINGW_TRIPLE}
+          ${CMAKE_CURRENT_SOURCE_DIR}/windows/wine-run)
+
 # The C host program, under Wine here and natively in the Linux build tree
 # FRFCAM_LINUX_BUILD, on the same capture and stability inputs: the same maps,
 # cubes and records.
