@@ -55,6 +55,11 @@ void RemoveScratch(const std::string& name) {
   std::filesystem::remove_all(ScratchDir() + name, ec);
 }
 
+void Fail(const char* what) {
+  std::fprintf(stderr, "fuzz: %s\n", what);
+  std::abort();
+}
+
 const std::uint8_t* ByteReader::Take(std::size_t n, std::size_t* got) {
   const std::size_t k = n < size_ - pos_ ? n : size_ - pos_;
   const std::uint8_t* p = data_ + pos_;

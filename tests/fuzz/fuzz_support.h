@@ -22,6 +22,10 @@ std::string WriteScratchFile(const std::string& name, const std::uint8_t* data, 
 // Removes ScratchDir() + name if it exists (a file or a whole folder).
 void RemoveScratch(const std::string& name);
 
+// Reports a broken promise of the code under test (`what`, one line) and
+// aborts, which the fuzzer takes as a finding.
+[[noreturn]] void Fail(const char* what);
+
 // Little-endian fields from the front of the fuzz bytes; past the end every
 // field reads as zero and Rest() is empty.
 class ByteReader {

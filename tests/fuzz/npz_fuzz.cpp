@@ -11,13 +11,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::vector<frfcam::formats::NpzMember> members;
   std::string error;
   if (!frfcam::formats::ReadNpz(path, &members, &error)) {
-    if (error.empty() || error.find('\n') != std::string::npos) __builtin_trap();
+    if (error.empty() || error.find('\n') != std::string::npos) {
+      frfcam::fuzz::Fail("the error is not one line");
+    }
     return 0;
   }
   frfcam::formats::FrfArrays arrays;
   if (frfcam::formats::FrfFromArrays(members, path, &arrays, &error)) {
     if (arrays.channels == 0 || arrays.frf.size() != arrays.frequencyHz.size() * arrays.channels) {
-      __builtin_trap();
+      frfcam::fuzz::Fail("the FRF matrix does not match lines x channels");
     }
   }
   return 0;

@@ -13,10 +13,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     frfcam::cli::CsvInfo info;
     const frfcam::cli::FrfTable table = frfcam::cli::ReadFrfCsv(path, &info);
     for (const auto& channel : table.channels) {
-      if (channel.size() != table.frequencyHz.size()) __builtin_trap();
+      if (channel.size() != table.frequencyHz.size()) frfcam::fuzz::Fail("ragged table");
     }
   } catch (const frfcam::cli::CommandError& e) {
-    if (std::string(e.what()).find('\n') != std::string::npos) __builtin_trap();
+    if (std::string(e.what()).find('\n') != std::string::npos) {
+      frfcam::fuzz::Fail("the error is not one line");
+    }
   }
   return 0;
 }

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "formats/uff.h"
+#include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
@@ -13,10 +14,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (frfcam::formats::ParseUff58(text, "fuzz.uff", &functions, &error, &skipped)) {
     // What was read must hold together: one ordinate per abscissa value.
     for (const auto& f : functions) {
-      if (f.x.size() != f.y.size()) __builtin_trap();
+      if (f.x.size() != f.y.size()) frfcam::fuzz::Fail("abscissa and ordinates differ");
     }
   } else if (error.empty() || error.find('\n') != std::string::npos) {
-    __builtin_trap();  // a failure says why, in one line
+    frfcam::fuzz::Fail("the error is not one line");
   }
   return 0;
 }
