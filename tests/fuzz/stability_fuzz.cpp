@@ -4,10 +4,10 @@
 // the export ends them (result codes); crashes, hangs and sanitizer reports
 // are findings.
 //
-// Input: lines (u8), channels (u8), orders (two u8), flags (u8), the three
-// tolerances and the stable count, then the values: the frequencies, the
-// FRF vector and the FRF matrix, each value either a raw double (tag byte
-// with its top bit set, then 8 bytes) or a small number (the tag alone).
+// Input: lines (u8), channels (u8, top bit: a larger problem), orders (two u8), flags (u8), the
+// three tolerances and the stable count, then the values: the frequencies, the FRF vector and the
+// FRF matrix, each value either a raw double (tag byte with its top bit set, then 8 bytes) or a
+// small number (the tag alone).
 #include <cmath>
 #include <cstdint>
 #include <string>
@@ -31,10 +31,14 @@ double Value(fuzz::ByteReader& in) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzz::ByteReader in(data, size);
-  const int lines = in.U8() % 25;
-  const int channels = in.U8() % 4;
+  const std::uint8_t lines_byte = in.U8(), channels_byte = in.U8();
+  // The top bit of the channel byte asks for a larger problem: up to 96
+  // lines and 40 orders, still well under a second.
+  const bool larger = (channels_byte & 0x80) != 0;
+  const int lines = lines_byte % (larger ? 97 : 25);
+  const int channels = channels_byte % 4;
   const int min_order = static_cast<int>(static_cast<std::int8_t>(in.U8())) % 12;
-  const int max_order = min_order + static_cast<int>(in.U8() % 10) - 2;
+  const int max_order = min_order + static_cast<int>(in.U8() % (larger ? 40 : 10)) - 2;
   const std::uint8_t flags = in.U8();
 
   stability::StabilityRequest r;
