@@ -4,9 +4,12 @@ BUILD ?= build
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
 WIN_BUILD ?= build-win64
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
 
 .PHONY: all deps build build-asan build-tsan demo test test-release test-asan test-tsan bench format clean \
-	wheel deps-windows windows test-windows
+	wheel deps-windows windows test-windows \
+	build-fuzz fuzz fuzz-replay
 
 all: build
 
@@ -42,6 +45,22 @@ test-tsan: build-tsan
 
 test: test-release test-asan test-tsan
 
+# The libFuzzer harnesses of tests/fuzz, in a clang build of their own with
+# only the core and the harnesses. fuzz-replay runs the committed corpora
+# once; fuzz then fuzzes every harness for FUZZ_SECONDS. Either fails on any
+# finding.
+build-fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=Fuzz \
+	  -DCMAKE_C_FLAGS_FUZZ="-O1 -gline-tables-only" -DCMAKE_CXX_FLAGS_FUZZ="-O1 -gline-tables-only" \
+	  -DFRFCAM_FUZZ=ON -DFRFCAM_BUILD_TESTS=OFF -DFRFCAM_BUILD_BENCH=OFF -DFRFCAM_BUILD_PYTHON=OFF
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzzers
+
+fuzz-replay: build-fuzz
+	bash tests/fuzz/run $(FUZZ_BUILD) replay
+
+fuzz: fuzz-replay
+	bash tests/fuzz/run $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
 # The Python package as a wheel in dist/, for Debian's /usr/bin/python3
 # (python3-build, no isolation: everything comes from Debian packages).
 wheel: build
@@ -73,4 +92,4 @@ format:
 	find include src tools tests bench -name '*.h' -o -name '*.cpp' -o -name '*.c' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(WIN_BUILD) demo-out dist python/build python/*.egg-info
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(WIN_BUILD) $(FUZZ_BUILD) demo-out dist python/build python/*.egg-info

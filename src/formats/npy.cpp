@@ -304,6 +304,15 @@ NpyStatus ReadNpy(const std::string& path, NpyArray* out, std::uint64_t max_byte
   std::uint64_t count = 0;
   const std::size_t element = NpyElementBytes(a.type);
   if (!ElementCount(a.shape, &count) || count > max_bytes / element) return NpyStatus::kTooLarge;
+  // A short file is refused before its shape's bytes are allocated: a header
+  // of a hundred bytes may claim gigabytes. (A size that cannot be told, as
+  // of a pipe, leaves it to the read.)
+  std::error_code ec;
+  const std::uint64_t file_size = std::filesystem::file_size(platform::PathFromUtf8(path), ec);
+  const long at = std::ftell(file.get());
+  if (!ec && at >= 0 && file_size - static_cast<std::uint64_t>(at) < count * element) {
+    return NpyStatus::kTruncated;
+  }
   try {
     a.bytes.resize(count * element);
   } catch (const std::bad_alloc&) {

@@ -21,6 +21,9 @@ constexpr std::uint32_t kCentralHeader = 0x02014b50;
 constexpr std::uint32_t kEndOfDirectory = 0x06054b50;
 constexpr std::uint16_t kZip64Extra = 0x0001;
 constexpr std::uint32_t kZip64Marker = 0xffffffffu;
+// Deflate never expands more than about 1032-fold (258 bytes from a
+// two-bit code), so a larger claim is a damaged or hostile entry.
+constexpr std::uint64_t kMaxDeflateRatio = 1032;
 
 struct Failure {
   std::string what;
@@ -116,6 +119,8 @@ std::string Member(const std::string& data, const Bytes& b, const Entry& e, std:
     if (e.compressed != e.size) throw Failure{"stored sizes differ"};
     out.assign(b.At(start), e.size);
   } else if (e.method == 8) {
+    // Checked before the output is allocated: a few bytes must not claim gigabytes.
+    if (e.size / kMaxDeflateRatio > e.compressed) throw Failure{"corrupt compressed data"};
     out.resize(e.size);
     z_stream z{};
     if (inflateInit2(&z, -MAX_WBITS) != Z_OK) throw Failure{"cannot start decompression"};
@@ -163,7 +168,7 @@ NpyArray ParseNpy(const std::string& npy) {
   const NpyStatus status = ParseNpyHeader(dict, &a.type, &a.shape);
   if (status != NpyStatus::kOk) throw Failure{NpyStatusText(status)};
   const std::uint64_t start = 8 + lengthBytes + headerLength;
-  const std::uint64_t need = a.size() * NpyElementBytes(a.type);
+  const std::uint64_t element = NpyElementBytes(a.type);
   std::uint64_t count = 1;
   for (std::uint64_t d : a.shape) {
     if (d != 0 && count > std::numeric_limits<std::uint64_t>::max() / d) {
@@ -171,10 +176,23 @@ NpyArray ParseNpy(const std::string& npy) {
     }
     count *= d;
   }
-  if (count != a.size() || npy.size() - start != need)
-    throw Failure{"data size does not match its shape"};
+  // Bytes and shape must agree exactly, also where count x element would wrap.
+  if (count > std::numeric_limits<std::uint64_t>::max() / element) {
+    throw Failure{"shape too large"};
+  }
+  if (npy.size() - start != count * element) throw Failure{"data size does not match its shape"};
   a.bytes.assign(npy.begin() + static_cast<std::ptrdiff_t>(start), npy.end());
   return a;
+}
+
+// A member name as messages show it: control characters (a newline in a
+// name would break the one-line message) as '?'.
+std::string Shown(const std::string& name) {
+  std::string s = name;
+  for (char& c : s) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+  }
+  return s;
 }
 
 bool IsComplex(const NpyArray& a) {
@@ -233,7 +251,7 @@ bool ReadNpz(const std::string& path, std::vector<NpzMember>* out, std::string* 
     *out = std::move(members);
     return true;
   } catch (const Failure& f) {
-    *error = path + (member.empty() ? "" : " (member " + member + ")") + ": " + f.what;
+    *error = path + (member.empty() ? "" : " (member " + Shown(member) + ")") + ": " + f.what;
   } catch (const std::bad_alloc&) {
     *error = path + ": out of memory";
   }
@@ -256,7 +274,7 @@ bool FrfFromArrays(const std::vector<NpzMember>& members, const std::string& nam
   }
   std::string names;
   for (const NpzMember& m : members) {
-    names += (names.empty() ? "" : ", ") + m.name + " " + ShapeText(m.array.shape);
+    names += (names.empty() ? "" : ", ") + Shown(m.name) + " " + ShapeText(m.array.shape);
   }
   if (freq == nullptr || frf == nullptr) {
     *error = name +
@@ -266,7 +284,7 @@ bool FrfFromArrays(const std::vector<NpzMember>& members, const std::string& nam
     return false;
   }
   if (freq->array.shape.size() != 1 || IsComplex(freq->array)) {
-    *error = name + ": " + freq->name + " " + ShapeText(freq->array.shape) +
+    *error = name + ": " + Shown(freq->name) + " " + ShapeText(freq->array.shape) +
              " is not a real 1-D frequency vector";
     return false;
   }
@@ -282,8 +300,8 @@ bool FrfFromArrays(const std::vector<NpzMember>& members, const std::string& nam
     channels = s[0];
     transposed = true;
   } else {
-    *error = name + ": " + frf->name + " " + ShapeText(s) + " does not have " +
-             std::to_string(lines) + " lines like " + freq->name;
+    *error = name + ": " + Shown(frf->name) + " " + ShapeText(s) + " does not have " +
+             std::to_string(lines) + " lines like " + Shown(freq->name);
     return false;
   }
   out->frequencyHz = freq->array.AsReal();

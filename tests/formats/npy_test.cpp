@@ -94,6 +94,11 @@ TEST(Npy, DamagedFilesGiveTheirCodes) {
     std::ofstream(dir.file("huge.npy"), std::ios::binary) << h;
   }
   EXPECT_EQ(ReadNpy(dir.file("huge.npy"), &a), NpyStatus::kTooLarge);
+  // A header alone that claims 8 GiB (within the bound): refused for what the
+  // file holds, before the bytes are allocated.
+  std::ofstream(dir.file("claim.npy"), std::ios::binary)
+      << NpyHeader(NpyType::kFloat64, {std::uint64_t{1} << 30});
+  EXPECT_EQ(ReadNpy(dir.file("claim.npy"), &a), NpyStatus::kTruncated);
   EXPECT_EQ(ParseNpyHeader("{'descr': '<f8', 'shape': (2,), }", &type, &shape),
             NpyStatus::kBadHeader);
   EXPECT_EQ(ParseNpyHeader("{'descr': '<f8', 'fortran_order': False, 'shape': (2,", &type, &shape),
