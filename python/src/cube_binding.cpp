@@ -5,6 +5,7 @@
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
+#include <algorithm>
 #include <chrono>
 #include <complex>
 #include <condition_variable>
@@ -74,9 +75,11 @@ class NativeCube {
       std::exception_ptr failure;
       try {
         result = calcs_.RenderCube([&shared](int percent) {
+          // 100 waits for the render's return: the library counts a block
+          // when transformed, and its last writes can still fail.
           {
             std::lock_guard<std::mutex> lock(shared.mutex);
-            shared.percent = percent;
+            shared.percent = std::min(percent, 99);
           }
           shared.changed.notify_one();
         });
@@ -87,6 +90,7 @@ class NativeCube {
         std::lock_guard<std::mutex> lock(shared.mutex);
         shared.result = result;
         shared.failure = failure;
+        if (result == frfmap::kRenderOk && !failure) shared.percent = 100;
         shared.done = true;
       }
       shared.changed.notify_one();
