@@ -398,7 +398,7 @@ std::vector<formats::Uff58> FitAsUff(const FrfInput& in, const Analysis& a) {
   for (std::size_t c = 0; c < a.fits.size(); ++c) {
     formats::Uff58 f = c < in.uff.size() ? in.uff[c] : formats::Uff58{};
     if (c >= in.uff.size()) {
-      f.responseNode = static_cast<long>(c + 1);
+      f.responseNode = static_cast<long long>(c + 1);
       f.functionId = static_cast<int>(c + 1);
     }
     f.idLines = {"frfcam modal fit", "channel " + std::to_string(c + 1), "NONE", "NONE", "NONE"};

@@ -107,10 +107,10 @@ void WriteUff58(const std::string& path, const py::list& functions, bool binary)
     f.version = d["version"].cast<int>();
     f.loadCase = d["load_case"].cast<int>();
     f.responseEntity = d["response_entity"].cast<std::string>();
-    f.responseNode = d["response_node"].cast<long>();
+    f.responseNode = d["response_node"].cast<long long>();
     f.responseDirection = d["response_direction"].cast<int>();
     f.referenceEntity = d["reference_entity"].cast<std::string>();
-    f.referenceNode = d["reference_node"].cast<long>();
+    f.referenceNode = d["reference_node"].cast<long long>();
     f.referenceDirection = d["reference_direction"].cast<int>();
     f.ordinateType = d["ordinate_type"].cast<int>();
     f.evenAbscissa = d["even_abscissa"].cast<bool>();

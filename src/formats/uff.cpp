@@ -54,11 +54,11 @@ bool ParseReal(std::string_view field, double* value) {
   return end == text.c_str() + text.size() && std::isfinite(*value);
 }
 
-bool ParseInt(std::string_view field, long* value) {
+bool ParseInt(std::string_view field, long long* value) {
   const std::string text(Trim(field));
   if (text.empty()) return false;
   char* end = nullptr;
-  *value = std::strtol(text.c_str(), &end, 10);
+  *value = std::strtoll(text.c_str(), &end, 10);
   return end == text.c_str() + text.size();
 }
 
@@ -165,7 +165,7 @@ UffAxis ParseAxis(Reader& r, int record) {
   const std::string_view line =
       r.RequiredLine("record " + std::to_string(record) + " of dataset 58");
   UffAxis a;
-  long v[4];
+  long long v[4];
   const std::size_t starts[4] = {0, 10, 15, 20}, widths[4] = {10, 5, 5, 5};
   for (int i = 0; i < 4; ++i) {
     if (!ParseInt(Columns(line, starts[i], widths[i]), &v[i])) {
@@ -255,22 +255,22 @@ struct BinaryHeader {
   bool binary = false;
   int byteOrder = 1;
   int floatFormat = 2;
-  long asciiLines = 11;
-  long bytes = 0;
+  long long asciiLines = 11;
+  long long bytes = 0;
 };
 
 // The dataset line: "    58" or the 58b form; other dataset numbers too.
 // *readable is false for a binary header whose counts are not integers:
 // an error for 58b, a dataset to skip by its delimiter otherwise.
-long ParseDatasetLine(Reader& r, std::string_view line, BinaryHeader* b, bool* readable) {
-  long number = 0;
+long long ParseDatasetLine(Reader& r, std::string_view line, BinaryHeader* b, bool* readable) {
+  long long number = 0;
   if (!ParseInt(Columns(line, 0, 6), &number)) {
     r.Fail("expected a dataset number after -1, found " + Quote(Trim(line)));
   }
   b->binary = line.size() > 6 && (line[6] == 'b' || line[6] == 'B');
   *readable = true;
   if (b->binary) {
-    long v[4] = {1, 2, 11, 0};
+    long long v[4] = {1, 2, 11, 0};
     const std::size_t starts[4] = {7, 13, 19, 31}, widths[4] = {6, 6, 12, 12};
     for (int i = 0; i < 4; ++i) {
       if (!ParseInt(Columns(line, starts[i], widths[i]), &v[i])) {
@@ -306,7 +306,7 @@ Uff58 ParseDataset58(Reader& r, const BinaryHeader& b) {
   }
 
   const std::string_view r6 = r.RequiredLine("record 6 of dataset 58");
-  long v6[8];
+  long long v6[8];
   const std::size_t starts6[8] = {0, 5, 15, 20, 41, 51, 66, 76},
                     widths6[8] = {5, 10, 5, 10, 10, 4, 10, 4};
   for (int i = 0; i < 8; ++i) {
@@ -328,7 +328,7 @@ Uff58 ParseDataset58(Reader& r, const BinaryHeader& b) {
   u.referenceDirection = static_cast<int>(v6[7]);
 
   const std::string_view r7 = r.RequiredLine("record 7 of dataset 58");
-  long type = 0, points = 0, spacing = 0;
+  long long type = 0, points = 0, spacing = 0;
   double minimum = 0, increment = 0;
   if (!ParseInt(Columns(r7, 0, 10), &type) || !ParseInt(Columns(r7, 10, 10), &points) ||
       !ParseInt(Columns(r7, 20, 10), &spacing)) {
@@ -559,7 +559,7 @@ void AppendDataset(std::string* out, const Uff58& u, bool binary) {
     out->push_back('\n');
   }
   AppendRecord(out, 80, "record 6 (function type, ids, nodes, directions)",
-               "%5d%10d%5d%10d %s%10ld%4d %s%10ld%4d\n", u.functionType, u.functionId, u.version,
+               "%5d%10d%5d%10d %s%10lld%4d %s%10lld%4d\n", u.functionType, u.functionId, u.version,
                u.loadCase, Field(u.responseEntity, 10).c_str(), u.responseNode, u.responseDirection,
                Field(u.referenceEntity, 10).c_str(), u.referenceNode, u.referenceDirection);
   AppendRecord(out, 69, "record 7 (points, abscissa)", "%10d%10zu%10d%13.5E%13.5E%13.5E\n",
@@ -732,7 +732,7 @@ bool ParseUff58(const std::string& text, const std::string& name, std::vector<Uf
       const long begun = r.line();
       BinaryHeader b;
       bool readable = true;
-      const long number = ParseDatasetLine(r, r.NextLine(), &b, &readable);
+      const long long number = ParseDatasetLine(r, r.NextLine(), &b, &readable);
       if (number == 58) {
         out->push_back(ParseDataset58(r, b));
         continue;
@@ -741,11 +741,11 @@ bool ParseUff58(const std::string& text, const std::string& name, std::vector<Uf
       const std::string unfinished = "the file ends inside dataset " + std::to_string(number) +
                                      " begun at line " + std::to_string(begun);
       if (b.binary && readable) {  // its ASCII lines, then its binary data by the header's counts
-        for (long i = 0; i < b.asciiLines; ++i) {
+        for (long long i = 0; i < b.asciiLines; ++i) {
           if (r.AtEnd()) r.Fail(unfinished);
           r.NextLine();
         }
-        const auto bytes = static_cast<std::size_t>(std::max(0L, b.bytes));
+        const auto bytes = static_cast<std::size_t>(std::max(0LL, b.bytes));
         if (bytes > r.Remaining()) r.Fail(unfinished);
         r.Skip(bytes);
       }

@@ -84,10 +84,10 @@ struct Uff58 {
   int version = 0;
   int loadCase = 0;
   std::string responseEntity = "NONE";
-  long responseNode = 0;
+  long long responseNode = 0;
   int responseDirection = 0;  // 0 scalar, 1..3 +X..+Z, 4..6 rotations; negative: minus
   std::string referenceEntity = "NONE";
-  long referenceNode = 0;
+  long long referenceNode = 0;
   int referenceDirection = 0;
   int ordinateType = kUffComplexDouble;
   bool evenAbscissa = true;

@@ -378,7 +378,9 @@ TEST(Uff58Write, RoundTripsEveryLayoutInAsciiAndBinary) {
       };
       ASSERT_EQ(out.y.size(), in[i].y.size());
       for (std::size_t k = 0; k < in[i].y.size(); ++k) {
-        if (!in[i].evenAbscissa) EXPECT_EQ(out.x[k], abscissa(in[i].x[k])) << k;
+        if (!in[i].evenAbscissa) {
+          EXPECT_EQ(out.x[k], abscissa(in[i].x[k])) << k;
+        }
         EXPECT_EQ(out.y[k].real(), ordinate(in[i].y[k].real())) << k;
         EXPECT_EQ(out.y[k].imag(), in[i].complex() ? ordinate(in[i].y[k].imag()) : 0.0) << k;
       }

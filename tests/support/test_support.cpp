@@ -59,6 +59,13 @@ CommandResult RunCommand(const std::string& command) {
 #endif
   r.out = ReadFile(out);
   r.err = ReadFile(err);
+#if defined(_WIN32)
+  // Text-mode output ends its lines with \r\n there; compare lines as on Linux.
+  for (std::string* text : {&r.out, &r.err}) {
+    std::string::size_type at = 0;
+    while ((at = text->find("\r\n", at)) != std::string::npos) text->erase(at, 1);
+  }
+#endif
   return r;
 }
 
