@@ -50,9 +50,7 @@ void ParsePair(const std::string& text, const char* option, double* a, double* b
   }
 }
 
-void RenderIfNeeded(const std::string& header) {
-  frfmap::CaptureHeader loaded;
-  if (!loaded.Load(header)) throw CommandError(header + ": cannot read the capture header");
+void RenderIfNeeded(const std::string& header, const frfmap::CaptureHeader& loaded) {
   const frfmap::CubeState state = frfmap::CheckCube(header, loaded);
   if (state == frfmap::CubeState::kReady) return;
   std::printf("cube not ready (%s); rendering it\n", frfmap::CubeStateName(state));
@@ -167,7 +165,7 @@ void RunModes(const ModesCliOptions& o) {
   }
 
   InterruptScope interrupt;
-  RenderIfNeeded(o.header);
+  RenderIfNeeded(o.header, header);
 
   modes::ModesResult r;
   std::string error;

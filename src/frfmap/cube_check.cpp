@@ -66,6 +66,11 @@ CubeState CheckCube(const std::string& header_path, const CaptureHeader& header,
   return CubeState::kReady;
 }
 
+bool CubeIsComplete(const std::string& header_path) {
+  CaptureHeader header;
+  return header.Load(header_path) && CheckCube(header_path, header) == CubeState::kReady;
+}
+
 const char* CubeStateName(CubeState state) {
   switch (state) {
     case CubeState::kReady:

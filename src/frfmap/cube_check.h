@@ -30,6 +30,10 @@ enum class CubeState {
 CubeState CheckCube(const std::string& header_path, const CaptureHeader& header,
                     std::string* why = nullptr);
 
+// Loads the header at `header_path` and checks its cube: true only when
+// kReady. False too when the header cannot be read.
+bool CubeIsComplete(const std::string& header_path);
+
 // A few words for a state, such as "not rendered" or "incomplete".
 const char* CubeStateName(CubeState state);
 

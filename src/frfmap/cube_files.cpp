@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "frfmap/capture_header.h"
-#include "frfmap/cube_record.h"
 #include "frfmap/naming.h"
 
 namespace frfcam::frfmap {
@@ -86,15 +84,6 @@ bool CubeFileSet::HoldsPlane(std::uint32_t bin) const {
   std::uint64_t size = 0;
   return n != 0 && files_[n].is_open() && files_[n].Size(&size) &&
          size >= layout_.Locate(bin).offset + layout_.plane_bytes;
-}
-
-bool CubeIsComplete(const std::string& header_path) {
-  CaptureHeader header;
-  if (!header.Load(header_path) || header.frame_count() < 1) return false;
-  CubeRecord record;
-  return ReadCubeRecord(header_path, &record) == RecordState::kValid && record.complete &&
-         record.width == header.width() && record.height == header.height() &&
-         record.bins == static_cast<std::uint32_t>(header.frame_count() / 2 + 1);
 }
 
 std::size_t DeleteCubeFiles(const std::string& folder) {

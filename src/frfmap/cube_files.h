@@ -64,14 +64,6 @@ class CubeFileSet {
   std::array<std::uint8_t, kHandleTableSize> direct_{};
 };
 
-// Whether the capture whose header is `header_path` has a complete cube: its
-// completion record (see cube_record.h) says the last render of it finished,
-// for the width, height and bins that the header gives now. False when there
-// is no record (a cube of another program, or none), when a render is under
-// way, was cancelled or failed, and when the header cannot be read. A caller
-// that gets false renders again. Never blocks; reads two small files.
-bool CubeIsComplete(const std::string& header_path);
-
 // Removes every regular file whose extension is exactly ".fft" anywhere below
 // `folder` (cube files and their completion records); FIFOs, devices,
 // folders and symbolic links are left alone. Errors (a missing folder, an

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "frfmap/capture_format.h"
+#include "frfmap/cube_check.h"
 #include "frfmap/cube_files.h"
 #include "frfmap/cube_record.h"
 #include "frfmap/frf_map_calcs.h"
