@@ -102,6 +102,8 @@ struct Inputs {
   }
 };
 
+// The default system; a small one (2 channels, orders 2 up to `maxOrder`)
+// for the calls whose fit does not matter.
 Inputs KnownSystem(const std::string& path, int lines = 600, int channels = 3) {
   const frfcam::stability::SyntheticFrfs s = frfcam::stability::SynthesizeFrfs(
       frfcam::stability::DefaultFiveModeSystem(lines, channels, 0.001));
@@ -110,6 +112,12 @@ Inputs KnownSystem(const std::string& path, int lines = 600, int channels = 3) {
           {s.frf.begin(), s.frf.end()},
           {s.matrix.data(), s.matrix.data() + s.matrix.size()},
           channels};
+}
+Inputs SmallSystem(const std::string& path, int lines, int maxOrder) {
+  Inputs in = KnownSystem(path, lines, 2);
+  in.minOrder = 2;
+  in.maxOrder = maxOrder;
+  return in;
 }
 
 // Every mode of the default system once among `selected`.
@@ -155,11 +163,11 @@ TEST(StabilityExport, ReplacesTheFileWithTheWholeRecord) {
   // Every mode selected once, a residue for each, both residual terms, and
   // the models of the single FRF at every line.
   ExpectModesSelected(record.selected_poles());
-  EXPECT_EQ(record.selected_dampingfactor_size(), record.selected_poles_size());
-  EXPECT_EQ(record.residues_size(), record.selected_poles_size());
+  EXPECT_EQ(std::make_pair(record.selected_dampingfactor_size(), record.residues_size()),
+            std::make_pair(5, 5));
   EXPECT_TRUE(record.has_lower_residual() && record.has_upper_residual());
-  ASSERT_EQ(record.frfm_size(), in.lines());
-  ASSERT_EQ(record.frfnum_size(), in.lines());
+  ASSERT_EQ(std::make_pair(record.frfm_size(), record.frfnum_size()),
+            std::make_pair(in.lines(), in.lines()));
   double error = 0.0, norm = 0.0;
   for (int i = 0; i < in.lines(); ++i) {
     const std::complex<double> model(record.frfm(i).re(), record.frfm(i).im());
@@ -199,9 +207,7 @@ TEST(StabilityExport, UnwritablePathsAreReportedAndTheCallStillSucceeds) {
   paths.insert(paths.end(), {fifo, "/dev/null", dir.path().string()});
 #endif
   for (const std::string& path : paths) {
-    Inputs in = KnownSystem(path, 100, 2);
-    in.minOrder = 2;
-    in.maxOrder = 10;
+    const Inputs in = SmallSystem(path, 100, 10);
     const auto r = RunInChild([&] {
 #if !defined(_WIN32)
       ::alarm(60);
@@ -217,9 +223,7 @@ TEST(StabilityExport, UnwritablePathsAreReportedAndTheCallStillSucceeds) {
   EXPECT_TRUE(fs::is_fifo(fifo));
   const int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
   ASSERT_GE(reader, 0);
-  Inputs in = KnownSystem(fifo, 100, 2);
-  in.minOrder = 2;
-  in.maxOrder = 10;
+  const Inputs in = SmallSystem(fifo, 100, 10);
   EXPECT_EQ(RunInChild([&] { return in.Call(); }).err, "Failed to write address book.\n");
   char byte;
   EXPECT_EQ(::read(reader, &byte, 1), 0) << "bytes reached the FIFO";
@@ -245,16 +249,11 @@ TEST(StabilityExport, InvalidInputGivesItsCodeAndNothingElse) {
       {"NaN frequency", FRFCAM_STABILITY_BAD_FREQUENCIES, [&](Inputs& in) { in.omega[7] = nan; }},
       {"equal frequencies", FRFCAM_STABILITY_BAD_FREQUENCIES,
        [](Inputs& in) { in.omega.assign(in.omega.size(), 100.0); }},
-      {"infinity in matrix", FRFCAM_STABILITY_BAD_FRF,
-       [&](Inputs& in) {
-         in.matrix.back() = {inf, 0.0};
-       }},
+      {"infinity in matrix", FRFCAM_STABILITY_BAD_FRF, [&](Inputs& in) { in.matrix[9] = inf; }},
   };
   ScratchDir dir;
   for (const Case& c : cases) {
-    Inputs in = KnownSystem(dir.file("record.pb"), 40, 2);
-    in.minOrder = 2;
-    in.maxOrder = 8;
+    Inputs in = SmallSystem(dir.file("record.pb"), 40, 8);
     c.spoil(in);
     const auto r = RunInChild([&] { return in.Call(); });
     EXPECT_EQ(r.status, c.code) << c.what;

@@ -48,6 +48,14 @@ const std::string kAxisY = "        12    1    0    0 Acceleration         m/s^2
 const std::string kAxisR = "        13    0    1    0 Force                N                   ";
 const std::string kAxisZ = "         0    0    0    0 NONE                 NONE                ";
 
+// A dataset 58 whose second line is `header`, with `body` after record 11.
+std::string Dataset(const std::string& header, const std::string& record7, const std::string& body,
+                    const std::string& record6 = kRecord6, const std::string& id = "NONE") {
+  return File({"    -1", header, id, "NONE", "NONE", "NONE", "NONE", record6, record7, kAxisX,
+               kAxisY, kAxisR, kAxisZ}) +
+         body + "    -1\n";
+}
+
 Uff58 Function(int type, bool even) {
   Uff58 u;
   u.ordinateType = type;
@@ -66,51 +74,43 @@ Uff58 Function(int type, bool even) {
 
 TEST(Uff58Read, AsciiFunctionsOfEveryLayout) {
   const std::string text =
-      File({// A dataset of another kind first: skipped whatever it holds.
-            "    -1", "   151", "model name", "    -1",
-            // Complex single precision, even abscissa from 10 Hz in steps of 2.5;
-            // a three-digit exponent leaves no blank between two fields.
-            "    -1", "    58", "H 101+Z / 1+Z", "NONE", "22-Nov-26 06:00:00", "NONE", "NONE",
-            kRecord6, "         5         4         1  1.00000E+01  2.50000E+00  0.00000E+00",
-            kAxisX, kAxisY, kAxisR, kAxisZ,
-            "  1.00000E+00  2.00000E+00-3.00000E+100  4.00000E-01  5.00000E+00  6.00000E+00",
-            " -7.00000E-02  8.00000E+00", "    -1",
-            // Real double precision, uneven: 2(E13.5,E20.12) per line.
-            "    -1", "    58", "NONE", "NONE", "NONE", "NONE", "NONE",
-            "    1         1    1         0 NONE               5  -2 NONE               0   0",
-            "         4         3         0  0.00000E+00  0.00000E+00  0.00000E+00", kAxisX, kAxisY,
-            kAxisR, kAxisZ, "  1.00000E+00  1.234567890123E+00  2.00000E+00 -2.000000000000E-01",
-            "  3.50000E+00  3.000000000000E+02", "    -1",
-            // Complex double precision, uneven: E13.5,2E20.12, one point per line;
-            // with a D exponent.
-            "    -1", "    58", "NONE", "NONE", "NONE", "NONE", "NONE", kRecord6,
-            "         6         2         0  0.00000E+00  0.00000E+00  0.00000E+00", kAxisX, kAxisY,
-            kAxisR, kAxisZ, "  1.00000E+00 -1.000000000000D+00  2.500000000000E-01",
-            "  2.00000E+00  1.000000000000E+00 -2.500000000000E-01", "    -1"});
+      // A dataset of another kind first: skipped whatever it holds.
+      File({"    -1", "   151", "model name", "    -1"}) +
+      // Complex single precision, even abscissa from 10 Hz in steps of 2.5;
+      // a three-digit exponent leaves no blank between two fields.
+      Dataset(
+          "    58", "         5         4         1  1.00000E+01  2.50000E+00  0.00000E+00",
+          File({"  1.00000E+00  2.00000E+00-3.00000E+100  4.00000E-01  5.00000E+00  6.00000E+00",
+                " -7.00000E-02  8.00000E+00"}),
+          kRecord6, "H 101+Z / 1+Z") +
+      // Real double precision, uneven: 2(E13.5,E20.12) per line.
+      Dataset("    58", "         4         3         0  0.00000E+00  0.00000E+00  0.00000E+00",
+              File({"  1.00000E+00  1.234567890123E+00  2.00000E+00 -2.000000000000E-01",
+                    "  3.50000E+00  3.000000000000E+02"}),
+              "    1         1    1         0 NONE               5  -2 NONE               0   0") +
+      // Complex double precision, uneven: E13.5,2E20.12, one point per line;
+      // with a D exponent.
+      Dataset("    58", "         6         2         0  0.00000E+00  0.00000E+00  0.00000E+00",
+              File({"  1.00000E+00 -1.000000000000D+00  2.500000000000E-01",
+                    "  2.00000E+00  1.000000000000E+00 -2.500000000000E-01"}));
   int skipped = -1;
   const std::vector<Uff58> f = Parse(text, &skipped);
   EXPECT_EQ(skipped, 1);
   ASSERT_EQ(f.size(), 3u);
 
-  EXPECT_EQ(f[0].idLines[0], "H 101+Z / 1+Z");
-  EXPECT_EQ(f[0].functionType, kUffFunctionFrf);
-  EXPECT_EQ(std::tie(f[0].functionId, f[0].responseNode, f[0].responseDirection, f[0].referenceNode,
-                     f[0].referenceDirection),
-            std::make_tuple(7, 101, 3, 1, 3));
-  EXPECT_EQ(f[0].ordinateType, kUffComplexSingle);
-  EXPECT_TRUE(f[0].evenAbscissa);
-  EXPECT_EQ(f[0].abscissa.specificType, 18);
-  EXPECT_EQ(f[0].abscissa.units, "Hz");
-  EXPECT_EQ(f[0].numerator.label, "Acceleration");
-  EXPECT_EQ(f[0].numerator.lengthExponent, 1);
-  EXPECT_EQ(f[0].denominator.forceExponent, 1);
+  EXPECT_EQ(std::tie(f[0].idLines[0], f[0].abscissa.units, f[0].numerator.label),
+            std::make_tuple("H 101+Z / 1+Z", "Hz", "Acceleration"));
+  EXPECT_EQ(std::tie(f[0].functionType, f[0].functionId, f[0].responseNode, f[0].responseDirection,
+                     f[0].referenceNode, f[0].referenceDirection, f[0].ordinateType,
+                     f[0].evenAbscissa, f[0].abscissa.specificType, f[0].numerator.lengthExponent,
+                     f[0].denominator.forceExponent),
+            std::make_tuple(kUffFunctionFrf, 7, 101, 3, 1, 3, kUffComplexSingle, true, 18, 1, 1));
   // Eight values: six on the first line, two on the next.
   EXPECT_EQ(f[0].x, (std::vector<double>{10.0, 12.5, 15.0, 17.5}));
   EXPECT_EQ(f[0].y, (std::vector<std::complex<double>>{{1, 2}, {-3e100, 0.4}, {5, 6}, {-0.07, 8}}));
 
-  EXPECT_EQ(f[1].ordinateType, kUffRealDouble);
-  EXPECT_FALSE(f[1].evenAbscissa);
-  EXPECT_EQ(std::tie(f[1].responseNode, f[1].responseDirection), std::make_tuple(5, -2));
+  EXPECT_EQ(std::tie(f[1].ordinateType, f[1].evenAbscissa, f[1].responseNode),
+            std::make_tuple(kUffRealDouble, false, 5));
   EXPECT_EQ(UffDirectionName(f[1].responseDirection), "-Y");
   EXPECT_EQ(f[1].x, (std::vector<double>{1.0, 2.0, 3.5}));
   EXPECT_EQ(f[1].y, (std::vector<std::complex<double>>{{1.234567890123, 0}, {-0.2, 0}, {300, 0}}));
@@ -133,9 +133,7 @@ std::string Binary(int byteOrder, const std::string& record7, const std::vector<
   char header[81];
   std::snprintf(header, sizeof header, "%6d%c%6d%6d%12d%12zu%6d%6d%12d%12d", 58, 'b', byteOrder, 2,
                 11, data.size(), 0, 0, 0, 0);
-  return File({"    -1", header, "NONE", "NONE", "NONE", "NONE", "NONE", kRecord6, record7, kAxisX,
-               kAxisY, kAxisR, kAxisZ}) +
-         data + "\n    -1\n";
+  return Dataset(header, record7, data + "\n");
 }
 
 TEST(Uff58Read, BinaryInBothByteOrders) {
@@ -173,8 +171,8 @@ TEST(Uff58Read, BinaryInBothByteOrders) {
 // a 4-byte float as the format has it, or an 8-byte double where the
 // header's byte count says so.
 TEST(Uff58Read, BigEndianDoublesFromHandWrittenBytes) {
-  const std::string head = "NONE\nNONE\nNONE\nNONE\nNONE\n" + kRecord6 + "\n";
-  const std::string axes = kAxisX + "\n" + kAxisY + "\n" + kAxisR + "\n" + kAxisZ + "\n";
+  const std::string b32 =
+      "    58b     2     2          11          32     0     0           0           0";
   const std::string one("\x3f\xf0\x00\x00\x00\x00\x00\x00", 8);       // 1.0
   const std::string minus2p5("\xc0\x04\x00\x00\x00\x00\x00\x00", 8);  // -2.5
   const std::string tenth("\x3f\xb9\x99\x99\x99\x99\x99\x9a", 8);     // 0.1
@@ -182,18 +180,16 @@ TEST(Uff58Read, BigEndianDoublesFromHandWrittenBytes) {
   const std::string x20d("\x40\x34\x00\x00\x00\x00\x00\x00", 8);      // 20.0
   const std::string text =
       // Complex double, even: two points from 5 Hz in steps of 0.5.
-      "    -1\n    58b     2     2          11          32     0     0           0           0\n" +
-      head + "         6         2         1  5.00000E+00  5.00000E-01  0.00000E+00\n" + axes +
-      one + minus2p5 + tenth + one + "    -1\n" +
+      Dataset(b32, "         6         2         1  5.00000E+00  5.00000E-01  0.00000E+00",
+              one + minus2p5 + tenth + one) +
       // Complex double, uneven, abscissa as a float: 20 bytes a point.
-      "    -1\n    58b     2     2          11          20     0     0           0           0\n" +
-      head + "         6         1         0  0.00000E+00  0.00000E+00  0.00000E+00\n" + axes +
-      x12p5f + tenth + minus2p5 + "    -1\n" +
+      Dataset("    58b     2     2          11          20     0     0           0           0",
+              "         6         1         0  0.00000E+00  0.00000E+00  0.00000E+00",
+              x12p5f + tenth + minus2p5) +
       // Real double, uneven, abscissa as a double: 16 bytes a point.
-      "    -1\n    58b     2     2          11          32     0     0           0           0\n" +
-      head + "         4         2         0  0.00000E+00  0.00000E+00  0.00000E+00\n" + axes +
-      x20d + minus2p5 + x20d.substr(0, 1) + std::string("\x3e", 1) + x20d.substr(2) + tenth +
-      "    -1\n";
+      Dataset(
+          b32, "         4         2         0  0.00000E+00  0.00000E+00  0.00000E+00",
+          x20d + minus2p5 + x20d.substr(0, 1) + std::string("\x3e", 1) + x20d.substr(2) + tenth);
   const std::vector<Uff58> f = Parse(text);
   ASSERT_EQ(f.size(), 3u);
   EXPECT_EQ(f[0].x, (std::vector<double>{5.0, 5.5}));
@@ -205,18 +201,18 @@ TEST(Uff58Read, BigEndianDoublesFromHandWrittenBytes) {
 }
 
 TEST(Uff58Read, MalformedFilesNameTheLine) {
-  const std::string head = "    -1\n    58\nNONE\nNONE\nNONE\nNONE\nNONE\n" + kRecord6 + "\n";
-  const std::string axes = kAxisX + "\n" + kAxisY + "\n" + kAxisR + "\n" + kAxisZ + "\n";
-  const std::string r7 = "         5         3         1  1.00000E+01  2.50000E+00  0.00000E+00\n";
+  const std::string r7 = "         5         3         1  1.00000E+01  2.50000E+00  0.00000E+00";
+  const std::string unended = Dataset("    58", r7, "  1.0 2.0 3.0 4.0 5.0 6.0\n");
   struct Case {
     std::string text, words;
   } cases[] = {
-      {head + r7 + axes + "  1.00000E+00  2.00000E+00\n    -1\n",
+      {Dataset("    58", r7, "  1.00000E+00  2.00000E+00\n"),
        "t.uff:15: record 12 ends after 2 of 6"},
-      {head + "         7         3         1  1.00000E+01  2.50000E+00  0.00000E+00\n" + axes,
+      {Dataset("    58", "         7         3         1  1.00000E+01  2.50000E+00  0.00000E+00",
+               ""),
        "t.uff:9: record 7: ordinate type 7"},
-      {head + r7 + axes + "  1.0 2.0 3.0 4.0 5.0 6.0\n", "does not end with -1"},
-      {head + r7 + axes + "  1.0 2.0 x 4.0 5.0 6.0\n    -1\n", "'x' is not a number"},
+      {unended.substr(0, unended.size() - 7), "does not end with -1"},
+      {Dataset("    58", r7, "  1.0 2.0 x 4.0 5.0 6.0\n"), "'x' is not a number"},
       {"    -1\n    58\nNONE\nNONE\nNONE\nNONE\nNONE\n    4         7\n", "t.uff:8: record 6"},
       {"    -1\n   151\nname\n    -1\n", "no dataset 58"},
       {"hello\n", "t.uff:1: expected -1"},
@@ -279,9 +275,8 @@ std::string OtherBinaryDataset(const std::string& headerTail) {
 
 TEST(Uff58Read, WholeFilesSkipEveryOtherDataset) {
   const std::string frf =
-      File({"    -1", "    58", "NONE", "NONE", "NONE", "NONE", "NONE", kRecord6,
-            "         2         2         1  0.00000E+00  1.00000E+00  0.00000E+00", kAxisX, kAxisY,
-            kAxisR, kAxisZ, "  1.00000E+00  2.00000E+00", "    -1"});
+      Dataset("    58", "         2         2         1  0.00000E+00  1.00000E+00  0.00000E+00",
+              "  1.00000E+00  2.00000E+00\n");
   const std::string text =
       File({"    -1", "   151", "model", "NONE", "exported", "    -1"}) +
       File({"    -1", "   164", "         1SI - mks (Newton)  2",
@@ -363,10 +358,9 @@ TEST(Uff58Write, RoundTripsEveryLayoutInAsciiAndBinary) {
     for (const bool isBinary : {false, true}) {
       const Uff58& out = isBinary ? fromBinary[i] : fromAscii[i];
       SCOPED_TRACE(::testing::Message() << "binary " << isBinary << " function " << i);
-      EXPECT_EQ(out.ordinateType, in[i].ordinateType);
-      EXPECT_EQ(out.evenAbscissa, in[i].evenAbscissa);
-      EXPECT_EQ(std::tie(out.responseNode, out.responseDirection, out.referenceDirection),
-                std::make_tuple(123456L, -3, 1));
+      EXPECT_EQ(std::tie(out.ordinateType, out.evenAbscissa, out.responseNode,
+                         out.responseDirection, out.referenceDirection),
+                std::make_tuple(in[i].ordinateType, in[i].evenAbscissa, 123456L, -3, 1));
       EXPECT_EQ(out.idLines[0], std::string(80, 'a'));
       const bool single = !in[i].doublePrecision();
       const auto ordinate = [&](double v) {
