@@ -63,7 +63,8 @@ TEST(EstimatorRecovery, NoisyModesAreTheLastOrdersStablePoles) {
 }
 
 // The Toeplitz/Cholesky formulation against the plain per-order normal
-// equations, coefficients and in-band poles.
+// equations. The poles follow from the coefficients by the same routine, which
+// the chart tests check against the eigenvalues.
 TEST(EstimatorFormulation, MatchesPerOrderNormalEquations) {
   const SyntheticFrfs data = SynthesizeFrfs(DefaultFiveModeSystem(600, 3, 0.002));
   const lscf::Band band = lscf::BandOf(data.omega);
@@ -75,13 +76,6 @@ TEST(EstimatorFormulation, MatchesPerOrderNormalEquations) {
     const RealVector& fast = denominators[n - 4];
     ASSERT_EQ(fast.size(), n + 1);
     EXPECT_LT((fast - direct).norm() / direct.norm(), 1e-8) << "order " << n;
-    const lscf::SortedPoles a = PolesOf(fast, band), b = PolesOf(direct, band);
-    ASSERT_EQ(a.frequency.size(), b.frequency.size()) << "order " << n;
-    for (Eigen::Index i = 0; i < a.frequency.size(); ++i) {
-      if (a.frequency[i] >= band.fMax) continue;  // far outside: poorly determined
-      EXPECT_NEAR(a.frequency[i] / b.frequency[i], 1.0, 1e-8) << "order " << n;
-      EXPECT_NEAR(a.damping[i] / b.damping[i], 1.0, 1e-8) << "order " << n;
-    }
   }
 }
 
@@ -123,13 +117,9 @@ std::size_t ExpectChartsEqual(const EstimationResult& r,
         ADD_FAILURE() << where << ": " << got->size() << " poles, want " << ref->size();
         continue;
       }
-      for (Eigen::Index i = 0; i < got->size(); ++i) {
-        if (tolerance == 0.0) {
-          EXPECT_EQ((*got)[i], (*ref)[i]) << where;
-        } else {
-          EXPECT_NEAR((*got)[i], (*ref)[i], tolerance) << where;
-        }
-      }
+      // Tolerance 0 is equality: the frequencies are finite.
+      for (Eigen::Index i = 0; i < got->size(); ++i)
+        EXPECT_NEAR((*got)[i], (*ref)[i], tolerance) << where;
       compared += ref->size();
     }
   }
@@ -150,14 +140,14 @@ TEST(EstimatorRoots, ChartEqualsTheCompanionEigenvaluesChart) {
   fourChannels.fMaxHz = 400.0;
   // A lightly damped mode 1.5 Hz above the band start, two close modes and
   // 1 % noise; the sweep starts above order 2.
-  SyntheticSystem closeModes{
+  const SyntheticSystem closeModes{
       {{6.5, 0.004}, {61.0, 0.01}, {63.0, 0.012}, {140.0, 0.02}, {231.0, 0.03}},
       5.0,
       250.0,
       900,
-      3};
-  closeModes.noise = 0.01;
-  closeModes.seed = 11;
+      3,
+      0.01,
+      11};
   const Case cases[] = {{"four channels", fourChannels, 2, 30}, {"close modes", closeModes, 5, 40}};
   for (const Case& c : cases) {
     const SyntheticFrfs data = SynthesizeFrfs(c.system);
@@ -220,21 +210,16 @@ TEST(EstimatorRange, FewLinesDetermineHighOrders) {
   ASSERT_EQ(r.sByOrder.size(), 98u);  // orders 3..100
   const auto entry = [&](int order) { return static_cast<std::size_t>(order - 3); };
   for (int order = 48; order <= 60; ++order) {
-    std::vector<double> all;
-    for (const auto* list : {&r.sByOrder, &r.fByOrder, &r.dByOrder, &r.oByOrder}) {
-      const RealVector& v = (*list)[entry(order)];
-      all.insert(all.end(), v.begin(), v.end());
-    }
     for (const SyntheticMode& mode : system.modes) {
       const double want = Mapped(mode, system.fMinHz).frequencyHz;
       double best = 1e300;
-      for (double f : all) best = std::min(best, std::abs(f / want - 1.0));
+      for (const auto* list : {&r.sByOrder, &r.fByOrder, &r.dByOrder, &r.oByOrder}) {
+        for (double f : (*list)[entry(order)]) best = std::min(best, std::abs(f / want - 1.0));
+      }
       EXPECT_LT(best, 1e-3) << "order " << order << ", " << mode.frequencyHz << " Hz";
     }
   }
-  for (int order = 92; order <= 100; ++order) {
-    EXPECT_EQ(ChartPoles(r, entry(order)), 0u) << "order " << order;
-  }
+  for (int order = 92; order <= 100; ++order) EXPECT_EQ(ChartPoles(r, entry(order)), 0u) << order;
 }
 
 // A NaN in the single FRF: with flag2 its line leaves the denominator fit
@@ -276,12 +261,10 @@ lscf::SortedPoles Poles(std::initializer_list<double> f, std::initializer_list<d
 // The classes as "s:F,.. f:.. d:.. o:.. sz:" with sz the damping of the s poles.
 std::string Text(const lscf::OrderClasses& c) {
   std::ostringstream out;
-  for (const auto& [name, v] : {std::pair{"s:", &c.s},
-                                {" f:", &c.f},
-                                {" d:", &c.d},
-                                {" o:", &c.o},
-                                {" sz:", &c.sDamping}}) {
-    out << name;
+  const char* names[] = {"s:", " f:", " d:", " o:", " sz:"};
+  int k = 0;
+  for (const auto* v : {&c.s, &c.f, &c.d, &c.o, &c.sDamping}) {
+    out << names[k++];
     for (std::size_t i = 0; i < v->size(); ++i) out << (i ? "," : "") << (*v)[i];
   }
   return out.str();
@@ -312,11 +295,10 @@ TEST(EstimatorDeterminism, SameBitsWhateverTheThreadCount) {
     add(reinterpret_cast<const double*>(r.frfNum.data()), 2 * r.frfNum.size());
     return out;
   };
-  std::vector<std::uint64_t> single;
-  {
+  const std::vector<std::uint64_t> single = [&] {
     const tbb::global_control one(tbb::global_control::max_allowed_parallelism, 1);
-    single = bits();
-  }
+    return bits();
+  }();
   EXPECT_GT(single.size(), 4000u);  // the model and the chart are there
   for (int repeat = 0; repeat < 2; ++repeat) EXPECT_TRUE(bits() == single) << repeat;
 }

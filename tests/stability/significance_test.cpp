@@ -44,26 +44,18 @@ bool ExactlyTheModes(const SelectedPoles& got, const std::vector<double>& hz) {
   return true;
 }
 
-SelectedPoles Select(const RealVector& omega, const ComplexMatrix& h, const SelectionSettings& s,
-                     SelectedPoles* exact = nullptr) {
-  const EstimationResult e = Estimate(omega, ComplexVector(), h, {s.minOrder, s.maxOrder},
-                                      s.frequencyTolerance, s.dampingTolerance, false, false);
-  if (exact != nullptr) {
-    *exact = SelectStablePoles(e.poleFrequencyByOrder, e.poleDampingByOrder, s.selectionTolerance,
-                               s.minStableCount);
-  }
-  return SelectModes(e, omega, h, s);
-}
-
 // The defaults pick the three true modes and nothing else in at least nine of
 // ten noise seeds at 1 % noise, where the exact rule alone picks spurious ones.
 TEST(Significance, DefaultsFindThreeModesAcrossNoiseSeeds) {
-  const SelectionSettings defaults;
+  const SelectionSettings d;
   int exactRight = 0, right = 0;
   for (unsigned seed = 1; seed <= 10; ++seed) {
     const System s = ThreeModes(0.01, seed);
-    SelectedPoles exact;
-    const SelectedPoles got = Select(s.omega, s.h, defaults, &exact);
+    const EstimationResult e = Estimate(s.omega, ComplexVector(), s.h, {d.minOrder, d.maxOrder},
+                                        d.frequencyTolerance, d.dampingTolerance, false, false);
+    const SelectedPoles exact = SelectStablePoles(e.poleFrequencyByOrder, e.poleDampingByOrder,
+                                                  d.selectionTolerance, d.minStableCount);
+    const SelectedPoles got = SelectModes(e, s.omega, s.h, d);
     right += ExactlyTheModes(got, s.hz);
     exactRight += ExactlyTheModes(exact, s.hz);
     if (ExactlyTheModes(got, s.hz)) {
