@@ -9,14 +9,12 @@
 #include <atomic>
 #include <cmath>
 #include <complex>
-#include <condition_variable>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <optional>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "frfcam/frfcam.h"
@@ -64,26 +62,9 @@ Capture Make(const ScratchDir& dir, std::uint16_t w, std::uint16_t h, std::int32
   return c;
 }
 
-// The whole cube, [bin][pixel], read straight from its files by the
-// documented layout.
-std::vector<std::complex<float>> ReadCube(const Capture& c) {
-  const std::size_t pixels = c.series.size();
-  const std::uint32_t bins = static_cast<std::uint32_t>(c.desc.frames / 2 + 1);
-  const std::uint64_t per_file = 2147483648ull / (pixels * 8);
-  std::vector<std::complex<float>> cube(bins * pixels, {NAN, NAN});
-  for (std::uint32_t first = 0; first < bins; first += per_file) {
-    std::ifstream in(
-        DataFilePath(c.header, DataFile::kCube, static_cast<unsigned>(first / per_file + 1)),
-        std::ios::binary);
-    const std::uint64_t n = std::min<std::uint64_t>(per_file, bins - first) * pixels;
-    in.read(reinterpret_cast<char*>(cube.data() + first * pixels),
-            static_cast<std::streamsize>(n * 8));
-  }
-  return cube;
-}
-
 // Every value of the first `pixels` pixels (all by default) against a
-// double-precision DFT of what the capture stores.
+// double-precision DFT of what the capture stores, read straight from the
+// cube file, [bin][pixel] (every test cube fits in one file).
 void ExpectCubeMatchesDft(const Capture& c, std::size_t pixels = SIZE_MAX) {
   const std::size_t frames = static_cast<std::size_t>(c.desc.frames);
   const std::uint32_t bins = static_cast<std::uint32_t>(frames / 2 + 1);
@@ -91,7 +72,9 @@ void ExpectCubeMatchesDft(const Capture& c, std::size_t pixels = SIZE_MAX) {
   for (std::size_t t = 0; t < frames; ++t) {
     twiddle[t] = std::polar(1.0, -2.0 * M_PI * static_cast<double>(t) / frames);
   }
-  const std::vector<std::complex<float>> cube = ReadCube(c);
+  std::vector<std::complex<float>> cube(bins * c.series.size(), {NAN, NAN});
+  std::ifstream(DataFilePath(c.header, DataFile::kCube, 1), std::ios::binary)
+      .read(reinterpret_cast<char*>(cube.data()), static_cast<std::streamsize>(cube.size() * 8));
   pixels = std::min(pixels, c.series.size());
   for (std::size_t p = 0; p < pixels; ++p) {
     for (std::uint32_t b = 0; b < bins; ++b) {
@@ -104,9 +87,10 @@ void ExpectCubeMatchesDft(const Capture& c, std::size_t pixels = SIZE_MAX) {
       ASSERT_NEAR(got.imag(), want.imag(), 2e-3) << "pixel " << p << " bin " << b;
     }
   }
-  // Exactly the planes of the cube, nothing more.
+  // Exactly the planes of the cube, nothing more, and recorded complete.
   if (pixels == c.series.size()) {
     EXPECT_EQ(fs::file_size(DataFilePath(c.header, DataFile::kCube, 1)), bins * pixels * 8);
+    EXPECT_TRUE(CubeIsComplete(c.header));
   }
 }
 
@@ -122,8 +106,15 @@ void Record(int percent) {
   g_on_caller = g_on_caller && std::this_thread::get_id() == g_caller;
 }
 
+// Cancels once the render reports `g_cancel_percent` or more.
+FrfMapCalcs* g_cancel_target = nullptr;
+int g_cancel_percent = 100;
+void CancelAtPercent(int percent) {
+  if (percent >= g_cancel_percent) CancelRenderCube(g_cancel_target);
+}
+
 int OpenAndRender(const std::string& header, ProgressCallback progress = Record) {
-  FrfMapCalcs* calcs = CreateFrfMapCalcs("render");
+  FrfMapCalcs* calcs = g_cancel_target = CreateFrfMapCalcs("render");
   int result = OpenCube(calcs, header.c_str());
   if (result == 0) result = RenderCube(calcs, progress);
   DeleteFrfMapCalcs(calcs);
@@ -158,75 +149,42 @@ TEST(RenderCube, ValuesAreTheScaledDftForEveryShapeOfCapture) {
   }
 }
 
-TEST(RenderCube, ProgressIsWholePercentagesOnTheCallingThreadEndingAtHundred) {
+// Cancels from another thread while the render waits in its first progress
+// report, so the cancel lands between a block's transform and its write.
+bool g_cancelled = false;
+void CancelFromAnotherThreadOnce(int) {
+  if (std::exchange(g_cancelled, true)) return;
+  std::thread([] { CancelRenderCube(g_cancel_target); }).join();
+}
+
+TEST(RenderCube, CancelFromAnotherThreadLeavesTheBlockUnwrittenAndProgressIsOnTheCaller) {
   ScratchDir dir;
   const Capture c = Make(dir, 64, 48, 20, 1, 8);
+  const std::string cube = DataFilePath(c.header, DataFile::kCube, 1);
+  FrfMapCalcs* calcs = g_cancel_target = CreateFrfMapCalcs("c");
+  ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
+  g_cancelled = false;
+  EXPECT_EQ(RenderCube(calcs, CancelFromAnotherThreadOnce), 1);
+  EXPECT_FALSE(fs::exists(cube));
+  // Usable again after a new opening; a cancel before the render has no effect.
+  ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
+  CancelRenderCube(calcs);
   g_progress.clear();
   g_caller = std::this_thread::get_id();
   g_on_caller = true;
-  FrfMapCalcs* calcs = CreateFrfMapCalcs("p");
-  ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
-  CancelRenderCube(calcs);  // before the render: no effect
   EXPECT_EQ(RenderCube(calcs, Record), 0);
+  // Whole, rising percentages on the calling thread, ending at 100.
   ASSERT_FALSE(g_progress.empty());
   EXPECT_EQ(g_progress.back(), 100);
   EXPECT_GT(g_progress.front(), 0);
   for (std::size_t i = 1; i < g_progress.size(); ++i) EXPECT_LT(g_progress[i - 1], g_progress[i]);
   EXPECT_TRUE(g_on_caller);
-  // The opening is spent: a second render is refused and touches nothing.
-  fs::remove(DataFilePath(c.header, DataFile::kCube, 1));
-  EXPECT_EQ(RenderCube(calcs, nullptr), 2);
-  EXPECT_FALSE(fs::exists(DataFilePath(c.header, DataFile::kCube, 1)));
-  DeleteFrfMapCalcs(calcs);
-}
-
-// Cancels from another thread while the render waits in its first progress
-// report, so the cancel lands between a block's transform and its write.
-struct Canceller {
-  FrfMapCalcs* calcs = nullptr;
-  std::mutex m;
-  std::condition_variable cv;
-  bool asked = false, done = false;
-};
-Canceller* g_canceller = nullptr;
-void CancelOnFirstReport(int) {
-  Canceller& c = *g_canceller;
-  std::unique_lock<std::mutex> lock(c.m);
-  if (c.asked) return;
-  c.asked = true;
-  c.cv.notify_all();
-  c.cv.wait(lock, [&] { return c.done; });
-}
-
-// Renders the opened `calcs` with that cancel; returns RenderCube's result.
-int RenderCancelledOnFirstReport(FrfMapCalcs* calcs) {
-  Canceller canceller;
-  canceller.calcs = calcs;
-  g_canceller = &canceller;
-  std::thread other([&] {
-    std::unique_lock<std::mutex> lock(canceller.m);
-    canceller.cv.wait(lock, [&] { return canceller.asked; });
-    CancelRenderCube(canceller.calcs);
-    canceller.done = true;
-    canceller.cv.notify_all();
-  });
-  const int result = RenderCube(calcs, CancelOnFirstReport);
-  other.join();
-  return result;
-}
-
-TEST(RenderCube, CancelFromAnotherThreadLeavesTheBlockUnwritten) {
-  ScratchDir dir;
-  const Capture c = Make(dir, 32, 16, 24, 1, 10);
-  FrfMapCalcs* calcs = CreateFrfMapCalcs("c");
-  ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
-  EXPECT_EQ(RenderCancelledOnFirstReport(calcs), 1);
-  EXPECT_FALSE(fs::exists(DataFilePath(c.header, DataFile::kCube, 1)));
-  // The object is usable again after a new opening.
-  ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
-  EXPECT_EQ(RenderCube(calcs, nullptr), 0);
-  DeleteFrfMapCalcs(calcs);
   ExpectCubeMatchesDft(c);
+  // The opening is spent: a second render is refused and touches nothing.
+  fs::remove(cube);
+  EXPECT_EQ(RenderCube(calcs, nullptr), 2);
+  EXPECT_FALSE(fs::exists(cube));
+  DeleteFrfMapCalcs(calcs);
 }
 
 // Renders with the given budget of cached cube bytes (0: direct writes for
@@ -245,11 +203,6 @@ struct RenderSettings {
     platform::WriteQueue::DeferWrites(false);
     platform::WriteQueue::InjectFault(platform::WriteQueue::Fault::kNone, 0);
   }
-};
-
-// Direct writes in blocks of 1024 pixels at 21 bins.
-struct DirectWrites : RenderSettings {
-  DirectWrites() : RenderSettings(0, 200 << 10) {}
 };
 
 // Whether the scratch folder takes direct writes (not a RAM disk) and the OS
@@ -276,8 +229,8 @@ TEST(RenderCube, TheFileSizeLimitGivesThreeNotASignal) {
   // In a child process limited to small files, with SIGXFSZ as the shell
   // leaves it (by default it kills the process).
   if (const char* header = std::getenv("FRFCAM_WRITE_LIMIT_CHILD")) {
-    std::optional<DirectWrites> direct;
-    if (std::getenv("FRFCAM_DIRECT_CHILD") != nullptr) direct.emplace();
+    std::optional<RenderSettings> direct;  // blocks of 1024 pixels at 21 bins
+    if (std::getenv("FRFCAM_DIRECT_CHILD") != nullptr) direct.emplace(0, 200 << 10);
     const bool midway = std::getenv("FRFCAM_LIMIT_MIDWAY_CHILD") != nullptr;
     std::_Exit(OpenAndRender(header, midway ? LowerFileSizeLimitOnce : nullptr));
   }
@@ -339,15 +292,7 @@ TEST(RenderCube, DirectWritesWhereRunsAreWholePagesGiveTheSameCube) {
     ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
     EXPECT_EQ(platform::WriteQueue::TakenWrites() - taken, k.direct ? kManyBlocksWrites : 0);
     ExpectCubeMatchesDft(c);
-    EXPECT_TRUE(CubeIsComplete(c.header));
   }
-}
-
-// Cancels once the render reports `g_cancel_percent` or more.
-FrfMapCalcs* g_cancel_target = nullptr;
-int g_cancel_percent = 100;
-void CancelAtPercent(int percent) {
-  if (percent >= g_cancel_percent) CancelRenderCube(g_cancel_target);
 }
 
 TEST(RenderCube, ADirectWriteThatFailsOrACancelLeavesOnlyWholeEarlierBlocksRecorded) {
@@ -373,14 +318,9 @@ TEST(RenderCube, ADirectWriteThatFailsOrACancelLeavesOnlyWholeEarlierBlocksRecor
     ScratchDir one;
     const Capture c = Make(one, 200, 64, 24, 1, 24);
     RenderSettings direct(0, BlockOfPages(2), true);
-    FrfMapCalcs* calcs = CreateFrfMapCalcs("fault");
-    ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
-    g_cancel_target = calcs;
     g_cancel_percent = k.fault == Fault::kNone ? 50 : 101;
     platform::WriteQueue::InjectFault(k.fault, k.write);
-    EXPECT_EQ(RenderCube(calcs, CancelAtPercent), k.result);
-    DeleteFrfMapCalcs(calcs);
-    EXPECT_FALSE(CubeIsComplete(c.header));
+    EXPECT_EQ(OpenAndRender(c.header, CancelAtPercent), k.result);
     CubeRecord record;
     ASSERT_EQ(ReadCubeRecord(c.header, &record), RecordState::kValid);
     EXPECT_FALSE(record.complete);
@@ -389,15 +329,31 @@ TEST(RenderCube, ADirectWriteThatFailsOrACancelLeavesOnlyWholeEarlierBlocksRecor
   }
 }
 
+std::vector<unsigned char> MapOf(FrfMapCalcs* calcs, int bin, int* result, unsigned char fill = 7) {
+  unsigned w = 0, h = 0;
+  GetCubeDims(calcs, &w, &h, nullptr);
+  std::vector<unsigned char> map(std::max(1u, w * h), fill);
+  *result = ReadFRFMap(calcs, bin, 1.0f, map.data());
+  return map;
+}
+
+// Renders `c` and opens a reader on it that reads plane `bin` whole into `map`.
+FrfMapCalcs* RenderedReader(const Capture& c, int bin, std::vector<unsigned char>* map = nullptr) {
+  EXPECT_EQ(OpenAndRender(c.header, nullptr), 0);
+  FrfMapCalcs* reader = CreateFrfMapCalcs("reader");
+  EXPECT_EQ(OpenCube(reader, c.header.c_str()), 0);
+  int r = -1;
+  const std::vector<unsigned char> got = MapOf(reader, bin, &r);
+  EXPECT_EQ(r, 0);
+  if (map != nullptr) *map = got;
+  return reader;
+}
+
 TEST(RenderCube, AReaderOfAReplacedCubeGetsAShortReadNotAStaleOrMixedMap) {
   FRFCAM_SKIP_ON_WINDOWS(FRFCAM_WHY_REPLACED_CUBE);
   ScratchDir dir, other;
   const Capture big = Make(dir, 16, 8, 40, 1, 50);
-  ASSERT_EQ(OpenAndRender(big.header), 0);
-  FrfMapCalcs* reader = CreateFrfMapCalcs("reader");
-  ASSERT_EQ(OpenCube(reader, big.header.c_str()), 0);
-  std::vector<unsigned char> before(16 * 8), after(16 * 8, 1);
-  ASSERT_EQ(ReadFRFMap(reader, 15, 1.0f, before.data()), 0);
+  FrfMapCalcs* reader = RenderedReader(big, 15);
 
   // The same capture name, now with 10 frames: its cube is much shorter.
   const Capture small = Make(other, 16, 8, 10, 1, 50);
@@ -409,26 +365,27 @@ TEST(RenderCube, AReaderOfAReplacedCubeGetsAShortReadNotAStaleOrMixedMap) {
   ASSERT_LT(fs::file_size(data / "cap_0001.fft"), 15u * 16 * 8 * 8);
 
   // The cube this object opened is gone: nothing of it reads.
-  EXPECT_EQ(ReadFRFMap(reader, 15, 1.0f, after.data()), 0);
-  EXPECT_EQ(after, std::vector<unsigned char>(16 * 8, 1));
-  EXPECT_EQ(ReadFRFMap(reader, 2, 1.0f, after.data()), 0);
-  EXPECT_EQ(after, std::vector<unsigned char>(16 * 8, 1));
-
+  int r = -1;
+  for (const int bin : {15, 2}) {
+    EXPECT_EQ(MapOf(reader, bin, &r, 1), std::vector<unsigned char>(16 * 8, 1)) << bin;
+    EXPECT_EQ(r, 0);
+  }
   DeleteFrfMapCalcs(reader);
 }
 
-TEST(OpenCube, RefusesCapturesItCannotRender) {
+TEST(OpenCube, RefusesCapturesItCannotRenderAndForgetsTheLastOpening) {
   ScratchDir dir;
+  const Capture c = Make(dir, 6, 4, 10, 1, 5);
+  ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
   const std::string h = dir.file("h.hdr");
   FrfMapCalcs* calcs = CreateFrfMapCalcs("bad");
-  unsigned w = 9, hh = 9, bins = 9;
-  EXPECT_EQ(OpenCube(calcs, dir.file("missing.hdr").c_str()), 2);
   const struct {
     std::uint16_t w, h;
     std::int32_t frames;
     std::uint32_t per_file;
     std::size_t size;
   } bad[] = {
+      {0, 0, 0, 0, 0},               // no header at all
       {0, 10, 10, 5, 2998},          // no width
       {10, 10, 0, 5, 2998},          // no frames
       {10, 10, -4, 5, 2998},         // negative frame count
@@ -436,11 +393,28 @@ TEST(OpenCube, RefusesCapturesItCannotRender) {
       {20000, 20000, 10, 5, 2998},   // a plane over 2 GiB
       {16384, 16384, 300, 5, 2998},  // one plane per file, 151 files
       {10, 10, 10, 5, 177},          // a header too short to hold W and H
+      {1, 1, INT32_MAX, 5, 2998},    // more memory than there is
   };
   for (const auto& k : bad) {
-    WriteHeader(h, k.w, k.h, k.frames, k.per_file, k.size);
-    EXPECT_EQ(OpenCube(calcs, h.c_str()), 2) << k.w << "x" << k.h << " F=" << k.frames;
-    EXPECT_EQ(RenderCube(calcs, nullptr), 2);
+    SCOPED_TRACE(testing::Message() << k.w << "x" << k.h << " F=" << k.frames);
+    // After a good opening of a rendered cube, so that a leftover would read.
+    ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
+    const std::string path = k.size == 0 ? dir.file("missing.hdr") : h;
+    if (k.size != 0) WriteHeader(h, k.w, k.h, k.frames, k.per_file, k.size);
+    const int open = OpenCube(calcs, path.c_str());
+    if (k.frames == INT32_MAX) {
+      EXPECT_TRUE(open == FRFCAM_OPEN_NO_MEMORY || open == FRFCAM_OPEN_NO_TRANSFORM) << open;
+    } else {
+      EXPECT_EQ(open, FRFCAM_OPEN_BAD_CAPTURE);
+    }
+    unsigned w = 9, hh = 9, bins = 9;
+    EXPECT_EQ(GetCubeDims(calcs, &w, &hh, &bins), 0u);
+    EXPECT_EQ(w + hh + bins, 0u);
+    unsigned char map[24];
+    std::fill(std::begin(map), std::end(map), 5);
+    EXPECT_EQ(ReadFRFMap(calcs, 1, 1.0f, map), 0);
+    EXPECT_EQ(map[0], 5);
+    EXPECT_EQ(RenderCube(calcs, nullptr), FRFCAM_RENDER_NO_MEMORY);
   }
   EXPECT_EQ(OpenCube(calcs, nullptr), 2);
   EXPECT_EQ(OpenCube(nullptr, h.c_str()), 2);
@@ -448,7 +422,8 @@ TEST(OpenCube, RefusesCapturesItCannotRender) {
   // 127 files of one plane each is the most that is addressable.
   WriteHeader(h, 16384, 16384, 252, 5);
   EXPECT_EQ(OpenCube(calcs, h.c_str()), 0);
-  EXPECT_EQ(GetCubeDims(calcs, &w, &hh, &bins), 127u);
+  unsigned w = 9;
+  EXPECT_EQ(GetCubeDims(calcs, &w, nullptr, nullptr), 127u);
   EXPECT_EQ(w, 16384u);
   DeleteFrfMapCalcs(calcs);
 }
@@ -465,14 +440,6 @@ bool InChild() {
                        " --gtest_filter=" + t->test_suite_name() + "." + t->name());
   EXPECT_EQ(r.status, 0) << "the child hung, died or failed:\n" << r.out << r.err;
   return false;
-}
-
-std::vector<unsigned char> MapOf(FrfMapCalcs* calcs, int bin, int* result, unsigned char fill = 7) {
-  unsigned w = 0, h = 0;
-  GetCubeDims(calcs, &w, &h, nullptr);
-  std::vector<unsigned char> map(std::max(1u, w * h), fill);
-  *result = ReadFRFMap(calcs, bin, 1.0f, map.data());
-  return map;
 }
 
 TEST(RenderCube, UnreadableFramesAreZeroAndEveryOtherFrameIsRendered) {
@@ -494,35 +461,7 @@ TEST(RenderCube, UnreadableFramesAreZeroAndEveryOtherFrameIsRendered) {
     }
     ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
     ExpectCubeMatchesDft(c);
-    EXPECT_TRUE(CubeIsComplete(c.header));
   }
-}
-
-TEST(OpenCube, AFailedOpenLeavesTheObjectUnopened) {
-  ScratchDir dir;
-  const Capture c = Make(dir, 6, 4, 10, 1, 5);
-  ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
-  FrfMapCalcs* calcs = CreateFrfMapCalcs("f");
-  ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
-  int r = -1;
-  MapOf(calcs, 1, &r);
-  ASSERT_EQ(r, 0);
-
-  // A 1 x 1 capture whose frame count asks for more memory than there is:
-  // refused at once, and nothing of the earlier opening is left.
-  const std::string huge = dir.file("huge.hdr");
-  WriteHeader(huge, 1, 1, INT32_MAX, 5);
-  const int open = OpenCube(calcs, huge.c_str());
-  EXPECT_TRUE(open == FRFCAM_OPEN_NO_MEMORY || open == FRFCAM_OPEN_NO_TRANSFORM) << open;
-  unsigned w = 9, h = 9, bins = 9;
-  EXPECT_EQ(GetCubeDims(calcs, &w, &h, &bins), 0u);
-  EXPECT_EQ(w + h + bins, 0u);
-  unsigned char map[24];
-  std::memset(map, 5, sizeof map);
-  EXPECT_EQ(ReadFRFMap(calcs, 0, 1.0f, map), 0);
-  EXPECT_EQ(map[0], 5);
-  EXPECT_EQ(RenderCube(calcs, nullptr), FRFCAM_RENDER_NO_MEMORY);
-  DeleteFrfMapCalcs(calcs);
 }
 
 TEST(CubeRecord, OnlyAFinishedRenderReadsComplete) {
@@ -531,23 +470,17 @@ TEST(CubeRecord, OnlyAFinishedRenderReadsComplete) {
   const Capture c = Make(dir, 8, 6, 12, 1, 12);
   const std::string record = (fs::path(c.header).replace_extension() / "cap.fft").string();
   EXPECT_FALSE(CubeIsComplete(c.header));
-  ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
+  std::vector<unsigned char> full;
+  FrfMapCalcs* reader = RenderedReader(c, 3, &full);
   EXPECT_TRUE(CubeIsComplete(c.header));
-  FrfMapCalcs* reader = CreateFrfMapCalcs("r");
-  ASSERT_EQ(OpenCube(reader, c.header.c_str()), 0);
-  int r = -1;
-  const std::vector<unsigned char> full = MapOf(reader, 3, &r);
-  ASSERT_EQ(r, 0);
 
   // Cancelled at 100 (every block transformed, the last one not yet
   // written): only the rows before it are complete.
-  g_cancel_target = CreateFrfMapCalcs("c");
   g_cancel_percent = 100;
-  ASSERT_EQ(OpenCube(g_cancel_target, c.header.c_str()), 0);
-  ASSERT_EQ(RenderCube(g_cancel_target, CancelAtPercent), FRFCAM_RENDER_CANCELLED);
-  DeleteFrfMapCalcs(g_cancel_target);
+  ASSERT_EQ(OpenAndRender(c.header, CancelAtPercent), FRFCAM_RENDER_CANCELLED);
   EXPECT_FALSE(CubeIsComplete(c.header));
   // The reader's object, not opened again, sees the new record too.
+  int r = -1;
   const std::vector<unsigned char> part = MapOf(reader, 3, &r);
   EXPECT_EQ(part, std::vector<unsigned char>(48, 7));
   EXPECT_GT(r, 0);
@@ -571,19 +504,15 @@ TEST(CubeRecord, ReadersOfACubeBeingRenderedSeeWholeMapsOrShortReads) {
   FRFCAM_SKIP_ON_WINDOWS(FRFCAM_WHY_REPLACED_CUBE);
   ScratchDir dir;
   const Capture c = Make(dir, 64, 32, 40, 1, 40);
-  ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
-  FrfMapCalcs* reader = CreateFrfMapCalcs("r");
-  ASSERT_EQ(OpenCube(reader, c.header.c_str()), 0);
-  int r = -1;
-  const std::vector<unsigned char> want = MapOf(reader, 9, &r);
-  ASSERT_EQ(r, 0);
+  std::vector<unsigned char> want;
+  FrfMapCalcs* reader = RenderedReader(c, 9, &want);
 
   std::atomic<bool> rendering{true};
   std::thread renders([&] {
     for (int i = 0; i < 6; ++i) EXPECT_EQ(OpenAndRender(c.header, nullptr), 0);
     rendering = false;
   });
-  int whole = 0, wrong = 0;
+  int whole = 0, wrong = 0, r = -1;
   for (int i = 0; rendering; ++i) {
     // Every other read reuses the object's handles of the last one.
     if (i % 2 == 0) {
@@ -614,13 +543,8 @@ TEST(HostileFiles, FifosAreRefusedAndNeverWaitedFor) {
   // A FIFO where a cube file will be written is replaced.
   fs::create_directories(data);
   fifo(data / "cap_0001.fft");
-  ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
-
-  FrfMapCalcs* calcs = CreateFrfMapCalcs("fifo");
-  ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
+  FrfMapCalcs* calcs = RenderedReader(c, 2);
   int r = -1;
-  MapOf(calcs, 2, &r);
-  EXPECT_EQ(r, 0);
   // In place of the record, then of the cube file: nothing reads.
   fifo(data / "cap.fft");
   EXPECT_FALSE(CubeIsComplete(c.header));
@@ -669,12 +593,8 @@ TEST(HostileFiles, ACubeFileCutShortBetweenReadsIsAShortRead) {
   ScratchDir dir;
   // Large enough for the plane to be read in several pieces.
   const Capture c = Make(dir, 128, 128, 40, 1, 50);
-  ASSERT_EQ(OpenAndRender(c.header, nullptr), 0);
-  FrfMapCalcs* calcs = CreateFrfMapCalcs("cut");
-  ASSERT_EQ(OpenCube(calcs, c.header.c_str()), 0);
+  FrfMapCalcs* calcs = RenderedReader(c, 15);
   int r = -1;
-  MapOf(calcs, 15, &r);
-  ASSERT_EQ(r, 0);
   const std::uint64_t plane = 128 * 128 * 8;
   fs::resize_file(fs::path(c.header).replace_extension() / "cap_0001.fft",
                   15 * plane + plane / 2 + 100);

@@ -70,8 +70,7 @@ TEST(File, OpensRegularFilesOnlyAndNeverBlocks) {
   File f;
   ASSERT_TRUE(f.Open(link, File::Mode::kRead));  // a link to a regular file is followed
   std::uint64_t size = 0;
-  ASSERT_TRUE(f.Size(&size));
-  EXPECT_EQ(size, 100u);
+  EXPECT_TRUE(f.Size(&size) && size == 100u) << size;
 }
 
 TEST(File, TheFileSizeLimitGivesAShortWriteNotASignal) {
@@ -105,16 +104,13 @@ TEST(File, TheFileSizeLimitGivesAShortWriteNotASignal) {
 
 // A file of 1 MiB allocated ahead and switched to direct writes, a queue of
 // depth 4 and eight aligned runs of 64 KiB, each of its own bytes.
+constexpr std::size_t kRun = 64 << 10;
+constexpr std::uint64_t kFileBytes = 1 << 20;
 struct DirectSetup {
-  static constexpr std::size_t kRun = 64 << 10;
-  static constexpr std::uint64_t kFileBytes = 1 << 20;
-  struct Free {
-    void operator()(char* p) const { std::free(p); }
-  };
   File out;
   WriteQueue queue;
-  std::unique_ptr<char, Free> memory{
-      static_cast<char*>(std::aligned_alloc(kDirectWriteAlignment, 8 * kRun))};
+  std::unique_ptr<char, decltype(&std::free)> memory{
+      static_cast<char*>(std::aligned_alloc(kDirectWriteAlignment, 8 * kRun)), &std::free};
 
   // False where the file system or a sandbox offers no direct writes.
   bool Start(const std::string& path) {
@@ -128,7 +124,7 @@ struct DirectSetup {
 
 std::vector<char> ReadAll(const std::string& path) {
   File in;
-  std::vector<char> back(DirectSetup::kFileBytes);
+  std::vector<char> back(kFileBytes);
   EXPECT_TRUE(in.Open(path, File::Mode::kRead));
   EXPECT_EQ(in.ReadAt(0, back.data(), back.size()), back.size());
   return back;
@@ -139,7 +135,6 @@ TEST(WriteQueue, QueuedWritesLandWholeAndOnlyAlignedWritesInsideTheFileAreTaken)
   const std::string path = dir.file("direct.bin");
   DirectSetup d;
   if (!d.Start(path)) GTEST_SKIP() << "no direct writes on this file system";
-  constexpr std::size_t kRun = DirectSetup::kRun;
   const std::uint64_t taken = WriteQueue::TakenWrites();
   // Eight runs, two tags, more than the depth: Submit waits for room.
   for (unsigned r = 0; r < 8; ++r) {
@@ -163,8 +158,7 @@ TEST(WriteQueue, QueuedWritesLandWholeAndOnlyAlignedWritesInsideTheFileAreTaken)
     EXPECT_EQ(std::memcmp(back.data() + (7 - r) * kRun, d.run(r), kRun), 0) << r;
   }
   std::uint64_t size = 0;
-  ASSERT_TRUE(d.out.Size(&size));
-  EXPECT_EQ(size, DirectSetup::kFileBytes);
+  EXPECT_TRUE(d.out.Size(&size) && size == kFileBytes) << size;
 }
 
 TEST(WriteQueue, AShortOrFailedWriteFailsItsTagOnceAndNoOther) {
@@ -172,7 +166,6 @@ TEST(WriteQueue, AShortOrFailedWriteFailsItsTagOnceAndNoOther) {
   const std::string path = dir.file("direct.bin");
   DirectSetup d;
   if (!d.Start(path)) GTEST_SKIP() << "no direct writes on this file system";
-  constexpr std::size_t kRun = DirectSetup::kRun;
   // Write 6 of 8 (tag 1, with writes of every tag in flight around it) ends
   // a page short; then the first write of tag 2 fails.
   WriteQueue::InjectFault(WriteQueue::Fault::kShort, 6);
@@ -207,7 +200,6 @@ TEST(WriteQueue, WritesPastAFileSizeLimitLoweredMidwayAreRefusedNotSignalled) {
   const int status = InChild([&] {
     DirectSetup d;
     if (!d.Start(path)) return 10;
-    constexpr std::size_t kRun = DirectSetup::kRun;
     // The file is allocated already; the host lowers the limit below its end.
     struct rlimit limit = {4 * kRun, RLIM_INFINITY};
     if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) return 11;
