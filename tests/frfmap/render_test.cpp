@@ -20,6 +20,7 @@
 #include "frfcam/frfcam.h"
 #include "frfmap/capture_fixture.h"
 #include "frfmap/capture_writer.h"
+#include "frfmap/cube_check.h"
 #include "frfmap/cube_files.h"
 #include "frfmap/cube_record.h"
 #include "frfmap/naming.h"
