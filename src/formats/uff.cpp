@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "formats/output_file.h"
+#include "formats/uff_text.h"
 #include "platform/platform.h"
 
 namespace frfcam::formats {
@@ -60,45 +61,6 @@ bool ParseInt(std::string_view field, long long* value) {
   char* end = nullptr;
   *value = std::strtoll(text.c_str(), &end, 10);
   return end == text.c_str() + text.size();
-}
-
-// The length of the UTF-8 sequence at s[i], or 0 when it is not one that a
-// strict decoder takes (no overlong forms, surrogates or code points past
-// U+10FFFF).
-std::size_t Utf8SequenceLength(std::string_view s, std::size_t i) {
-  const auto byte = [&](std::size_t k) { return static_cast<unsigned char>(s[k]); };
-  const unsigned char c = byte(i);
-  if (c < 0x80) return 1;
-  std::size_t n = 0;
-  unsigned char lo = 0x80, hi = 0xbf;  // allowed range of the second byte
-  if (c >= 0xc2 && c <= 0xdf) {
-    n = 2;
-  } else if (c >= 0xe0 && c <= 0xef) {
-    n = 3;
-    if (c == 0xe0) lo = 0xa0;
-    if (c == 0xed) hi = 0x9f;
-  } else if (c >= 0xf0 && c <= 0xf4) {
-    n = 4;
-    if (c == 0xf0) lo = 0x90;
-    if (c == 0xf4) hi = 0x8f;
-  } else {
-    return 0;
-  }
-  if (i + n > s.size()) return 0;
-  if (byte(i + 1) < lo || byte(i + 1) > hi) return 0;
-  for (std::size_t k = 2; k < n; ++k) {
-    if (byte(i + k) < 0x80 || byte(i + k) > 0xbf) return 0;
-  }
-  return n;
-}
-
-bool IsUtf8(std::string_view s) {
-  for (std::size_t i = 0; i < s.size();) {
-    const std::size_t n = Utf8SequenceLength(s, i);
-    if (n == 0) return false;
-    i += n;
-  }
-  return true;
 }
 
 // A piece of the file quoted in a message: UTF-8, and short.
@@ -434,65 +396,17 @@ Uff58 ParseDataset58(Reader& r, const BinaryHeader& b) {
 
 // ---- Writing ------------------------------------------------------------------
 
-// Text as one byte per character (see uff.h): Latin-1 where UTF-8 text
-// allows, the bytes themselves where it is not UTF-8.
-std::string ToLatin1(const std::string& text) {
-  if (!IsUtf8(text)) return text;
-  std::string out;
-  for (std::size_t i = 0; i < text.size();) {
-    const std::size_t n = Utf8SequenceLength(text, i);
-    const auto c0 = static_cast<unsigned char>(text[i]);
-    if (n == 1) {
-      out.push_back(text[i]);
-    } else if (n == 2 && c0 <= 0xc3) {  // U+0080..U+00FF
-      const auto c1 = static_cast<unsigned char>(text[i + 1]);
-      out.push_back(static_cast<char>(((c0 & 0x03) << 6) | (c1 & 0x3f)));
-    } else {
-      out.push_back('?');
-    }
-    i += n;
-  }
-  return out;
-}
-
-// Line ends would split a record; they become blanks.
-std::string OneLine(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
-  return text;
-}
-
-std::string Field(const std::string& text, std::size_t width) {
-  std::string s = text.empty() ? "NONE" : OneLine(ToLatin1(text)).substr(0, width);
-  s.resize(width, ' ');
-  return s;
-}
-
-template <class... Args>
-void Append(std::string* out, const char* format, Args... args) {
-  char line[256];
-  const int n = std::snprintf(line, sizeof line, format, args...);
-  out->append(line, static_cast<std::size_t>(std::min<int>(n, sizeof line - 1)));
-}
-
-// Appends one formatted record, which must come out `width` columns wide:
-// a number too long for its field would shift every field after it.
+// Appends one record of dataset 58 (see UffAppendRecord).
 template <class... Args>
 void AppendRecord(std::string* out, std::size_t width, const char* what, const char* format,
                   Args... args) {
-  const std::size_t before = out->size();
-  Append(out, format, args...);
-  if (out->size() - before != width + 1) {
-    out->resize(before);
-    throw std::invalid_argument(std::string("UFF 58: a number of ") + what +
-                                " does not fit its field");
-  }
+  UffAppendRecord(out, width, std::string("UFF 58: a number of ") + what, format, args...);
 }
 
 void AppendAxis(std::string* out, const UffAxis& a) {
   AppendRecord(out, 67, "records 8-11 (axes)", "%10d%5d%5d%5d %s %s\n", a.specificType,
-               a.lengthExponent, a.forceExponent, a.temperatureExponent, Field(a.label, 20).c_str(),
-               Field(a.units, 20).c_str());
+               a.lengthExponent, a.forceExponent, a.temperatureExponent,
+               UffTextField(a.label, 20).c_str(), UffTextField(a.units, 20).c_str());
 }
 
 template <class T>
@@ -550,18 +464,20 @@ void AppendDataset(std::string* out, const Uff58& u, bool binary) {
 
   out->append("    -1\n");
   if (binary) {
-    Append(out, "%6d%c%6d%6d%12d%12zu%6d%6d%12d%12d\n", 58, 'b', 1, 2, 11, binaryBytes, 0, 0, 0, 0);
+    UffAppend(out, "%6d%c%6d%6d%12d%12zu%6d%6d%12d%12d\n", 58, 'b', 1, 2, 11, binaryBytes, 0, 0, 0,
+              0);
   } else {
     out->append("    58\n");
   }
   for (const std::string& id : u.idLines) {
-    out->append(id.empty() ? "NONE" : OneLine(ToLatin1(id)).substr(0, 80));
+    out->append(UffIdLine(id));
     out->push_back('\n');
   }
   AppendRecord(out, 80, "record 6 (function type, ids, nodes, directions)",
                "%5d%10d%5d%10d %s%10lld%4d %s%10lld%4d\n", u.functionType, u.functionId, u.version,
-               u.loadCase, Field(u.responseEntity, 10).c_str(), u.responseNode, u.responseDirection,
-               Field(u.referenceEntity, 10).c_str(), u.referenceNode, u.referenceDirection);
+               u.loadCase, UffTextField(u.responseEntity, 10).c_str(), u.responseNode,
+               u.responseDirection, UffTextField(u.referenceEntity, 10).c_str(), u.referenceNode,
+               u.referenceDirection);
   AppendRecord(out, 69, "record 7 (points, abscissa)", "%10d%10zu%10d%13.5E%13.5E%13.5E\n",
                u.ordinateType, n, u.evenAbscissa ? 1 : 0, minimum, increment, u.zValue);
   AppendAxis(out, u.abscissa);
@@ -588,12 +504,12 @@ void AppendDataset(std::string* out, const Uff58& u, bool binary) {
     }
   } else if (!u.doublePrecision()) {
     for (std::size_t i = 0; i < values.size(); ++i) {
-      Append(out, "%13.5E", values[i]);
+      UffAppend(out, "%13.5E", values[i]);
       if (i % 6 == 5 || i + 1 == values.size()) out->push_back('\n');
     }
   } else if (u.evenAbscissa) {
     for (std::size_t i = 0; i < values.size(); ++i) {
-      Append(out, "%20.12E", values[i]);
+      UffAppend(out, "%20.12E", values[i]);
       if (i % 4 == 3 || i + 1 == values.size()) out->push_back('\n');
     }
   } else {
@@ -601,8 +517,8 @@ void AppendDataset(std::string* out, const Uff58& u, bool binary) {
     const std::size_t pointsPerLine = u.complex() ? 1 : 2;
     for (std::size_t k = 0; k < n; ++k) {
       const double* v = &values[k * perPoint];
-      Append(out, "%13.5E%20.12E", v[0], v[1]);
-      if (u.complex()) Append(out, "%20.12E", v[2]);
+      UffAppend(out, "%13.5E%20.12E", v[0], v[1]);
+      if (u.complex()) UffAppend(out, "%20.12E", v[2]);
       if (k % pointsPerLine == pointsPerLine - 1 || k + 1 == n) out->push_back('\n');
     }
   }
@@ -613,7 +529,7 @@ void AppendDataset(std::string* out, const Uff58& u, bool binary) {
 }  // namespace
 
 std::string UffTextToUtf8(std::string_view bytes) {
-  if (IsUtf8(bytes)) return std::string(bytes);
+  if (UffIsUtf8(bytes)) return std::string(bytes);
   std::string out;
   out.reserve(bytes.size() * 2);
   for (const char ch : bytes) {
