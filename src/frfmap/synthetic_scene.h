@@ -10,9 +10,10 @@
 // over the plate's normalised coordinates u, v in (0, 1); noise: Gaussian with
 // the given standard deviation. Background pixels are static texture + noise.
 //
-// The excitation e[t] is a periodic random signal (all frequency lines from
-// the first up to below Nyquist with equal magnitude and random phases,
-// scaled to unit RMS), one period spanning the capture. Each modal
+// The excitation e[t] is a periodic signal of unit RMS, one period spanning
+// the capture: periodic random (all frequency lines from the first up to
+// below Nyquist with equal magnitude and random phases) or a sweep (see
+// scene_signals.h). Each modal
 // coordinate q_k is the steady-state response of the second-order system
 //   H_k(w) = c_k * w_k^2 / (w_k^2 - w^2 + 2 i zeta_k w_k w)
 // to it, so DFT(q_k)[j] = ModalFrf(k, j * fps / frames) * DFT(e)[j] exactly;
@@ -22,6 +23,8 @@
 #include <complex>
 #include <cstdint>
 #include <vector>
+
+#include "frfmap/scene_signals.h"
 
 namespace frfcam::frfmap {
 
@@ -50,7 +53,7 @@ std::vector<PlateMode> CantileverModes(double fps);
 // What vibrates: a plate simply supported on all edges (shapes
 // sin(m pi u) sin(n pi v)), or a strip clamped at its left end and free at
 // its right, bending along its length (the cantilever beam's shape of mode m
-// over u, uniform over v; n is ignored), scaled to 1 at the free end.
+// over u, uniform over v; n is ignored), +-1 at the free end.
 enum class SceneKind { kPlate, kStrip };
 
 struct SceneSpec {
@@ -62,6 +65,7 @@ struct SceneSpec {
   double noise = 6.0;            // camera noise, standard deviation in counts
   std::uint64_t seed = 1;
   SceneKind kind = SceneKind::kPlate;  // kStrip: a narrow horizontal strip
+  Excitation excitation = Excitation::kRandom;
 };
 
 // The plate's pixel rectangle, [x0, x1) x [y0, y1).
