@@ -1,15 +1,18 @@
-// synth: writes a synthetic capture of a vibrating plate; info: describes a
-// capture's header and the data files it implies.
+// synth: writes a synthetic capture of a vibrating plate or of a moving
+// cantilever beam; info: describes a capture's header and the data files it
+// implies.
 #include <algorithm>
 #include <array>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 
 #include "commands.h"
+#include "frfmap/beam_scene.h"
 #include "frfmap/capture_format.h"
 #include "frfmap/capture_header.h"
 #include "frfmap/capture_writer.h"
@@ -28,18 +31,34 @@ namespace format = frfmap::format;
 
 struct SynthOptions {
   std::string header;
-  long long width = 256;
-  long long height = 192;
-  long long frames = 1000;
+  std::string scene = "plate";
+  // Size, length and noise default by scene; 0 or -1 here: not given.
+  long long width = 0;
+  long long height = 0;
+  long long frames = 0;
   double fps = 2000.0;
   int bits = 12;
   long long frames_per_file = 500;
   bool single_file = false;
   long long ring_slots = 0;
   long long first_slot = 0;
-  double noise = 6.0;
+  double noise = -1.0;
+  double motion = 0.0;
+  std::string excitation = "random";
+  bool horizontal = false;
+  bool plain_patch = false;
   std::uint64_t seed = 1;
   bool force = false;
+  // Which of the scene-dependent options the user gave.
+  bool width_given = false, height_given = false, frames_given = false, noise_given = false,
+       motion_given = false;
+};
+
+// What the writer needs of either scene, and what the summary reports.
+struct SceneOutput {
+  std::function<void(std::int32_t, std::uint16_t*)> frame;
+  const std::vector<float>* excitation = nullptr;
+  std::vector<std::string> lines;
 };
 
 std::string ReferencePath(const std::string& header) {
@@ -62,7 +81,21 @@ void CheckRange(const char* name, long long v, long long lo, long long hi) {
   }
 }
 
-void RunSynth(const SynthOptions& o) {
+void RunSynth(SynthOptions o) {
+  const bool beam = o.scene == "beam";
+  if (!beam && o.scene != "plate") {
+    throw CommandError("--scene must be plate or beam, got " + o.scene);
+  }
+  if (!beam && (o.motion_given || o.horizontal || o.plain_patch)) {
+    throw CommandError("--motion, --horizontal and --plain-patch need --scene beam");
+  }
+  // The beam's default view is long along the beam, whichever way it lies.
+  const bool lying = beam && o.horizontal;
+  if (!o.width_given) o.width = lying ? 320 : beam ? 128 : 256;
+  if (!o.height_given) o.height = lying ? 128 : beam ? 320 : 192;
+  if (!o.frames_given) o.frames = beam ? 2000 : 1000;
+  if (!o.noise_given) o.noise = beam ? 0.01 : 6.0;
+  if (!o.motion_given) o.motion = 0.25;
   CheckRange("--width", o.width, 1, 65535);
   CheckRange("--height", o.height, 1, 65535);
   CheckRange("--frames", o.frames, 1, INT32_MAX);
@@ -73,10 +106,25 @@ void RunSynth(const SynthOptions& o) {
     throw CommandError("--fps must be positive, got " + ShortNumber(o.fps));
   }
   if (o.bits != 12 && o.bits != 8) {
-    throw CommandError("--format must be 12 or 8, got " + std::to_string(o.bits));
+    throw CommandError("--format (--bits) must be 12 or 8, got " + std::to_string(o.bits));
   }
-  if (!(o.noise >= 0.0) || !std::isfinite(o.noise)) {
-    throw CommandError("--noise must not be negative");
+  const double max_noise = beam ? 1.0 : 4095.0;
+  if (!(o.noise >= 0.0 && o.noise <= max_noise)) {
+    throw CommandError("--noise must lie in 0.." + ShortNumber(max_noise) + " for the " + o.scene +
+                       ", got " + ShortNumber(o.noise));
+  }
+  if (!(o.motion > 0.0 && o.motion <= 50.0)) {
+    throw CommandError("--motion must lie in (0, 50] px, got " + ShortNumber(o.motion));
+  }
+  if (o.excitation != "random" && o.excitation != "chirp") {
+    throw CommandError("--excitation must be random or chirp, got " + o.excitation);
+  }
+  if (beam) {
+    const long long across = o.horizontal ? o.height : o.width;
+    const long long along = o.horizontal ? o.width : o.height;
+    if (across < 16 || along < 32) {
+      throw CommandError("the beam needs an image of at least 16 px across it and 32 px along it");
+    }
   }
   if (!o.single_file && (o.ring_slots != 0 || o.first_slot != 0)) {
     throw CommandError("--ring-slots and --first-slot need --single-file");
@@ -90,19 +138,66 @@ void RunSynth(const SynthOptions& o) {
     throw CommandError(o.header + " or its data folder exists already; --force replaces it");
   }
 
-  frfmap::SceneSpec scene_spec;
-  scene_spec.width = static_cast<std::uint16_t>(o.width);
-  scene_spec.height = static_cast<std::uint16_t>(o.height);
-  scene_spec.fps = o.fps;
-  scene_spec.frames = static_cast<std::int32_t>(o.frames);
-  scene_spec.noise = o.noise;
-  scene_spec.seed = o.seed;
-  const frfmap::PlateScene scene(scene_spec);
+  const frfmap::Excitation excitation =
+      o.excitation == "chirp" ? frfmap::Excitation::kChirp : frfmap::Excitation::kRandom;
+  std::unique_ptr<frfmap::PlateScene> plate;
+  std::unique_ptr<frfmap::BeamScene> beam_scene;
+  SceneOutput scene;
+  if (beam) {
+    frfmap::BeamSpec spec;
+    spec.width = static_cast<std::uint16_t>(o.width);
+    spec.height = static_cast<std::uint16_t>(o.height);
+    spec.fps = o.fps;
+    spec.frames = static_cast<std::int32_t>(o.frames);
+    spec.horizontal = o.horizontal;
+    spec.motion = o.motion;
+    spec.noise = o.noise;
+    spec.excitation = excitation;
+    spec.plain_patch = o.plain_patch;
+    spec.seed = o.seed;
+    beam_scene = std::make_unique<frfmap::BeamScene>(spec);
+    const frfmap::BeamScene& b = *beam_scene;
+    scene.frame = [&b](std::int32_t f, std::uint16_t* s) { b.Frame(f, s); };
+    scene.excitation = &b.excitation();
+    for (std::size_t k = 0; k < b.spec().modes.size(); ++k) {
+      const frfmap::BeamMode& m = b.spec().modes[k];
+      scene.lines.push_back("mode " + std::to_string(k + 1) + ": " + ShortNumber(m.frequency_hz) +
+                            " Hz, damping " + ShortNumber(m.damping) + ", tip RMS " +
+                            ShortNumber(m.tip_rms_px) + " px");
+    }
+    auto rect = [](const frfmap::BeamRect& r) {
+      return "x " + std::to_string(r.x0) + ".." + std::to_string(r.x1 - 1) + ", y " +
+             std::to_string(r.y0) + ".." + std::to_string(r.y1 - 1);
+    };
+    scene.lines.push_back("beam: " + rect(b.beam()) +
+                          (o.horizontal ? ", clamped at the left, moving in y"
+                                        : ", clamped at the bottom, moving in x"));
+    if (o.plain_patch) scene.lines.push_back("plain patch: " + rect(b.plain_patch()));
+  } else {
+    frfmap::SceneSpec spec;
+    spec.width = static_cast<std::uint16_t>(o.width);
+    spec.height = static_cast<std::uint16_t>(o.height);
+    spec.fps = o.fps;
+    spec.frames = static_cast<std::int32_t>(o.frames);
+    spec.noise = o.noise;
+    spec.excitation = excitation;
+    spec.seed = o.seed;
+    plate = std::make_unique<frfmap::PlateScene>(spec);
+    const frfmap::PlateScene& p = *plate;
+    scene.frame = [&p](std::int32_t f, std::uint16_t* s) { p.Frame(f, s); };
+    scene.excitation = &p.excitation();
+    for (std::size_t k = 0; k < p.modes().size(); ++k) {
+      const frfmap::PlateMode& m = p.modes()[k];
+      scene.lines.push_back("mode " + std::to_string(k + 1) + ": " + ShortNumber(m.frequency_hz) +
+                            " Hz, damping " + ShortNumber(m.damping) + ", shape (" +
+                            std::to_string(m.m) + "," + std::to_string(m.n) + ")");
+    }
+  }
 
   frfmap::CaptureSpec desc;
-  desc.width = scene_spec.width;
-  desc.height = scene_spec.height;
-  desc.frames = scene_spec.frames;
+  desc.width = static_cast<std::uint16_t>(o.width);
+  desc.height = static_cast<std::uint16_t>(o.height);
+  desc.frames = static_cast<std::int32_t>(o.frames);
   desc.fps = o.fps;
   desc.pixel_format = o.bits == 12 ? format::kPixelFormat12BitPacked : format::kPixelFormat8Bit;
   desc.frames_per_file = static_cast<std::uint32_t>(o.frames_per_file);
@@ -111,8 +206,7 @@ void RunSynth(const SynthOptions& o) {
   desc.first_slot = static_cast<std::uint32_t>(o.first_slot);
 
   std::string error;
-  const bool ok = frfmap::WriteCapture(
-      o.header, desc, [&](std::int32_t f, std::uint16_t* s) { scene.Frame(f, s); }, &error);
+  const bool ok = frfmap::WriteCapture(o.header, desc, scene.frame, &error);
   if (!ok) throw CommandError(error);
 
   const std::string reference = ReferencePath(o.header);
@@ -120,7 +214,7 @@ void RunSynth(const SynthOptions& o) {
     std::unique_ptr<std::FILE, int (*)(std::FILE*)> out(platform::OpenFile(reference, "w"),
                                                         &std::fclose);
     if (!out) throw CommandError("cannot create " + reference);
-    for (float v : scene.excitation()) std::fprintf(out.get(), "%.9g\n", v);
+    for (float v : *scene.excitation) std::fprintf(out.get(), "%.9g\n", v);
     if (std::fflush(out.get()) != 0 || std::ferror(out.get())) {
       throw CommandError("cannot write " + reference);
     }
@@ -148,12 +242,8 @@ void RunSynth(const SynthOptions& o) {
           : std::to_string(files) + (files == 1 ? " division file" : " division files");
   std::printf("data: %s (%s, %s)\n", frfmap::DataFolder(o.header).c_str(), layout.c_str(),
               Bytes(data_bytes).c_str());
-  for (std::size_t k = 0; k < scene.modes().size(); ++k) {
-    const frfmap::PlateMode& m = scene.modes()[k];
-    std::printf("mode %zu: %s Hz, damping %s, shape (%d,%d)\n", k + 1,
-                ShortNumber(m.frequency_hz).c_str(), ShortNumber(m.damping).c_str(), m.m, m.n);
-  }
-  std::printf("reference: %s (%zu samples)\n", reference.c_str(), scene.excitation().size());
+  for (const std::string& line : scene.lines) std::printf("%s\n", line.c_str());
+  std::printf("reference: %s (%zu samples)\n", reference.c_str(), scene.excitation->size());
 }
 
 void PrintFile(const std::string& path, std::uint64_t expected) {
@@ -285,18 +375,23 @@ void RegisterCaptureCommands(CLI::App& app) {
   auto synth_options = std::make_shared<SynthOptions>();
   CLI::App* synth = app.add_subcommand(
       "synth",
-      "Write a synthetic capture of a vibrating plate: the header OUT.hdr, its frame data in "
-      "the folder OUT/, and the excitation force as OUT_reference.txt (one value per frame), "
+      "Write a synthetic capture: a vibrating plate whose brightness follows its modes, or a "
+      "speckled cantilever beam that moves sideways. Writes the header OUT.hdr, its frame data "
+      "in the folder OUT/, and the excitation force as OUT_reference.txt (one value per frame), "
       "the reference signal for 'map --reference'.");
   synth->add_option("header", synth_options->header, "Header file to write (e.g. OUT.hdr)")
       ->required();
-  synth->add_option("--width", synth_options->width, "Image width in pixels (1..65535)")
-      ->capture_default_str();
-  synth->add_option("--height", synth_options->height, "Image height in pixels (1..65535)")
-      ->capture_default_str();
-  synth->add_option("--frames", synth_options->frames, "Number of frames")->capture_default_str();
+  synth->add_option("--scene", synth_options->scene, "plate or beam")->capture_default_str();
+  CLI::Option* width = synth->add_option("--width", synth_options->width,
+                                         "Image width in pixels (1..65535; default: plate 256, "
+                                         "beam 128, lying 320)");
+  CLI::Option* height = synth->add_option("--height", synth_options->height,
+                                          "Image height in pixels (1..65535; default: plate 192, "
+                                          "beam 320)");
+  CLI::Option* frames = synth->add_option("--frames", synth_options->frames,
+                                          "Number of frames (default: plate 1000, beam 2000)");
   synth->add_option("--fps", synth_options->fps, "Frame rate in Hz")->capture_default_str();
-  synth->add_option("--format", synth_options->bits, "Bits per pixel: 12 (packed) or 8")
+  synth->add_option("--format,--bits", synth_options->bits, "Bits per pixel: 12 (packed) or 8")
       ->capture_default_str();
   synth->add_option("--frames-per-file", synth_options->frames_per_file, "Frames per division file")
       ->capture_default_str();
@@ -310,12 +405,37 @@ void RegisterCaptureCommands(CLI::App& app) {
       ->add_option("--first-slot", synth_options->first_slot,
                    "With --single-file: slot of the first frame, so the ring wraps")
       ->capture_default_str();
-  synth->add_option("--noise", synth_options->noise, "Camera noise, standard deviation in counts")
+  CLI::Option* noise = synth->add_option(
+      "--noise", synth_options->noise,
+      "Camera noise. Plate: Gaussian, its standard deviation in counts (0..4095, default 6). "
+      "Beam: shot noise, its standard deviation at mid-grey (2048) as a fraction of mid-grey, "
+      "growing with the square root of the brightness (0..1, default 0.01)");
+  CLI::Option* motion = synth->add_option(
+      "--motion", synth_options->motion,
+      "Beam: RMS displacement of the tip in the first mode, px (the other modes keep their "
+      "ratio to it; default 0.25)");
+  synth
+      ->add_option("--excitation", synth_options->excitation,
+                   "Force: random (periodic random) or chirp (one periodic sweep from a few Hz to "
+                   "0.45 of the frame rate)")
       ->capture_default_str();
+  synth->add_flag("--horizontal", synth_options->horizontal,
+                  "Beam: lying along x, clamped at the left and moving in y (default: upright, "
+                  "clamped at the bottom and moving in x)");
+  synth->add_flag("--plain-patch", synth_options->plain_patch,
+                  "Beam: no speckle from 25 % to 40 % of its length from the clamp");
   synth->add_option("--seed", synth_options->seed, "Seed of the texture, force and noise")
       ->capture_default_str();
   synth->add_flag("--force", synth_options->force, "Replace an existing capture of that name");
-  synth->callback([synth_options] { RunSynth(*synth_options); });
+  synth->callback([=] {
+    SynthOptions o = *synth_options;
+    o.width_given = width->count() > 0;
+    o.height_given = height->count() > 0;
+    o.frames_given = frames->count() > 0;
+    o.noise_given = noise->count() > 0;
+    o.motion_given = motion->count() > 0;
+    RunSynth(o);
+  });
 
   auto info_path = std::make_shared<std::string>();
   CLI::App* info = app.add_subcommand(

@@ -189,13 +189,13 @@ void BeamScene::RenderStatic() {
     }
   }
   const double mean = sum / static_cast<double>(count);
-  const double std = std::sqrt(std::max(sum2 / static_cast<double>(count) - mean * mean, 1e-12));
+  const double spread = std::sqrt(std::max(sum2 / static_cast<double>(count) - mean * mean, 1e-12));
   for (int y = beam_.y0; y < along_; ++y) {
     const bool plain = spec_.plain_patch && y >= patch_row0_ && y < patch_row1_;
     for (std::size_t i = 0; i < cols; ++i) {
       const double x = span0_ + (static_cast<double>(i) + 0.5) / kOversample;
       if (x < beam_.x0 || x >= beam_.x1) continue;
-      const double contrast = plain ? 0.0 : kSpeckleStd * (g[y * cols + i] - mean) / std;
+      const double contrast = plain ? 0.0 : kSpeckleStd * (g[y * cols + i] - mean) / spread;
       raw[y * cols + i] = kBeamMean * std::clamp(1.0 + contrast, 0.2, 1.8) - kBackground;
     }
   }

@@ -85,7 +85,7 @@ class BeamScene {
 
   // The force, one value per frame; the reference signal for FRF maps.
   const std::vector<float>& excitation() const { return excitation_; }
-  // The spec with the modes filled in and scaled to `motion`.
+  // The scene as built: the modes filled in and scaled to `motion`.
   const BeamSpec& spec() const { return spec_; }
 
   // Lateral displacement shape of mode k at s in [0, 1] from the clamp:

@@ -54,6 +54,23 @@ TEST(Commands, FromSyntheticCaptureToPngMap) {
   EXPECT_TRUE(fs::exists(dir.path() / "plate" / "plate_0001.div"));
 }
 
+// The beam's own defaults (size and noise) and options reach the capture;
+// --bits is --format by another name.
+TEST(Commands, SynthesisesALyingBeam) {
+  test::ScratchDir dir;
+  const std::string hdr = dir.file("beam.hdr");
+  const test::CommandResult synth = Cli("synth " + hdr +
+                                        " --scene beam --horizontal --plain-patch --bits 8 "
+                                        "--excitation chirp --motion 0.5 --frames 64");
+  ASSERT_EQ(synth.status, 0) << synth.err;
+  for (const char* expected : {"320 x 128 pixels, 64 frames at 2000 fps, 8-bit", "tip RMS 0.5 px",
+                               "clamped at the left", "plain patch: x "}) {
+    EXPECT_NE(synth.out.find(expected), std::string::npos) << expected << "\n" << synth.out;
+  }
+  const std::string reference = test::ReadFile(dir.file("beam_reference.txt"));
+  EXPECT_EQ(std::count(reference.begin(), reference.end(), '\n'), 64);
+}
+
 // Asked for, the usage is output (exit 0); a bare "frfcam" is a mistake that
 // scripts must see (exit 2), with the usage on stderr only.
 TEST(Commands, UsageWhenAskedAndWhenMissing) {
@@ -99,6 +116,9 @@ TEST(Commands, MisuseIsOneLineAndWritesNothing) {
   ExpectOneLineError("synth " + hdr + " --format 10", "--format");
   ExpectOneLineError("synth " + hdr + " --width 0", "--width");
   ExpectOneLineError("synth " + hdr + " --frames 1000 --frames-per-file 1", "files");
+  ExpectOneLineError("synth " + hdr + " --scene beam --noise 2", "--noise must lie in 0..1");
+  ExpectOneLineError("synth " + hdr + " --motion 1", "--scene beam");
+  ExpectOneLineError("synth " + hdr + " --scene beam --excitation sweep", "--excitation");
   EXPECT_FALSE(fs::exists(hdr));
   ExpectOneLineError("info " + hdr, "no such file");
   ExpectOneLineError("render " + hdr, "no such file");
