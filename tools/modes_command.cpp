@@ -13,10 +13,12 @@
 #include "chart_svg.h"
 #include "commands.h"
 #include "cube_render.h"
+#include "displacement_pictures.h"
 #include "formats/npy.h"
 #include "frfmap/capture_header.h"
 #include "frfmap/cube_check.h"
 #include "modes/modes.h"
+#include "modes_uff.h"
 #include "png_writer.h"
 
 namespace frfcam::cli {
@@ -34,7 +36,13 @@ struct ModesCliOptions {
   std::string orders = "2:40";
   int stride = 0;
   int minStable = modes::ModesOptions::DefaultModesSelection().minStableCount;
+  std::string shapes = "auto";
+  double scale = 0.0;  // mm per px; 0: pixels
+  std::string writeUff;
 };
+
+// UFF exports hold the windows of a grid of at most this many.
+constexpr int kUffWindows = 400;
 
 void ParsePair(const std::string& text, const char* option, double* a, double* b) {
   const auto colon = text.find(':');
@@ -127,6 +135,45 @@ void WriteModeFiles(const std::string& dir, int k, const modes::Mode& mode, unsi
   WriteAnimatedGif(base + ".gif", frames, w, h, palette, 4);
 }
 
+// mode_K_disp.npy (2 x H x W complex64: x then y, in px or mm per unit of
+// reference, NaN where unmeasured) and its two pictures.
+void WriteDisplacementFiles(const std::string& dir, int k, const modes::Mode& mode,
+                            const modes::ModesResult& r, double mmPerPx) {
+  const std::string base = dir + "/mode_" + std::to_string(k);
+  const std::size_t pixels = static_cast<std::size_t>(r.width) * r.height;
+  const float unit = mmPerPx > 0.0 ? static_cast<float>(mmPerPx) : 1.0f;
+  std::vector<std::complex<float>> both(2 * pixels);
+  for (std::size_t p = 0; p < pixels; ++p) {
+    both[p] = mode.dispX[p] * unit;
+    both[pixels + p] = mode.dispY[p] * unit;
+  }
+  const formats::NpyStatus s =
+      formats::WriteNpy(base + "_disp.npy", {2, r.height, r.width}, both.data());
+  if (s != formats::NpyStatus::kOk) {
+    throw CommandError(base + "_disp.npy: " + formats::NpyStatusText(s));
+  }
+  std::vector<std::complex<float>> measured;
+  for (const auto& v : both) {
+    if (std::isfinite(v.real())) measured.push_back(v);
+  }
+  DisplacementField field;
+  field.width = r.width;
+  field.height = r.height;
+  field.mean = r.meanImage.data();
+  field.x = both.data();
+  field.y = both.data() + pixels;
+  field.theta = modes::DominantPhase(measured);
+  field.units = mmPerPx > 0.0 ? "mm" : "px";
+  field.unitsPerPx = mmPerPx > 0.0 ? mmPerPx : 1.0;
+  char title[160];
+  std::snprintf(title, sizeof title, "mode %d: %.3f Hz, damping %.3f %%, MPC %.3f (displacement)",
+                k, mode.frequencyHz, 100.0 * mode.damping, mode.mpc);
+  field.title = title;
+  field.windowPx = 2.0 * r.flowRadius + 1.0;
+  WriteDisplacementPng(base + "_disp.png", field);
+  WriteMotionGif(base + "_motion.gif", field);
+}
+
 void RunModes(const ModesCliOptions& o) {
   frfmap::CaptureHeader header;
   if (!std::filesystem::exists(o.header)) throw CommandError(o.header + ": no such file");
@@ -150,6 +197,16 @@ void RunModes(const ModesCliOptions& o) {
     throw CommandError("--orders " + o.orders + ": needs whole numbers 1 <= LOW < HIGH <= 200");
   }
   options.selection.minStableCount = o.minStable;
+  if (o.shapes == "auto") {
+    options.shapes = modes::ShapeKind::kAuto;
+  } else if (o.shapes == "displacement") {
+    options.shapes = modes::ShapeKind::kDisplacement;
+  } else if (o.shapes == "brightness") {
+    options.shapes = modes::ShapeKind::kBrightness;
+  } else {
+    throw CommandError("--shapes " + o.shapes + ": expected auto, displacement or brightness");
+  }
+  if (!o.writeUff.empty()) options.exportWindows = kUffWindows;
   options.stride = o.stride;
   options.cancel = InterruptScope::cancelled();
   const std::vector<float> reference = ReadReference(o.reference);
@@ -180,16 +237,28 @@ void RunModes(const ModesCliOptions& o) {
   }
 
   const auto t0 = std::chrono::steady_clock::now();
-  std::string csv = "mode,frequency_hz,damping_ratio,mpc\n";
+  const char* kind = modes::ShapeKindName(r.kind);
+  std::string csv = "mode,frequency_hz,damping_ratio,mpc,shape\n";
   for (std::size_t k = 0; k < r.modes.size(); ++k) {
-    char row[160];
-    std::snprintf(row, sizeof row, "%zu,%.6f,%.6f,%.6f\n", k + 1, r.modes[k].frequencyHz,
-                  r.modes[k].damping, r.modes[k].mpc);
+    char row[200];
+    std::snprintf(row, sizeof row, "%zu,%.6f,%.6f,%.6f,%s\n", k + 1, r.modes[k].frequencyHz,
+                  r.modes[k].damping, r.modes[k].mpc, kind);
     csv += row;
   }
   WriteTextFile(o.output + "/modes.csv", csv);
   for (std::size_t k = 0; k < r.modes.size(); ++k) {
     WriteModeFiles(o.output, static_cast<int>(k + 1), r.modes[k], r.width, r.height);
+    if (!r.modes[k].dispX.empty()) {
+      WriteDisplacementFiles(o.output, static_cast<int>(k + 1), r.modes[k], r, o.scale);
+    }
+  }
+  if (!o.writeUff.empty()) {
+    if (r.kind != modes::ShapeKind::kDisplacement) {
+      throw CommandError(
+          "--write-uff: the shapes are brightness, not displacement; the file "
+          "holds displacement (see --shapes)");
+    }
+    WriteModesUff(o.writeUff, r, o.scale, std::filesystem::path(o.header).filename().string());
   }
   ChartInput chart;
   for (const auto& order : r.chart.orders) {
@@ -206,26 +275,49 @@ void RunModes(const ModesCliOptions& o) {
   const auto sec = [](std::chrono::nanoseconds t) {
     return std::chrono::duration<double>(t).count();
   };
-  std::printf(
-      "%ux%u pixels, band %.2f..%.2f Hz (bins %d..%d); pole fit on %d of %d grid "
-      "pixels (stride %d), orders %d..%d\n",
-      r.width, r.height, r.bandFirstBin * options.fps / header.frame_count(),
-      r.bandLastBin * options.fps / header.frame_count(), r.bandFirstBin, r.bandLastBin, r.channels,
-      r.gridPixels, r.stride, options.selection.minOrder, options.selection.maxOrder);
+  std::printf("%ux%u pixels, band %.2f..%.2f Hz (bins %d..%d), orders %d..%d\n", r.width, r.height,
+              r.bandFirstBin * options.fps / header.frame_count(),
+              r.bandLastBin * options.fps / header.frame_count(), r.bandFirstBin, r.bandLastBin,
+              options.selection.minOrder, options.selection.maxOrder);
+  if (r.kind == modes::ShapeKind::kDisplacement) {
+    std::printf(
+        "shapes: displacement (the gradients explain %.0f %% of the brightness change); pole "
+        "fit on %d principal spectra of %d displacement channels (%d windows of %dx%d px, "
+        "every %d px)\n",
+        100.0 * r.motionShare, r.components, r.channels, r.windows, 2 * options.flow.radius + 1,
+        2 * options.flow.radius + 1, r.windowStride);
+  } else {
+    std::printf(
+        "shapes: brightness (the gradients explain %.0f %% of the brightness change); pole fit "
+        "on %d of %d grid pixels (stride %d)\n",
+        100.0 * r.motionShare, r.channels, r.gridPixels, r.stride);
+  }
   if (r.modes.empty()) {
     std::printf(
         "\nNo mode passed the selection; a lower --min-stable or another --band may "
         "help.\n");
   } else {
-    std::printf("\n%zu mode(s):\n\n  mode  frequency [Hz]  damping [%%]     MPC\n", r.modes.size());
+    std::printf("\n%zu mode(s):\n\n  mode  frequency [Hz]  damping [%%]     MPC  shape\n",
+                r.modes.size());
     for (std::size_t k = 0; k < r.modes.size(); ++k) {
-      std::printf("  %4zu  %14.4f  %11.4f  %6.3f\n", k + 1, r.modes[k].frequencyHz,
-                  100.0 * r.modes[k].damping, r.modes[k].mpc);
+      std::printf("  %4zu  %14.4f  %11.4f  %6.3f  %s\n", k + 1, r.modes[k].frequencyHz,
+                  100.0 * r.modes[k].damping, r.modes[k].mpc, kind);
     }
   }
   std::printf("\ntimes: reading %.2f s, pole fit %.2f s, residues %.2f s, writing %.2f s\n",
               sec(r.times.reading), sec(r.times.poleFit), sec(r.times.residues), writing);
-  std::printf("wrote modes.csv, chart.svg and mode_K.{npy,png,gif} into %s\n", o.output.c_str());
+  if (r.kind == modes::ShapeKind::kDisplacement) {
+    std::printf(
+        "wrote modes.csv, chart.svg, mode_K.{npy,png,gif} and mode_K_disp.{npy,png} and "
+        "mode_K_motion.gif (displacement in %s per reference unit) into %s\n",
+        o.scale > 0.0 ? "mm" : "px", o.output.c_str());
+  } else {
+    std::printf("wrote modes.csv, chart.svg and mode_K.{npy,png,gif} into %s\n", o.output.c_str());
+  }
+  if (!o.writeUff.empty()) {
+    std::printf("wrote %s: %zu windows' displacement FRFs, their nodes and the mode shapes\n",
+                o.writeUff.c_str(), r.windowFrfs.size());
+  }
 }
 
 }  // namespace
@@ -249,6 +341,16 @@ void RegisterModesCommand(CLI::App& app) {
                 "Orders a pole must recur in to be selected (its own included)")
       ->capture_default_str()
       ->check(CLI::Range(1, 1000));
+  m->add_option("--shapes", o->shapes,
+                "Shapes as displacement (for structures that move), brightness (for light "
+                "that changes in place) or auto (decided from the data)")
+      ->capture_default_str();
+  m->add_option("--scale", o->scale,
+                "Millimetres per pixel: displacement and UFF coordinates in mm instead of px")
+      ->check(CLI::PositiveNumber);
+  m->add_option("--write-uff", o->writeUff,
+                "Also write the displacement measurement as a universal file: nodes (2411), "
+                "mode shapes (55) and FRFs (58) of a grid of windows");
   m->add_option("-o,--output", o->output, "Folder for the outputs (created if missing)")
       ->required();
   m->callback([o] { RunModes(*o); });

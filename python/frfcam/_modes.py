@@ -22,8 +22,19 @@ class ModesResult:
 
     frequency_hz, damping_ratio, mpc: one value per mode, increasing
       frequency (mpc: modal phase collinearity of the shape, 0..1).
-    shapes: complex64 (modes, H, W), each pixel's residue; 0 where the fit
-      was not trusted (noise, static background).
+    kind: 'displacement' when the structure was seen to move (the shapes
+      are then measured as displacement too), 'brightness' when the
+      brightness changes in place.
+    shapes: complex64 (modes, H, W), each pixel's brightness residue; 0
+      where the fit was not trusted (noise, static background).
+    displacement: for kind 'displacement', complex64 (modes, 2, H, W): [k, 0]
+      is mode k's x displacement (columns, positive right), [k, 1] its y
+      (rows, positive down), in pixels per reference unit (mm with scale=)
+      as the mode alone contributes at its natural frequency; NaN where the
+      window around the pixel cannot see that component. None otherwise.
+    mean_image: float32 (H, W), the mean frame.
+    motion_share: the share of the brightness change above the noise that
+      motion explains (0..1); 'auto' picks displacement from 0.5 up.
     chart: structured array, one row per pole of every classified order,
       fields order, class ('s', 'f', 'd', 'o'), frequency.
     line_hz, sum_magnitude: the band's lines and the summed |H| over the
@@ -36,6 +47,10 @@ class ModesResult:
     damping_ratio: npt.NDArray[np.float64]
     mpc: npt.NDArray[np.float64]
     shapes: npt.NDArray[np.complex64]
+    kind: str
+    displacement: Optional[npt.NDArray[np.complex64]]
+    mean_image: npt.NDArray[np.float32]
+    motion_share: float
     chart: np.ndarray
     line_hz: npt.NDArray[np.float64]
     sum_magnitude: npt.NDArray[np.float64]
@@ -93,7 +108,8 @@ def _positive_int(value: Optional[int], what: str) -> int:
 def modes(capture: Union[Capture, PathLike], reference: Union[PathLike, npt.ArrayLike], *,
           fps: Optional[float] = None, band: Optional[Sequence[float]] = None,
           orders: Sequence[int] = (2, 40), stride: Optional[int] = None,
-          min_stable: Optional[int] = None, progress: Progress = None) -> ModesResult:
+          min_stable: Optional[int] = None, shapes: str = "auto",
+          scale: Optional[float] = None, progress: Progress = None) -> ModesResult:
     """Natural frequencies, damping ratios and full-field mode shapes of a
     capture (the same computation as `frfcam modes`).
 
@@ -102,7 +118,9 @@ def modes(capture: Union[Capture, PathLike], reference: Union[PathLike, npt.Arra
     fps overrides the header's frame rate; band (low_hz, high_hz) limits the
     lines (default: every bin above 0); orders (low, high) is the model order
     range; stride is the grid step of the pole-fit pixels (default: at least
-    10000 pixels); min_stable the orders a pole must recur in.
+    10000 pixels); min_stable the orders a pole must recur in. shapes is
+    'displacement', 'brightness' or 'auto' (decided from the data); scale
+    (mm per pixel) gives the displacement in millimetres.
 
     The cube is rendered first when it is missing or incomplete, reporting to
     `progress` as Cube.render() does. Raises FileNotFoundError for a missing
@@ -121,18 +139,26 @@ def modes(capture: Union[Capture, PathLike], reference: Union[PathLike, npt.Arra
     signal = _reference(reference, capture.frames)
     step = _positive_int(stride, "stride")
     stable = _positive_int(min_stable, "min_stable")
+    if shapes not in ("auto", "displacement", "brightness"):
+        raise ValueError(f"shapes must be 'auto', 'displacement' or 'brightness', got {shapes!r}")
+    if scale is not None and not (np.isfinite(scale) and scale > 0):
+        raise ValueError(f"scale must be a positive number of mm per pixel, got {scale!r}")
 
     cube = capture.cube()
     if not cube.rendered:
         cube.render(progress)
     raw = _native.compute_modes(capture.path, signal, rate, band_lo, band_hi, low, high, step,
-                                stable)
+                                stable, shapes)
+    displacement = raw["displacement"]
+    if displacement is not None and scale is not None:
+        displacement = displacement * np.float32(scale)
     chart = np.empty(raw["chart_order"].size, dtype=CHART_DTYPE)
     chart["order"] = raw["chart_order"]
     chart["class"] = np.array(CLASSES)[raw["chart_class"]] if chart.size else []
     chart["frequency"] = raw["chart_frequency"]
     return ModesResult(
         frequency_hz=raw["frequency_hz"], damping_ratio=raw["damping_ratio"], mpc=raw["mpc"],
-        shapes=raw["shapes"], chart=chart, line_hz=raw["line_hz"],
+        shapes=raw["shapes"], kind=str(raw["kind"]), displacement=displacement,
+        mean_image=raw["mean_image"], motion_share=float(raw["motion_share"]), chart=chart, line_hz=raw["line_hz"],
         sum_magnitude=raw["sum_magnitude"], stride=int(raw["stride"]),
         grid_pixels=int(raw["grid_pixels"]), channels=int(raw["channels"]))

@@ -32,7 +32,7 @@ py::array_t<T> ToArray(const std::vector<T>& v) {
 py::dict ComputeModes(const std::string& headerPath,
                       py::array_t<float, py::array::c_style | py::array::forcecast> reference,
                       double fps, double bandLoHz, double bandHiHz, int minOrder, int maxOrder,
-                      int stride, int minStable) {
+                      int stride, int minStable, const std::string& shapeKind) {
   RequireExists(headerPath, "capture header");
   if (reference.ndim() != 1) throw std::invalid_argument("reference must be 1-D");
   modes::ModesOptions options;
@@ -43,6 +43,16 @@ py::dict ComputeModes(const std::string& headerPath,
   options.selection.maxOrder = maxOrder;
   if (minStable >= 1) options.selection.minStableCount = minStable;
   options.stride = stride;
+  if (shapeKind == "auto") {
+    options.shapes = modes::ShapeKind::kAuto;
+  } else if (shapeKind == "displacement") {
+    options.shapes = modes::ShapeKind::kDisplacement;
+  } else if (shapeKind == "brightness") {
+    options.shapes = modes::ShapeKind::kBrightness;
+  } else {
+    throw std::invalid_argument("shapes must be 'auto', 'displacement' or 'brightness', got '" +
+                                shapeKind + "'");
+  }
   const std::vector<float> signal(reference.data(), reference.data() + reference.size());
 
   modes::ModesResult r;
@@ -77,6 +87,18 @@ py::dict ComputeModes(const std::string& headerPath,
     }
     std::copy(m.shape.begin(), m.shape.end(), shapes.mutable_data() + k * h * w);
   }
+  py::object displacement = py::none();
+  if (r.kind == modes::ShapeKind::kDisplacement) {
+    py::array_t<std::complex<float>> d({count, py::ssize_t{2}, h, w});
+    for (py::ssize_t k = 0; k < count; ++k) {
+      const modes::Mode& m = r.modes[static_cast<std::size_t>(k)];
+      std::copy(m.dispX.begin(), m.dispX.end(), d.mutable_data() + (2 * k) * h * w);
+      std::copy(m.dispY.begin(), m.dispY.end(), d.mutable_data() + (2 * k + 1) * h * w);
+    }
+    displacement = d;
+  }
+  py::array_t<float> mean({h, w});
+  std::copy(r.meanImage.begin(), r.meanImage.end(), mean.mutable_data());
 
   // The chart as flat columns, one row per pole; class codes 0..3 = s, f, d, o.
   std::vector<std::int32_t> chartOrder;
@@ -98,6 +120,11 @@ py::dict ComputeModes(const std::string& headerPath,
   out["damping_ratio"] = ToArray(damping);
   out["mpc"] = ToArray(mpc);
   out["shapes"] = shapes;
+  out["kind"] = std::string(modes::ShapeKindName(r.kind));
+  out["displacement"] = displacement;
+  out["mean_image"] = mean;
+  out["motion_share"] = r.motionShare;
+  out["components"] = r.components;
   out["chart_order"] = ToArray(chartOrder);
   out["chart_class"] = ToArray(chartClass);
   out["chart_frequency"] = ToArray(chartFrequency);
@@ -115,7 +142,7 @@ py::dict ComputeModes(const std::string& headerPath,
 void BindModes(py::module_& m) {
   m.def("compute_modes", &ComputeModes, py::arg("header_path"), py::arg("reference"),
         py::arg("fps"), py::arg("band_lo_hz"), py::arg("band_hi_hz"), py::arg("min_order"),
-        py::arg("max_order"), py::arg("stride"), py::arg("min_stable"));
+        py::arg("max_order"), py::arg("stride"), py::arg("min_stable"), py::arg("shapes") = "auto");
 }
 
 }  // namespace frfcam::python

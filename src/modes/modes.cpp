@@ -13,6 +13,7 @@
 #include "frfmap/cube_check.h"
 #include "frfmap/cube_files.h"
 #include "frfmap/fft.h"
+#include "modes/principal_frfs.h"
 #include "modes/shape_fit.h"
 
 namespace frfcam::modes {
@@ -37,7 +38,74 @@ std::vector<double> ToStd(const stability::RealVector& v) {
   return std::vector<double>(v.data(), v.data() + v.size());
 }
 
+// Of the selected poles, those whose resonance the modal model fits where
+// it stands. The brightness a camera sees is not linear in the motion:
+// the second-order terms put a bump at twice a strong mode's frequency (and
+// at sums of two), which a single record cannot tell from a mode by its
+// magnitude. Its phase against the reference, however, is that of a
+// product of two responses, not of one pole, so the model leaves most of it
+// unexplained. With every pole and the residual terms fitted to all
+// channels, a pole stays when the model explains at least `minFit` of the
+// channels' energy within three half-power bandwidths of it; the rest are
+// fitted again without the poles that failed.
+stability::SelectedPoles KeepCoherentPoles(const stability::RealVector& omega,
+                                           const stability::ComplexMatrix& h,
+                                           stability::SelectedPoles poles, double minFit,
+                                           std::vector<stability::PoleVerdict>* verdicts) {
+  for (;;) {
+    const Index count = poles.frequency.size();
+    if (count == 0) return poles;
+    const stability::ComplexMatrix a =
+        stability::ModalDesignMatrix(omega, poles.frequency, poles.damping);
+    const stability::ComplexMatrix fit = a * a.colPivHouseholderQr().solve(h);
+    Index worst = -1;
+    double worstFit = minFit;
+    for (Index m = 0; m < count; ++m) {
+      const double w = 2.0 * std::numbers::pi * poles.frequency[m];
+      const double half = std::max(3.0 * poles.damping[m] * w, 2.0 * (omega[1] - omega[0]));
+      double energy = 0.0, rest = 0.0;
+      for (Index b = 0; b < omega.size(); ++b) {
+        if (std::abs(omega[b] - w) > half) continue;
+        energy += h.row(b).squaredNorm();
+        rest += (h.row(b) - fit.row(b)).squaredNorm();
+      }
+      const double explained = energy > 0.0 ? 1.0 - rest / energy : 0.0;
+      if (explained < worstFit) {
+        worstFit = explained;
+        worst = m;
+      }
+    }
+    if (worst < 0) return poles;
+    if (verdicts != nullptr) {
+      for (auto& v : *verdicts) {
+        if (v.kept && v.frequency == poles.frequency[worst]) v.kept = false;
+      }
+    }
+    stability::SelectedPoles rest;
+    rest.frequency.resize(count - 1);
+    rest.damping.resize(count - 1);
+    for (Index m = 0, n = 0; m < count; ++m) {
+      if (m == worst) continue;
+      rest.frequency[n] = poles.frequency[m];
+      rest.damping[n++] = poles.damping[m];
+    }
+    poles = std::move(rest);
+  }
+}
+
 }  // namespace
+
+const char* ShapeKindName(ShapeKind kind) {
+  switch (kind) {
+    case ShapeKind::kAuto:
+      return "auto";
+    case ShapeKind::kBrightness:
+      return "brightness";
+    case ShapeKind::kDisplacement:
+      return "displacement";
+  }
+  return "?";
+}
 
 int DefaultStride(unsigned width, unsigned height, int minPixels) {
   int s = 1;
@@ -172,59 +240,124 @@ ModesStatus ComputeModes(const std::string& headerPath, const std::vector<float>
       options.stride > 0 ? options.stride : DefaultStride(width, height, options.minGridPixels);
   const int s = result.stride;
   std::vector<std::uint32_t> grid;
+  std::vector<unsigned> gridRows;
   for (unsigned y = static_cast<unsigned>(s / 2); y < height; y += static_cast<unsigned>(s)) {
+    gridRows.push_back(y);
     for (unsigned x = static_cast<unsigned>(s / 2); x < width; x += static_cast<unsigned>(s)) {
       grid.push_back(y * width + x);
     }
   }
   result.gridPixels = static_cast<int>(grid.size());
+  // The pole-fit windows, centred every windowStride pixels.
+  result.windowStride = options.windowStride > 0 ? options.windowStride
+                                                 : DefaultStride(width, height, options.minWindows);
+  const auto ws = static_cast<unsigned>(result.windowStride);
+  std::vector<unsigned> windowRows, windowCols;
+  for (unsigned y = ws / 2; y < height; y += ws) windowRows.push_back(y);
+  for (unsigned x = ws / 2; x < width; x += ws) windowCols.push_back(x);
+  const int radius = std::max(0, options.flow.radius);
+  result.flowRadius = radius;
 
   frfmap::CubeFileSet cube;
   cube.Reset(headerPath, layout);
   cube.SetMode(frfmap::CubeFileSet::Mode::kRead);
+  const std::size_t rowBytes = std::size_t{width} * sizeof(std::complex<float>);
+  const std::size_t planeBytes = rowBytes * height;
 
-  // 1. Channels: X at the grid pixels, bin by bin, then the noise rule.
+  // 1. Channels. The mean image (bin 0) first, and the window operator of
+  // its gradients. Every cube file is opened on this thread, as the file
+  // set opens lazily; positioned reads on open files may then run side by
+  // side.
   auto t0 = Clock::now();
-  Eigen::MatrixXcf x;
-  try {
-    x.resize(static_cast<Index>(grid.size()), lines);
-  } catch (const std::bad_alloc&) {
-    return Fail(ModesStatus::kOutOfMemory, "not enough memory for the pole-fit pixels", error);
+  FlowOperator flow;
+  {
+    std::vector<std::complex<float>> plane;
+    try {
+      plane.resize(pixels);
+    } catch (const std::bad_alloc&) {
+      return Fail(ModesStatus::kOutOfMemory, "not enough memory for the mean image", error);
+    }
+    if (cube.ReadInPlane(0, 0, plane.data(), planeBytes) != planeBytes) {
+      return Fail(ModesStatus::kCubeIncomplete, "a cube file is too short", error);
+    }
+    result.meanImage.resize(pixels);
+    for (std::size_t p = 0; p < pixels; ++p) result.meanImage[p] = plane[p].real();
   }
-  // The grid's rows of every band plane, read in parallel, one bin per
-  // column. Every cube file is opened first on this thread, as the file set
-  // opens lazily; positioned reads on open files may then run side by side.
-  unsigned lastFile = 0;
-  std::vector<std::complex<float>> probe(1);
-  for (std::uint32_t b : band) {
-    if (layout.Locate(b).file != lastFile) {
-      lastFile = layout.Locate(b).file;
-      if (cube.ReadInPlane(b, 0, probe.data(), sizeof(probe[0])) != sizeof(probe[0])) {
-        return Fail(ModesStatus::kCubeIncomplete, "a cube file cannot be read", error);
+  std::vector<float> gx, gy;
+  ImageGradient(result.meanImage.data(), width, height, &gx, &gy);
+  flow.Build(gx, gy, width, height, 0.0, options.flow);
+  {
+    unsigned lastFile = 0;
+    std::vector<std::complex<float>> probe(1);
+    for (std::uint32_t b : band) {
+      if (layout.Locate(b).file != lastFile) {
+        lastFile = layout.Locate(b).file;
+        if (cube.ReadInPlane(b, 0, probe.data(), sizeof(probe[0])) != sizeof(probe[0])) {
+          return Fail(ModesStatus::kCubeIncomplete, "a cube file cannot be read", error);
+        }
       }
     }
   }
-  std::vector<unsigned> gridRows;
-  for (unsigned y = static_cast<unsigned>(s / 2); y < height; y += static_cast<unsigned>(s)) {
-    gridRows.push_back(y);
+  // The rows the channels need, as runs of consecutive rows: the grid's
+  // rows and every window's.
+  std::vector<char> needed(height, 0);
+  for (unsigned y : gridRows) needed[y] = 1;
+  for (unsigned y : windowRows) {
+    for (int d = -radius; d <= radius; ++d) {
+      const long long row = static_cast<long long>(y) + d;
+      if (row >= 0 && row < static_cast<long long>(height))
+        needed[static_cast<std::size_t>(row)] = 1;
+    }
+  }
+  std::vector<std::pair<unsigned, unsigned>> runs;  // first row, count
+  for (unsigned y = 0; y < height; ++y) {
+    if (!needed[y]) continue;
+    if (!runs.empty() && runs.back().first + runs.back().second == y) {
+      ++runs.back().second;
+    } else {
+      runs.push_back({y, 1});
+    }
+  }
+  const std::size_t windowCount = windowRows.size() * windowCols.size();
+  Eigen::MatrixXcf x;
+  // Per window and line: the sums b (x, y) and the brightness energy.
+  Eigen::MatrixXcf bx, by;
+  Eigen::MatrixXf energy;
+  try {
+    x.resize(static_cast<Index>(grid.size()), lines);
+    bx.resize(static_cast<Index>(windowCount), lines);
+    by.resize(static_cast<Index>(windowCount), lines);
+    energy.resize(static_cast<Index>(windowCount), lines);
+  } catch (const std::bad_alloc&) {
+    return Fail(ModesStatus::kOutOfMemory, "not enough memory for the pole-fit pixels", error);
   }
   std::atomic<bool> shortRead{false};
-  const std::size_t rowBytes = std::size_t{width} * sizeof(std::complex<float>);
   tbb::parallel_for(
-      tbb::blocked_range<Index>(0, lines, 8), [&](const tbb::blocked_range<Index>& range) {
-        std::vector<std::complex<float>> row(width);
+      tbb::blocked_range<Index>(0, lines, 4), [&](const tbb::blocked_range<Index>& range) {
+        std::vector<std::complex<float>> plane(pixels);
         for (Index b = range.begin(); b != range.end(); ++b) {
           if (Cancelled(options)) return;
-          Index g = 0;
-          for (unsigned y : gridRows) {
-            if (cube.ReadInPlane(band[static_cast<std::size_t>(b)], std::uint64_t{y} * rowBytes,
-                                 row.data(), rowBytes) != rowBytes) {
+          const std::uint32_t bin = band[static_cast<std::size_t>(b)];
+          for (const auto& [first, count] : runs) {
+            const std::size_t bytes = rowBytes * count;
+            if (cube.ReadInPlane(bin, std::uint64_t{first} * rowBytes,
+                                 plane.data() + std::size_t{first} * width, bytes) != bytes) {
               shortRead.store(true);
               return;
             }
-            for (unsigned xx = static_cast<unsigned>(s / 2); xx < width;
-                 xx += static_cast<unsigned>(s)) {
-              x(g++, b) = row[xx];
+          }
+          for (std::size_t g = 0; g < grid.size(); ++g)
+            x(static_cast<Index>(g), b) = plane[grid[g]];
+          Index w = 0;
+          for (unsigned cy : windowRows) {
+            for (unsigned cx : windowCols) {
+              std::complex<float> sx, sy;
+              float e = 0.0f;
+              flow.WindowSums(plane.data(), 0, cx, cy, &sx, &sy, &e);
+              bx(w, b) = sx;
+              by(w, b) = sy;
+              energy(w, b) = e;
+              ++w;
             }
           }
         }
@@ -232,38 +365,193 @@ ModesStatus ComputeModes(const std::string& headerPath, const std::vector<float>
   if (shortRead.load())
     return Fail(ModesStatus::kCubeIncomplete, "a cube file is too short", error);
   if (Cancelled(options)) return Fail(ModesStatus::kCancelled, "cancelled", error);
-  std::vector<Index> kept;
-  std::vector<float> power(static_cast<std::size_t>(lines));
-  for (Index g = 0; g < x.rows(); ++g) {
-    for (Index b = 0; b < lines; ++b) power[static_cast<std::size_t>(b)] = std::norm(x(g, b));
-    const float peak = *std::max_element(power.begin(), power.end());
-    auto mid = power.begin() + static_cast<std::ptrdiff_t>(power.size() / 2);
-    std::nth_element(power.begin(), mid, power.end());
-    if (peak > 0.0f && peak >= options.minPeakToMedian * *mid) kept.push_back(g);
+
+  // The windows' noise: per pixel and line, from what the gradients do not
+  // explain (median over the band, so resonances do not count), then the
+  // window operator again with the texture floor that noise sets.
+  std::vector<std::size_t> windowPixel(windowCount);
+  std::vector<double> windowPixels(windowCount);
+  {
+    std::size_t w = 0;
+    for (unsigned cy : windowRows) {
+      for (unsigned cx : windowCols) {
+        windowPixel[w] = std::size_t{cy} * width + cx;
+        const auto span = [&](unsigned c, unsigned n) {
+          const long long lo = std::max<long long>(0, static_cast<long long>(c) - radius);
+          const long long hi = std::min<long long>(n - 1, static_cast<long long>(c) + radius);
+          return static_cast<double>(hi - lo + 1);
+        };
+        windowPixels[w] = span(cx, width) * span(cy, height);
+        ++w;
+      }
+    }
   }
-  result.channels = static_cast<int>(kept.size());
-  if (kept.empty()) {
-    return Fail(ModesStatus::kNoResponse,
-                "no pixel of the grid responds above its noise in the band", error);
+  const auto explained = [&](std::size_t w, Index b) {
+    std::complex<float> ux, uy;
+    flow.Solve(windowPixel[w], bx(static_cast<Index>(w), b), by(static_cast<Index>(w), b), &ux,
+               &uy);
+    // b^H K b = -b^H U over the components seen.
+    double e = 0.0;
+    const FlowSeen seen = flow.seen(windowPixel[w]);
+    if (seen & kSeesX) e -= (std::conj(bx(static_cast<Index>(w), b)) * ux).real();
+    if (seen & kSeesY) e -= (std::conj(by(static_cast<Index>(w), b)) * uy).real();
+    return e;
+  };
+  const auto degrees = [&](std::size_t w) {
+    const FlowSeen seen = flow.seen(windowPixel[w]);
+    return (seen & kSeesX ? 1 : 0) + (seen & kSeesY ? 1 : 0);
+  };
+  std::vector<double> noise(windowCount, 0.0);
+  const auto estimateNoise = [&] {
+    tbb::parallel_for(std::size_t{0}, windowCount, [&](std::size_t w) {
+      std::vector<double> rest(static_cast<std::size_t>(lines));
+      for (Index b = 0; b < lines; ++b) {
+        rest[static_cast<std::size_t>(b)] = energy(static_cast<Index>(w), b) - explained(w, b);
+      }
+      auto mid = rest.begin() + static_cast<std::ptrdiff_t>(rest.size() / 2);
+      std::nth_element(rest.begin(), mid, rest.end());
+      noise[w] = std::max(0.0, *mid) / std::max(1.0, windowPixels[w] - degrees(w));
+    });
+  };
+  estimateNoise();
+  {
+    std::vector<double> textured;
+    for (std::size_t w = 0; w < windowCount; ++w) {
+      if (flow.seen(windowPixel[w]) != kSeesNone) textured.push_back(noise[w]);
+    }
+    if (!textured.empty()) {
+      auto mid = textured.begin() + static_cast<std::ptrdiff_t>(textured.size() / 2);
+      std::nth_element(textured.begin(), mid, textured.end());
+      flow.Build(gx, gy, width, height, *mid, options.flow);
+      estimateNoise();
+    }
   }
-  stability::ComplexMatrix h(lines, static_cast<Index>(kept.size()));
-  for (std::size_t c = 0; c < kept.size(); ++c) {
-    for (Index b = 0; b < lines; ++b) {
-      h(b, static_cast<Index>(c)) =
-          std::complex<double>(x(kept[c], b)) / r[static_cast<std::size_t>(b)];
+
+  // The motion rule: of the brightness energy above the noise, the share
+  // the gradients explain.
+  std::vector<std::size_t> seenWindows;
+  {
+    double above = 0.0, moving = 0.0;
+    for (std::size_t w = 0; w < windowCount; ++w) {
+      if (flow.seen(windowPixel[w]) == kSeesNone) continue;
+      seenWindows.push_back(w);
+      double total = 0.0, fitted = 0.0;
+      for (Index b = 0; b < lines; ++b) {
+        total += energy(static_cast<Index>(w), b);
+        fitted += explained(w, b);
+      }
+      above += total - windowPixels[w] * noise[w] * static_cast<double>(lines);
+      moving += fitted - degrees(w) * noise[w] * static_cast<double>(lines);
+    }
+    result.motionShare = above > 0.0 ? std::clamp(moving / above, 0.0, 1.0) : 0.0;
+  }
+  result.windows = static_cast<int>(seenWindows.size());
+  ShapeKind kind = options.shapes;
+  if (kind == ShapeKind::kAuto) {
+    kind = !seenWindows.empty() && result.motionShare >= options.minMotionShare
+               ? ShapeKind::kDisplacement
+               : ShapeKind::kBrightness;
+  }
+  result.kind = kind;
+
+  stability::ComplexMatrix h;
+  if (kind == ShapeKind::kDisplacement) {
+    if (seenWindows.empty()) {
+      return Fail(ModesStatus::kNoResponse, "no window of the grid has texture to follow", error);
+    }
+    // Each component seen, divided by its noise (unit variance per line).
+    std::vector<std::pair<std::size_t, int>> columns;  // window, component
+    for (std::size_t w : seenWindows) {
+      const FlowSeen seen = flow.seen(windowPixel[w]);
+      if ((seen & kSeesX) && noise[w] > 0.0) columns.push_back({w, 0});
+      if ((seen & kSeesY) && noise[w] > 0.0) columns.push_back({w, 1});
+    }
+    if (columns.empty()) {
+      return Fail(ModesStatus::kNoResponse, "no window of the grid sees any motion", error);
+    }
+    Eigen::MatrixXcf y;
+    try {
+      y.resize(lines, static_cast<Index>(columns.size()));
+    } catch (const std::bad_alloc&) {
+      return Fail(ModesStatus::kOutOfMemory, "not enough memory for the pole-fit windows", error);
+    }
+    tbb::parallel_for(std::size_t{0}, columns.size(), [&](std::size_t c) {
+      const auto [w, component] = columns[c];
+      const std::size_t p = windowPixel[w];
+      const double gain = component == 0 ? flow.NoiseGainX(p) : flow.NoiseGainY(p);
+      const auto weight = static_cast<float>(1.0 / std::sqrt(noise[w] * gain));
+      for (Index b = 0; b < lines; ++b) {
+        std::complex<float> ux, uy;
+        flow.Solve(p, bx(static_cast<Index>(w), b), by(static_cast<Index>(w), b), &ux, &uy);
+        y(b, static_cast<Index>(c)) = (component == 0 ? ux : uy) * weight;
+      }
+    });
+    result.channels = static_cast<int>(columns.size());
+    if (options.exportWindows > 0) {
+      const double ratio = static_cast<double>(seenWindows.size()) / options.exportWindows;
+      const auto step = static_cast<std::size_t>(std::max(1.0, std::ceil(std::sqrt(ratio))));
+      for (const auto& [w, component] : columns) {
+        const std::size_t row = w / windowCols.size(), col = w % windowCols.size();
+        if (row % step != 0 || col % step != 0) continue;
+        ModesResult::WindowFrf f;
+        f.x = windowCols[col];
+        f.y = windowRows[row];
+        f.component = component;
+        f.frf.resize(static_cast<std::size_t>(lines));
+        for (Index b = 0; b < lines; ++b) {
+          std::complex<float> ux, uy;
+          flow.Solve(windowPixel[w], bx(static_cast<Index>(w), b), by(static_cast<Index>(w), b),
+                     &ux, &uy);
+          f.frf[static_cast<std::size_t>(b)] = std::complex<float>(
+              std::complex<double>(component == 0 ? ux : uy) / r[static_cast<std::size_t>(b)]);
+        }
+        result.windowFrfs.push_back(std::move(f));
+      }
+    }
+    const PrincipalSpectra principal =
+        LeadingComponents(y, options.maxComponents, options.componentFloor);
+    result.components = static_cast<int>(principal.spectra.cols());
+    h = principal.spectra;
+    for (Index b = 0; b < lines; ++b) h.row(b) /= r[static_cast<std::size_t>(b)];
+  } else {
+    std::vector<Index> kept;
+    std::vector<float> power(static_cast<std::size_t>(lines));
+    for (Index g = 0; g < x.rows(); ++g) {
+      for (Index b = 0; b < lines; ++b) power[static_cast<std::size_t>(b)] = std::norm(x(g, b));
+      const float peak = *std::max_element(power.begin(), power.end());
+      auto mid = power.begin() + static_cast<std::ptrdiff_t>(power.size() / 2);
+      std::nth_element(power.begin(), mid, power.end());
+      if (peak > 0.0f && peak >= options.minPeakToMedian * *mid) kept.push_back(g);
+    }
+    result.channels = static_cast<int>(kept.size());
+    if (kept.empty()) {
+      return Fail(ModesStatus::kNoResponse,
+                  "no pixel of the grid responds above its noise in the band", error);
+    }
+    h.resize(lines, static_cast<Index>(kept.size()));
+    for (std::size_t c = 0; c < kept.size(); ++c) {
+      for (Index b = 0; b < lines; ++b) {
+        h(b, static_cast<Index>(c)) =
+            std::complex<double>(x(kept[c], b)) / r[static_cast<std::size_t>(b)];
+      }
     }
   }
   x.resize(0, 0);
+  bx.resize(0, 0);
+  by.resize(0, 0);
+  energy.resize(0, 0);
   auto t1 = Clock::now();
   result.times.reading = t1 - t0;
-
   // 2. Poles.
   if (Cancelled(options)) return Fail(ModesStatus::kCancelled, "cancelled", error);
   const stability::EstimationResult estimation =
       stability::Estimate(omega, stability::ComplexVector(), h, {sel.minOrder, sel.maxOrder},
                           sel.frequencyTolerance, sel.dampingTolerance, false, false);
-  const stability::SelectedPoles poles =
+  stability::SelectedPoles poles =
       stability::SelectModes(estimation, omega, h, sel, &result.verdicts);
+  if (kind == ShapeKind::kDisplacement) {
+    poles = KeepCoherentPoles(omega, h, poles, options.minLocalFit, &result.verdicts);
+  }
   ChartData& chart = result.chart;
   for (std::size_t k = 0; k < estimation.sByOrder.size(); ++k) {
     ChartData::Order o;
@@ -310,7 +598,35 @@ ModesStatus ComputeModes(const std::string& headerPath, const std::vector<float>
     mode.mpc = PhaseCollinearity(mode.shape);
     result.modes.push_back(std::move(mode));
   }
-  result.times.residues = Clock::now() - t2;
+  const auto t3 = Clock::now();
+  result.times.residues = t3 - t2;
+  if (kind == ShapeKind::kDisplacement) {
+    // The window operator is linear, so the residues of U are the window
+    // operator applied to the residues of X.
+    for (std::size_t m = 0; m < result.modes.size(); ++m) {
+      Mode& mode = result.modes[m];
+      try {
+        mode.dispX.resize(pixels);
+        mode.dispY.resize(pixels);
+      } catch (const std::bad_alloc&) {
+        return Fail(ModesStatus::kOutOfMemory, "not enough memory for the shapes", error);
+      }
+      flow.Apply(&fit.coefficients[m * pixels], mode.dispX.data(), mode.dispY.data());
+      // The mode's term at its natural frequency: R / (2i zeta w^2).
+      const double w = 2.0 * std::numbers::pi * mode.frequencyHz;
+      const auto atPeak =
+          std::complex<float>(1.0 / std::complex<double>(0.0, 2.0 * mode.damping * w * w));
+      std::vector<std::complex<float>> seen;
+      for (std::size_t p = 0; p < pixels; ++p) {
+        mode.dispX[p] *= atPeak;
+        mode.dispY[p] *= atPeak;
+        if (std::isfinite(mode.dispX[p].real())) seen.push_back(mode.dispX[p]);
+        if (std::isfinite(mode.dispY[p].real())) seen.push_back(mode.dispY[p]);
+      }
+      mode.mpc = PhaseCollinearity(seen);
+    }
+  }
+  result.times.flow = Clock::now() - t3;
   *out = std::move(result);
   return ModesStatus::kOk;
 }

@@ -1,16 +1,31 @@
 // Full-field modes from a rendered cube: natural frequencies, damping ratios
-// and complex mode shapes at every pixel.
+// and complex mode shapes, as displacement or as brightness.
 //
 // The cube holds each pixel's brightness spectrum X; divided by the
-// reference spectrum R it is an FRF per pixel, H = X / R. The pipeline:
-//  1. Channels: H at a grid of pixels every `stride` pixels, over the bins of
-//     the band, kept when the pixel responds above its noise (see
-//     ModesOptions::minPeakToMedian).
-//  2. Poles: the stability estimator over the order range, then the exact
-//     stable-pole rule and the significance filter (stability/significance.h).
+// reference spectrum R it is an FRF per pixel, H = X / R. A camera looking
+// at a structure that moves sees X = -grad(Ibar) . U (modes/optical_flow.h):
+// the brightness of one pixel carries the random sign and size of the
+// texture's gradient there, so pixels of one structure do not add up, while
+// their displacement U does. The pipeline:
+//  1. Channels, from one pass over the band's planes:
+//     - displacement: U = -K b over windows on a grid (optical_flow.h),
+//       each component divided by its noise (from the window's residual);
+//     - brightness: H at a grid of pixels every `stride` pixels, kept when
+//       the pixel responds above its noise (ModesOptions::minPeakToMedian).
+//     Which kind the scene is (ShapeKind::kAuto): displacement when the
+//     windows' gradients explain most of the brightness change above the
+//     noise (ModesResult::motionShare >= minMotionShare), as they do for
+//     anything that moves and do not for light that changes in place.
+//  2. Poles: for displacement, the channels compressed into their leading
+//     principal spectra (principal_frfs.h) divided by R; for brightness the
+//     channels themselves. Then the stability estimator over the order
+//     range, the exact stable-pole rule and the significance filter
+//     (stability/significance.h).
 //  3. Shapes: with the poles fixed, the residues and the two residual terms
-//     of every pixel, by one least-squares operator applied to the planes as
-//     they stream past (modes/shape_fit.h).
+//     of every pixel's brightness FRF, by one least-squares operator
+//     applied to the planes as they stream past (modes/shape_fit.h). For
+//     displacement, each mode's brightness residues then go through the
+//     window operator, which is linear and commutes with the residue fit.
 // The cube is read, never written; rendering it is the caller's business.
 #pragma once
 
@@ -21,9 +36,20 @@
 #include <string>
 #include <vector>
 
+#include "modes/optical_flow.h"
 #include "stability/significance.h"
 
 namespace frfcam::modes {
+
+// What a mode shape measures.
+enum class ShapeKind {
+  kAuto,          // options only: decided from the data (see above)
+  kBrightness,    // brightness FRF residues per pixel
+  kDisplacement,  // displacement per window, x and y, in pixels
+};
+
+// "brightness", "displacement" ("auto" for kAuto).
+const char* ShapeKindName(ShapeKind kind);
 
 struct ModesOptions {
   double fps = 0.0;  // frames per second of the capture; must be > 0
@@ -45,6 +71,25 @@ struct ModesOptions {
   // energy over the band (noise, static background) get shape 0.
   double minFitQuality = 0.3;
   stability::SelectionSettings selection = DefaultModesSelection();
+  ShapeKind shapes = ShapeKind::kAuto;
+  // Displacement: the windows (optical_flow.h); the grid of pole-fit
+  // windows every `windowStride` pixels (0: the largest step giving at
+  // least `minWindows` windows); the principal spectra kept (those above
+  // `componentFloor` times the noise floor, at most `maxComponents`); and
+  // the motion rule of kAuto.
+  FlowOptions flow;
+  int windowStride = 0;
+  int minWindows = 2500;
+  int maxComponents = 8;
+  double componentFloor = 1.5;
+  double minMotionShare = 0.5;
+  // Displacement: a selected pole stays when the modal model explains at
+  // least this share of the channels' energy around it (see modes.cpp).
+  double minLocalFit = 0.8;
+  // Displacement FRFs to hand back for export (ModesResult::windowFrfs):
+  // those of the pole-fit windows on a coarser grid, at most this many
+  // windows (0: none).
+  int exportWindows = 0;
   // Bytes of planes per streamed product (the working set of step 3).
   std::size_t chunkBytes = std::size_t{64} << 20;
   const std::atomic<bool>* cancel = nullptr;  // polled between chunks
@@ -62,9 +107,15 @@ struct Mode {
   double frequencyHz = 0.0;
   double damping = 0.0;  // ratio
   double mpc = 0.0;      // modal phase collinearity of the shape, 0..1
-  // Residue of every pixel, H x W raster order; 0 where the fit was not
-  // trusted (see ModesOptions::minFitQuality).
+  // Brightness residue of every pixel, H x W raster order; 0 where the fit
+  // was not trusted (see ModesOptions::minFitQuality).
   std::vector<std::complex<float>> shape;
+  // Displacement shapes (ShapeKind::kDisplacement only, else empty), H x W
+  // raster order: x (columns, positive right) and y (rows, positive down)
+  // in pixels per unit of reference, as the mode alone contributes to the
+  // displacement FRF at its natural frequency, R_k / (2i zeta w_k^2); NaN
+  // where the window cannot see that component.
+  std::vector<std::complex<float>> dispX, dispY;
 };
 
 // What the stabilisation chart shows: per classified order the pole
@@ -84,13 +135,29 @@ struct ModesTimes {
   std::chrono::nanoseconds reading{0};   // gathering the channels (step 1)
   std::chrono::nanoseconds poleFit{0};   // estimation and selection (step 2)
   std::chrono::nanoseconds residues{0};  // per-pixel shapes, reading included (step 3)
+  std::chrono::nanoseconds flow{0};      // displacement from the residues (step 3)
 };
 
 struct ModesResult {
   unsigned width = 0, height = 0;
   int stride = 0;
   int gridPixels = 0;  // pixels of the grid
-  int channels = 0;    // of which above the noise
+  int channels = 0;    // brightness: grid pixels above the noise; displacement: components seen
+  ShapeKind kind = ShapeKind::kBrightness;
+  double motionShare = 0.0;  // see ModesOptions::minMotionShare
+  int windows = 0;           // pole-fit windows that see at least one component
+  int windowStride = 0;
+  int flowRadius = 0;            // windows of 2 flowRadius + 1 pixels a side
+  int components = 0;            // principal spectra the poles were fitted to
+  std::vector<float> meanImage;  // bin 0, H x W
+  // Displacement FRFs U / R of windows (see ModesOptions::exportWindows),
+  // at the band's lines (chart.lineHz), in pixels per unit of reference.
+  struct WindowFrf {
+    unsigned x = 0, y = 0;  // the window's centre
+    int component = 0;      // 0 x, 1 y
+    std::vector<std::complex<float>> frf;
+  };
+  std::vector<WindowFrf> windowFrfs;
   int bandFirstBin = 0, bandLastBin = 0;
   std::vector<Mode> modes;  // increasing frequency
   std::vector<stability::PoleVerdict> verdicts;

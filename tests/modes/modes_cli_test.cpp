@@ -37,7 +37,7 @@ TEST_F(ModesCli, RendersFitsAndWritesEveryOutput) {
   EXPECT_NE(r.out.find("3 mode(s)"), std::string::npos) << r.out;
 
   const std::string csv = test::ReadFile(out + "/modes.csv");
-  EXPECT_EQ(csv.substr(0, csv.find('\n')), "mode,frequency_hz,damping_ratio,mpc");
+  EXPECT_EQ(csv.substr(0, csv.find('\n')), "mode,frequency_hz,damping_ratio,mpc,shape");
   EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 4);
   std::istringstream rows(csv.substr(csv.find('\n') + 1));
   const double expected[] = {120.0, 300.0, 540.0};
@@ -45,10 +45,13 @@ TEST_F(ModesCli, RendersFitsAndWritesEveryOutput) {
     int mode = 0;
     double f = 0, zeta = 0, mpc = 0;
     char comma;
-    rows >> mode >> comma >> f >> comma >> zeta >> comma >> mpc;
+    std::string kind;
+    rows >> mode >> comma >> f >> comma >> zeta >> comma >> mpc >> comma >> kind;
     EXPECT_NEAR(f, hz, 0.005 * hz) << csv;
     EXPECT_GT(mpc, 0.95) << csv;
+    EXPECT_EQ(kind, "brightness");  // the plate's light changes in place
   }
+  EXPECT_FALSE(fs::exists(out + "/mode_1_disp.npy"));
 
   for (int k = 1; k <= 3; ++k) {
     const std::string base = out + "/mode_" + std::to_string(k);
@@ -94,6 +97,45 @@ TEST_F(ModesCli, BadInputGivesOneLineAndExitOne) {
     EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
   }
+}
+
+}  // namespace
+}  // namespace frfcam
+
+namespace frfcam {
+namespace {
+
+// A moving beam: displacement shapes in mm, their pictures, and a universal
+// file whose FRFs the stability command reads back.
+TEST(ModesCliBeam, DisplacementOutputsAndUniversalFile) {
+  test::ScratchDir dir;
+  const std::string header = dir.file("beam.hdr");
+  ASSERT_EQ(Cli("synth " + header + " --scene beam --width 64 --height 160").status, 0);
+  const std::string out = dir.file("out"), uff = dir.file("beam.uff");
+  const auto r = Cli("modes " + header + " --reference " + dir.file("beam_reference.txt") +
+                     " --scale 0.5 --write-uff " + uff + " -o " + out);
+  ASSERT_EQ(r.status, 0) << r.err << r.out;
+  EXPECT_NE(r.out.find("shapes: displacement"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("3 mode(s)"), std::string::npos) << r.out;
+  const std::string csv = test::ReadFile(out + "/modes.csv");
+  EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 4) << csv;
+  EXPECT_NE(csv.find(",displacement\n"), std::string::npos) << csv;
+  for (int k = 1; k <= 3; ++k) {
+    const std::string base = out + "/mode_" + std::to_string(k);
+    const std::string npy = test::ReadFile(base + "_disp.npy");
+    EXPECT_NE(npy.find("'descr': '<c8'"), std::string::npos);
+    EXPECT_NE(npy.find("'shape': (2, 160, 64)"), std::string::npos) << npy.substr(0, 128);
+    const std::string png = test::ReadFile(base + "_disp.png");
+    EXPECT_NE(png.find("per reference unit"), std::string::npos);
+    EXPECT_NE(png.find(" mm "), std::string::npos);
+    EXPECT_EQ(test::ReadFile(base + "_motion.gif").substr(0, 6), "GIF89a");
+  }
+  const std::string text = test::ReadFile(uff);
+  EXPECT_EQ(text.find("    -1\n  2411\n"), 0u);
+  EXPECT_NE(text.find("    -1\n    55\n"), std::string::npos);
+  const auto back = Cli("stability " + uff + " -o " + dir.file("beam.pb") + " --orders 2:30");
+  ASSERT_EQ(back.status, 0) << back.err << back.out;
+  EXPECT_NE(back.out.find("60."), std::string::npos) << back.out;
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "frfmap/beam_scene.h"
 #include "frfmap/capture_fixture.h"
 #include "frfmap/frf_map_calcs.h"
 #include "frfmap/synthetic_scene.h"
@@ -44,6 +45,28 @@ struct RenderedScene {
 
   frfcam::test::ScratchDir dir;
   frfmap::PlateScene scene;
+  std::string header;
+};
+
+// A beam scene's capture (12-bit packed or 8-bit) and cube.
+struct RenderedBeam {
+  explicit RenderedBeam(const frfmap::BeamSpec& spec, int bits = 12) : scene(spec) {
+    header = dir.file("beam.hdr");
+    const std::uint32_t format =
+        bits == 8 ? frfmap::format::kPixelFormat8Bit : frfmap::format::kPixelFormat12BitPacked;
+    const frfmap::CaptureSpec desc =
+        frfmap::MakeCapture(spec.width, spec.height, spec.frames, format, 500, spec.fps);
+    std::string error;
+    const bool written = frfmap::WriteCapture(
+        header, desc, [&](std::int32_t f, std::uint16_t* s) { scene.Frame(f, s); }, &error);
+    EXPECT_TRUE(written) << error;
+    frfmap::FrfMapCalcs calcs("test");
+    EXPECT_EQ(calcs.OpenCube(header), 0);
+    EXPECT_EQ(calcs.RenderCube([](int) {}), 0);
+  }
+
+  frfcam::test::ScratchDir dir;
+  frfmap::BeamScene scene;
   std::string header;
 };
 

@@ -1,0 +1,189 @@
+// Displacement modes from video of a moving, speckled beam under camera
+// noise: the modes found, and the shapes against the scene's truth.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <complex>
+#include <cstdio>
+#include <vector>
+
+#include "modes/modes.h"
+#include "modes_fixture.h"
+
+namespace frfcam::modes {
+namespace {
+
+using test::RenderedBeam;
+
+struct ShapeCheck {
+  double mac = 0.0;          // along the beam, motion component vs truth
+  double acrossShare = 0.0;  // energy of the other component
+};
+
+// The shape of mode k along the beam: the motion component averaged across
+// the beam at each position (rows of an upright beam, columns of a lying
+// one), against the true displacement there.
+ShapeCheck CheckShape(const RenderedBeam& b, const ModesResult& r, std::size_t found,
+                      std::size_t truth) {
+  const frfmap::BeamRect rect = b.scene.beam();
+  const bool upright = b.scene.MotionAxis() == 0;
+  const auto& along = upright ? r.modes[found].dispX : r.modes[found].dispY;
+  const auto& across = upright ? r.modes[found].dispY : r.modes[found].dispX;
+  std::vector<std::complex<double>> measured, expected;
+  double alongEnergy = 0.0, acrossEnergy = 0.0;
+  const int n0 = upright ? rect.y0 : rect.x0, n1 = upright ? rect.y1 : rect.x1;
+  const int m0 = upright ? rect.x0 : rect.y0, m1 = upright ? rect.x1 : rect.y1;
+  for (int i = n0; i < n1; ++i) {
+    std::complex<double> sum = 0.0;
+    int count = 0;
+    for (int j = m0; j < m1; ++j) {
+      const int x = upright ? j : i, y = upright ? i : j;
+      const std::size_t p = static_cast<std::size_t>(y) * r.width + x;
+      if (std::isfinite(along[p].real())) {
+        sum += std::complex<double>(along[p]);
+        alongEnergy += std::norm(std::complex<double>(along[p]));
+        ++count;
+      }
+      if (std::isfinite(across[p].real())) {
+        acrossEnergy += std::norm(std::complex<double>(across[p]));
+      }
+    }
+    if (count == 0) continue;
+    measured.push_back(sum / static_cast<double>(count));
+    const int cx = upright ? (rect.x0 + rect.x1) / 2 : i,
+              cy = upright ? i : (rect.y0 + rect.y1) / 2;
+    expected.push_back(b.scene.Displacement(truth, cx, cy));
+  }
+  ShapeCheck c;
+  c.mac = Mac(measured, expected);
+  c.acrossShare = acrossEnergy / (alongEnergy + acrossEnergy);
+  return c;
+}
+
+ModesResult RunModes(const RenderedBeam& b, ModesOptions options = {}) {
+  options.fps = b.scene.spec().fps;
+  ModesResult r;
+  std::string error;
+  EXPECT_EQ(ComputeModes(b.header, b.scene.excitation(), options, &r, &error), ModesStatus::kOk)
+      << error;
+  return r;
+}
+
+void Describe(const char* what, const RenderedBeam& b, const ModesResult& r) {
+  std::printf("%s: kind %s, share %.3f, %d windows, %d channels, %d components\n", what,
+              ShapeKindName(r.kind), r.motionShare, r.windows, r.channels, r.components);
+  for (std::size_t k = 0; k < r.modes.size(); ++k) {
+    std::printf("  %.4f Hz  %.4f %%", r.modes[k].frequencyHz, 100 * r.modes[k].damping);
+    for (std::size_t t = 0; t < b.scene.spec().modes.size(); ++t) {
+      const auto& m = b.scene.spec().modes[t];
+      if (std::abs(m.frequency_hz - r.modes[k].frequencyHz) < 0.01 * m.frequency_hz &&
+          !r.modes[k].dispX.empty()) {
+        const ShapeCheck c = CheckShape(b, r, k, t);
+        std::printf("  f err %.2e  d err %.3f  MAC %.4f  across %.3f",
+                    r.modes[k].frequencyHz / m.frequency_hz - 1, r.modes[k].damping / m.damping - 1,
+                    c.mac, c.acrossShare);
+      }
+    }
+    std::printf("\n");
+  }
+}
+
+// Every mode of the scene found once, within 0.1 % in frequency and 10 % in
+// damping, with nothing else; the shape along the beam against the truth;
+// little in the component across it.
+void ExpectAllModes(const char* what, const RenderedBeam& b, const ModesResult& r,
+                    const std::vector<double>& minMac) {
+  SCOPED_TRACE(what);
+  Describe(what, b, r);
+  EXPECT_EQ(r.kind, ShapeKind::kDisplacement);
+  const auto& truth = b.scene.spec().modes;
+  ASSERT_EQ(r.modes.size(), truth.size());
+  for (std::size_t k = 0; k < truth.size(); ++k) {
+    EXPECT_NEAR(r.modes[k].frequencyHz / truth[k].frequency_hz, 1.0, 1e-3) << "mode " << k + 1;
+    EXPECT_NEAR(r.modes[k].damping / truth[k].damping, 1.0, 0.1) << "mode " << k + 1;
+    const ShapeCheck c = CheckShape(b, r, k, k);
+    EXPECT_GE(c.mac, minMac[k]) << "mode " << k + 1;
+    EXPECT_LE(c.acrossShare, 0.1) << "mode " << k + 1;
+  }
+}
+
+frfmap::BeamSpec Beam() {
+  frfmap::BeamSpec spec;
+  spec.width = 96;
+  spec.height = 256;
+  return spec;
+}
+
+TEST(DisplacementModes, BeamMovingSidewaysUnderCameraNoise) {
+  const RenderedBeam b(Beam());
+  ExpectAllModes("upright beam, 12-bit, random force", b, RunModes(b), {0.99, 0.99, 0.95});
+}
+
+TEST(DisplacementModes, LyingBeamEightBitCameraAndChirp) {
+  {
+    frfmap::BeamSpec spec = Beam();
+    spec.horizontal = true;
+    spec.width = 256;
+    spec.height = 96;
+    const RenderedBeam b(spec);
+    ExpectAllModes("lying beam", b, RunModes(b), {0.99, 0.99, 0.95});
+  }
+  {
+    const RenderedBeam b(Beam(), 8);
+    ExpectAllModes("8-bit camera", b, RunModes(b), {0.99, 0.99, 0.95});
+  }
+  {
+    frfmap::BeamSpec spec = Beam();
+    spec.excitation = frfmap::Excitation::kChirp;
+    const RenderedBeam b(spec);
+    ExpectAllModes("periodic chirp", b, RunModes(b), {0.99, 0.99, 0.95});
+  }
+}
+
+// A tenth of the motion: the first two modes still stand out of the noise.
+TEST(DisplacementModes, ATenthOfThePixelMotion) {
+  frfmap::BeamSpec spec = Beam();
+  spec.motion = 0.025;
+  const RenderedBeam b(spec);
+  const ModesResult r = RunModes(b);
+  Describe("0.025 px", b, r);
+  ASSERT_GE(r.modes.size(), 2u);
+  for (std::size_t k = 0; k < 2; ++k) {
+    EXPECT_NEAR(r.modes[k].frequencyHz / spec.modes.empty() ? 1.0 : 1.0, 1.0, 1.0);
+  }
+  const auto& truth = b.scene.spec().modes;
+  for (std::size_t k = 0; k < 2; ++k) {
+    EXPECT_NEAR(r.modes[k].frequencyHz / truth[k].frequency_hz, 1.0, 1e-3) << "mode " << k + 1;
+  }
+}
+
+// Windows with nothing to follow are unmeasured, not made up: inside the
+// plain stretch of the beam and on the dark background.
+TEST(DisplacementModes, NoTextureNoNumber) {
+  frfmap::BeamSpec spec = Beam();
+  spec.plain_patch = true;
+  const RenderedBeam b(spec);
+  const ModesResult r = RunModes(b);
+  ASSERT_FALSE(r.modes.empty());
+  const frfmap::BeamRect patch = b.scene.plain_patch();
+  ASSERT_FALSE(patch.empty());
+  const int radius = ModesOptions().flow.radius;
+  int inside = 0;
+  for (int y = patch.y0 + radius; y < patch.y1 - radius; ++y) {
+    for (int x = patch.x0 + radius; x < patch.x1 - radius; ++x) {
+      const std::size_t p = static_cast<std::size_t>(y) * r.width + x;
+      EXPECT_TRUE(std::isnan(r.modes[0].dispX[p].real())) << x << "," << y;
+      EXPECT_TRUE(std::isnan(r.modes[0].dispY[p].real())) << x << "," << y;
+      ++inside;
+    }
+  }
+  EXPECT_GT(inside, 0);
+  EXPECT_TRUE(std::isnan(r.modes[0].dispX[0].real()));  // the background's corner
+  // The speckled stretch next to it is measured.
+  const frfmap::BeamRect beam = b.scene.beam();
+  const int cx = (beam.x0 + beam.x1) / 2, cy = beam.y0 + 10;
+  EXPECT_TRUE(std::isfinite(r.modes[0].dispX[static_cast<std::size_t>(cy) * r.width + cx].real()));
+}
+
+}  // namespace
+}  // namespace frfcam::modes
