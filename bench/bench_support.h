@@ -13,7 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "frfmap/beam_scene.h"
 #include "frfmap/capture_writer.h"
+#include "frfmap/frf_map_calcs.h"
 #include "frfmap/synthetic_scene.h"
 #include "platform/platform.h"
 
@@ -78,6 +80,30 @@ inline std::string SynthesiseCapture(const std::string& dir, const std::string& 
   if (!frfmap::WriteCapture(
           header, desc, [&](std::int32_t f, std::uint16_t* s) { plate.Frame(f, s); }, &error)) {
     std::fprintf(stderr, "cannot write the capture: %s\n", error.c_str());
+    std::exit(1);
+  }
+  return header;
+}
+
+// A 12-bit capture of the synthetic beam, its cube rendered.
+inline std::string SynthesiseBeam(const std::string& dir, const frfmap::BeamScene& beam) {
+  const std::string header = dir + "/beam.hdr";
+  frfmap::CaptureSpec desc;
+  desc.width = beam.spec().width;
+  desc.height = beam.spec().height;
+  desc.frames = beam.spec().frames;
+  desc.fps = beam.spec().fps;
+  desc.pixel_format = 1;
+  desc.frames_per_file = 500;
+  std::string error;
+  if (!frfmap::WriteCapture(
+          header, desc, [&](std::int32_t f, std::uint16_t* s) { beam.Frame(f, s); }, &error)) {
+    std::fprintf(stderr, "cannot write the capture: %s\n", error.c_str());
+    std::exit(1);
+  }
+  frfmap::FrfMapCalcs calcs("bench");
+  if (calcs.OpenCube(header) != 0 || calcs.RenderCube([](int) {}) != 0) {
+    std::fprintf(stderr, "render failed\n");
     std::exit(1);
   }
   return header;

@@ -284,7 +284,7 @@ ModesStatus ComputeModes(const std::string& headerPath, const std::vector<float>
     for (std::size_t p = 0; p < pixels; ++p) result.meanImage[p] = plane[p].real();
   }
   std::vector<float> gx, gy;
-  ImageGradient(result.meanImage.data(), width, height, &gx, &gy);
+  ImageGradient(result.meanImage.data(), width, height, options.flow.gradient, &gx, &gy);
   flow.Build(gx, gy, width, height, 0.0, options.flow);
   {
     unsigned lastFile = 0;

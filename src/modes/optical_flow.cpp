@@ -12,8 +12,9 @@ namespace frfcam::modes {
 namespace {
 
 // Derivative of a line of n values at i, with stride `step` between them.
-inline float Derivative(const float* v, std::ptrdiff_t i, std::ptrdiff_t n, std::ptrdiff_t step) {
-  if (i >= 2 && i + 2 < n) {
+inline float Derivative(const float* v, std::ptrdiff_t i, std::ptrdiff_t n, std::ptrdiff_t step,
+                        bool fivePoint) {
+  if (fivePoint && i >= 2 && i + 2 < n) {
     return (v[(i - 2) * step] - 8.0f * v[(i - 1) * step] + 8.0f * v[(i + 1) * step] -
             v[(i + 2) * step]) /
            12.0f;
@@ -61,23 +62,53 @@ void BoxSum(std::vector<T>& v, unsigned w, unsigned h, int channels, int r) {
 
 }  // namespace
 
-void ImageGradient(const float* image, unsigned width, unsigned height, std::vector<float>* gx,
-                   std::vector<float>* gy) {
+void ImageGradient(const float* image, unsigned width, unsigned height, GradientOperator op,
+                   std::vector<float>* gx, std::vector<float>* gy) {
   const std::size_t pixels = std::size_t{width} * height;
   gx->assign(pixels, 0.0f);
   gy->assign(pixels, 0.0f);
   const auto w = static_cast<std::ptrdiff_t>(width);
   const auto h = static_cast<std::ptrdiff_t>(height);
+  const bool five = op == GradientOperator::kFivePoint;
   tbb::parallel_for(std::ptrdiff_t{0}, h, [&](std::ptrdiff_t y) {
     const float* row = image + y * w;
     for (std::ptrdiff_t x = 0; x < w; ++x) {
-      (*gx)[static_cast<std::size_t>(y * w + x)] = Derivative(row, x, w, 1);
-      (*gy)[static_cast<std::size_t>(y * w + x)] = Derivative(image + x, y, h, w);
+      (*gx)[static_cast<std::size_t>(y * w + x)] = Derivative(row, x, w, 1, five);
+      (*gy)[static_cast<std::size_t>(y * w + x)] = Derivative(image + x, y, h, w, five);
+    }
+  });
+  if (op != GradientOperator::kSobel) return;
+  // Smoothed across: gx along columns, gy along rows, by (1, 2, 1) / 4.
+  const std::vector<float> sx = *gx, sy = *gy;
+  tbb::parallel_for(std::ptrdiff_t{0}, h, [&](std::ptrdiff_t y) {
+    const std::ptrdiff_t up = std::max<std::ptrdiff_t>(0, y - 1);
+    const std::ptrdiff_t down = std::min(h - 1, y + 1);
+    for (std::ptrdiff_t x = 0; x < w; ++x) {
+      const std::ptrdiff_t left = std::max<std::ptrdiff_t>(0, x - 1);
+      const std::ptrdiff_t right = std::min(w - 1, x + 1);
+      (*gx)[static_cast<std::size_t>(y * w + x)] =
+          0.25f * (sx[static_cast<std::size_t>(up * w + x)] +
+                   2.0f * sx[static_cast<std::size_t>(y * w + x)] +
+                   sx[static_cast<std::size_t>(down * w + x)]);
+      (*gy)[static_cast<std::size_t>(y * w + x)] =
+          0.25f * (sy[static_cast<std::size_t>(y * w + left)] +
+                   2.0f * sy[static_cast<std::size_t>(y * w + x)] +
+                   sy[static_cast<std::size_t>(y * w + right)]);
     }
   });
 }
 
-double GradientNoiseGain() { return (1.0 + 64.0 + 64.0 + 1.0) / 144.0; }
+double GradientNoiseGain(GradientOperator op) {
+  switch (op) {
+    case GradientOperator::kCentral:
+      return 0.5;
+    case GradientOperator::kFivePoint:
+      return (1.0 + 64.0 + 64.0 + 1.0) / 144.0;
+    case GradientOperator::kSobel:
+      return 0.5 * (1.0 + 4.0 + 1.0) / 16.0;
+  }
+  return 1.0;
+}
 
 void FlowOperator::Build(const std::vector<float>& gx, const std::vector<float>& gy, unsigned width,
                          unsigned height, double pixelNoise, const FlowOptions& options) {
@@ -109,7 +140,7 @@ void FlowOperator::Build(const std::vector<float>& gx, const std::vector<float>&
   }
   const double side = 2.0 * radius_ + 1.0;
   floor = std::max(floor, options.minGradientSnr * options.minGradientSnr * side * side *
-                              GradientNoiseGain() * pixelNoise);
+                              GradientNoiseGain(options.gradient) * pixelNoise);
 
   k_.assign(3 * pixels, 0.0f);
   seen_.assign(pixels, kSeesNone);

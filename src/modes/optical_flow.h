@@ -24,14 +24,19 @@
 //    alone) and the other is NaN; otherwise both are NaN.
 //  - otherwise both components.
 //
-// Choices, by measurement on a speckled beam under camera noise (optics
-// blur 0.7 px, speckle 1.2 px; bench/flow_choices.cpp): the five-point
-// derivative (1, -8, 0, 8, -1) / 12 along each axis, not smoothed across,
-// and a square window of 7 x 7 pixels with equal weights. The plain central
-// difference underestimates the gradient of fine texture by 5-10 %, which
-// scales the displacement unevenly across the surface; smoothing across
-// (Sobel, Scharr) blurs the gradient that X does not share. Smaller windows
-// are noisier, larger ones average over more of the shape.
+// Choices, by measurement (bench/bench_flow_choices.cpp: a speckled beam
+// under 1 % shot noise, MAC along the beam and measured over true
+// amplitude of its three modes, at 0.25 and 0.025 px of motion): the
+// five-point derivative (1, -8, 0, 8, -1) / 12 along each axis, not
+// smoothed across, over a square window of 7 x 7 equally weighted pixels.
+//  - The central difference underestimates the gradient of fine texture and
+//    so overstates the amplitude by about 10 %; Sobel's smoothing across,
+//    which X does not share, by 15 %. The five-point derivative is within
+//    2 % and gives the best MACs too.
+//  - 3 x 3 windows are noisy (MAC 0.91 for the weakest mode at 0.025 px);
+//    from 7 x 7 up the gain is small (0.983 at 7 x 7, 0.995 at 13 x 13)
+//    and larger windows average over more of the shape and lose detail at
+//    edges and in small parts.
 #pragma once
 
 #include <complex>
@@ -41,7 +46,13 @@
 
 namespace frfcam::modes {
 
+// Derivative filters: the three-point central difference (-1, 0, 1) / 2,
+// the five-point (1, -8, 0, 8, -1) / 12, and Sobel's central difference
+// smoothed across by (1, 2, 1) / 4.
+enum class GradientOperator { kCentral, kFivePoint, kSobel };
+
 struct FlowOptions {
+  GradientOperator gradient = GradientOperator::kFivePoint;
   int radius = 3;  // window of (2 radius + 1)^2 pixels
   // A window has texture when the largest eigenvalue of M is at least
   // `minTexture` times the 99th percentile of that eigenvalue over the
@@ -57,22 +68,24 @@ struct FlowOptions {
 // What a window can measure: bit 0 the x component, bit 1 the y component.
 enum FlowSeen : std::uint8_t { kSeesNone = 0, kSeesX = 1, kSeesY = 2, kSeesBoth = 3 };
 
-// Gradient of an image with the five-point derivative, by columns (gx,
-// positive to the right) and rows (gy, positive down). At the borders the
-// derivative falls back to the three-point and then one-sided differences.
-void ImageGradient(const float* image, unsigned width, unsigned height, std::vector<float>* gx,
-                   std::vector<float>* gy);
+// Gradient of an image, by columns (gx, positive to the right) and rows
+// (gy, positive down). Near the borders the five-point derivative falls
+// back to the three-point one, and at the borders to one-sided differences;
+// Sobel's smoothing across repeats the border row.
+void ImageGradient(const float* image, unsigned width, unsigned height, GradientOperator op,
+                   std::vector<float>* gx, std::vector<float>* gy);
 
 // The variance of a gradient value (each axis) per unit variance of the
 // image's pixels, for independent pixel noise.
-double GradientNoiseGain();
+double GradientNoiseGain(GradientOperator op);
 
 // The least-squares operator of every window: U = -K b, with K the inverse
 // of M (both components seen), or 1/Mxx, 1/Myy for the one component an
 // edge lets through.
 class FlowOperator {
  public:
-  // The operator of the image with gradients gx, gy (ImageGradient).
+  // The operator of the image with gradients gx, gy (ImageGradient with
+  // options.gradient).
   // `pixelNoise` is the variance of one pixel of the image the gradients
   // were taken from (for the mean image of a capture of F frames: the
   // noise variance of a frame divided by F); 0 skips that floor.

@@ -46,6 +46,9 @@ ModesResult ExpectTheScenesModes(const RenderedScene& s, const ModesOptions& opt
   }
   EXPECT_GT(r.channels, 0);
   EXPECT_LE(r.channels, r.gridPixels);
+  // Light that changes in place is not taken for motion.
+  EXPECT_EQ(r.kind, ShapeKind::kBrightness) << r.motionShare;
+  EXPECT_TRUE(r.modes.empty() || r.modes[0].dispX.empty());
   return r;
 }
 
