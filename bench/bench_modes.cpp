@@ -1,10 +1,14 @@
 // The modes pipeline from a rendered cube to every output, split into its
-// stages, on the demo plate (512 x 384, 2000 frames) and at two and four
-// times its pixel count. The baseline of each size is one parallel pass that
-// reads every byte of the band's planes, timed in the same run, so the
-// per-pixel residue step can be judged against it on a busy machine.
+// stages: on the demo plate (brightness shapes; 512 x 384, 2000 frames) and
+// at two and four times its pixel count, and on the moving beam
+// (displacement shapes; 512 x 384 and 1024 x 1024). The baseline of each
+// size is one parallel pass that reads every byte of the band's planes,
+// timed in the same run, so the steps that stream the planes can be judged
+// against it on a busy machine. For the beam, the displacement steps are
+// the channels' pass (the windows' displacement spectra), the residues and
+// the residues' conversion to displacement.
 //
-//   bench_modes [frames]     (default 2000)
+//   bench_modes [frames] [plate|beam]     (default 2000, both)
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
 
@@ -72,10 +76,81 @@ void Report(const char* label, unsigned w, unsigned h, const Row& r) {
 }  // namespace
 }  // namespace frfcam::bench
 
+namespace frfcam::bench {
+namespace {
+
+int BeamSizes(int frames) {
+  const struct { std::uint16_t w, h; } sizes[] = {{512, 384}, {1024, 1024}};
+  std::printf(
+      "\ndisplacement modes of the moving beam, %d frames at 2000 fps; seconds as min / median "
+      "of %d runs\n",
+      frames, kRuns);
+  double basePerPixel = 0.0;
+  for (const auto& size : sizes) {
+    const std::string dir = BenchDir("modes-beam");
+    frfmap::BeamSpec spec;
+    spec.width = size.w;
+    spec.height = size.h;
+    spec.frames = frames;
+    const frfmap::BeamScene scene(spec);
+    const std::string header = SynthesiseBeam(dir, scene);
+    modes::ModesOptions options;
+    options.fps = spec.fps;
+    const unsigned pixels = unsigned{size.w} * size.h;
+    const unsigned bins = static_cast<unsigned>(frames / 2 + 1);
+    ReadBandOnce(header, pixels, bins);  // warm the page cache
+    std::vector<double> read, channels, pole, residues, flow, steps;
+    std::size_t found = 0;
+    for (int run = 0; run < kRuns; ++run) {
+      read.push_back(Seconds([&] { ReadBandOnce(header, pixels, bins); }));
+      modes::ModesResult r;
+      if (modes::ComputeModes(header, scene.excitation(), options, &r) != modes::ModesStatus::kOk ||
+          r.kind != modes::ShapeKind::kDisplacement) {
+        std::fprintf(stderr, "modes failed\n");
+        return 1;
+      }
+      found = r.modes.size();
+      const auto s = [](std::chrono::nanoseconds t) {
+        return std::chrono::duration<double>(t).count();
+      };
+      channels.push_back(s(r.times.reading));
+      pole.push_back(s(r.times.poleFit));
+      residues.push_back(s(r.times.residues));
+      flow.push_back(s(r.times.flow));
+      steps.push_back(s(r.times.reading) + s(r.times.residues) + s(r.times.flow));
+    }
+    const auto mm = [](const std::vector<double>& v) {
+      return std::make_pair(*std::min_element(v.begin(), v.end()), Median(v));
+    };
+    std::printf(
+        "%4ux%-4u read-once %6.2f / %6.2f   channels %5.2f / %5.2f   pole fit %5.2f / %5.2f   "
+        "residues %5.2f / %5.2f   to displacement %5.2f / %5.2f   modes %zu\n",
+        size.w, size.h, mm(read).first, mm(read).second, mm(channels).first, mm(channels).second,
+        mm(pole).first, mm(pole).second, mm(residues).first, mm(residues).second, mm(flow).first,
+        mm(flow).second, found);
+    const double perPixel = Median(steps) / pixels;
+    std::printf("    displacement steps / read-once %.2f (median)", Median(steps) / Median(read));
+    if (basePerPixel > 0.0) {
+      std::printf("; per pixel %.2fx the 512x384 time", perPixel / basePerPixel);
+    } else {
+      basePerPixel = perPixel;
+    }
+    std::printf("\n");
+    std::fflush(stdout);
+    RemoveDir(dir);
+  }
+  return 0;
+}
+
+}  // namespace
+}  // namespace frfcam::bench
+
 int main(int argc, char** argv) {
   using namespace frfcam;
   using namespace frfcam::bench;
   const int frames = argc > 1 ? std::atoi(argv[1]) : 2000;
+  const std::string which = argc > 2 ? argv[2] : "";
+  if (which == "beam") return BeamSizes(frames);
   const struct {
     const char* label;
     std::uint16_t w, h;
@@ -142,5 +217,5 @@ int main(int argc, char** argv) {
     }
     RemoveDir(dir);
   }
-  return 0;
+  return which == "plate" ? 0 : BeamSizes(frames);
 }

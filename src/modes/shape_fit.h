@@ -2,11 +2,12 @@
 // fitted by the same modal model (stability::ModalDesignMatrix), so the
 // least-squares operator P = (A^H A)^-1 A^H is the same for all pixels:
 // factorised once, folded with the reference (H = X / R, so P H = (P / R) X),
-// and applied to the cube's planes as they stream past, one matrix product
-// per chunk of planes: C += X_chunk (pixels x bins) * W_chunk (bins x terms).
-// Planes are read into two buffers of half of `chunkBytes` (one is read while
-// the other is fitted), so memory stays
-// bounded whatever the size of the capture.
+// and applied to the cube's planes as they stream past: C += X (pixels x
+// bins) * W (bins x terms). The image is cut into segments of pixels; each
+// worker reads its segment of a few planes at a time into a buffer of its
+// own (together at most `chunkBytes`, at least one segment of one plane
+// each) and fits it while it is in the cache, so memory stays bounded
+// whatever the size of the capture.
 #pragma once
 
 #include <atomic>

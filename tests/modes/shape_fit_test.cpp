@@ -21,13 +21,15 @@ using test::RenderedScene;
 using test::SmallScene;
 
 TEST(FitShapes, EveryPixelEqualsTheDirectSolve) {
-  // 70 x 44 = 3080 pixels: one full task of 2048 and a partial one.
+  // 71 x 43 = 3053 pixels: segments of 1024 and a partial one whose last
+// pixel is not in a block of four; a buffer of six planes for the two
+// workers makes groups of three planes and a shorter last one.
   frfmap::SceneSpec spec = SmallScene(frfmap::SceneKind::kPlate, {});
-  spec.width = 70;
-  spec.height = 44;
+  spec.width = 71;
+  spec.height = 43;
   spec.frames = 600;
   RenderedScene s(spec);
-  const std::uint32_t pixels = 70u * 44u;
+  const std::uint32_t pixels = 71u * 43u;
   const std::uint32_t binsTotal = spec.frames / 2 + 1;
   const double binHz = spec.fps / spec.frames;
 

@@ -53,6 +53,36 @@ class ModesOfSyntheticPlate(unittest.TestCase):
                 frfcam.modes(header, reference, orders=(40, 2))
             with self.assertRaisesRegex(ValueError, "band"):
                 frfcam.modes(header, reference, band=(500, 100))
+            with self.assertRaisesRegex(ValueError, "shapes"):
+                frfcam.modes(header, reference, shapes="motion")
+            self.assertEqual(result.kind, "brightness")
+            self.assertIsNone(result.displacement)
+
+
+class ModesOfMovingBeam(unittest.TestCase):
+    def test_displacement_in_millimetres_matches_the_command_line(self):
+        with tempfile.TemporaryDirectory() as folder:
+            header = os.path.join(folder, "beam.hdr")
+            reference = os.path.join(folder, "beam_reference.txt")
+            subprocess.run([CLI, "synth", header, "--scene", "beam", "--width", "64",
+                            "--height", "160"], check=True, stdout=subprocess.DEVNULL)
+            result = frfcam.modes(header, reference, scale=0.5)
+            self.assertEqual(result.kind, "displacement")
+            np.testing.assert_allclose(result.frequency_hz, [60, 250, 700], rtol=1e-3)
+            self.assertEqual((result.displacement.dtype, result.displacement.shape),
+                             (np.complex64, (3, 2, 160, 64)))
+            self.assertEqual(result.mean_image.shape, (160, 64))
+            # The background has nothing to follow; the beam moves in x.
+            self.assertTrue(np.isnan(result.displacement[0, 0, 0, 0]))
+            ux = result.displacement[0, 0]
+            self.assertGreater(np.count_nonzero(np.isfinite(ux)), 1000)
+
+            out = os.path.join(folder, "out")
+            subprocess.run([CLI, "modes", header, "--reference", reference, "--scale", "0.5",
+                            "-o", out], check=True, stdout=subprocess.DEVNULL)
+            for k in range(3):
+                np.testing.assert_array_equal(
+                    result.displacement[k], np.load(os.path.join(out, f"mode_{k + 1}_disp.npy")))
 
 
 if __name__ == "__main__":
