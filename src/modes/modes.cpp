@@ -153,8 +153,10 @@ double Mac(const std::vector<std::complex<double>>& a, const std::vector<std::co
   return aa > 0.0 && bb > 0.0 ? std::norm(cross) / (aa * bb) : 0.0;
 }
 
-ModesStatus ComputeModes(const std::string& headerPath, const std::vector<float>& reference,
-                         const ModesOptions& options, ModesResult* out, std::string* error) {
+namespace {
+
+ModesStatus Compute(const std::string& headerPath, const std::vector<float>& reference,
+                    const ModesOptions& options, ModesResult* out, std::string* error) {
   frfmap::CaptureHeader header;
   if (!header.Load(headerPath)) {
     return Fail(ModesStatus::kBadCapture, headerPath + ": cannot read the capture header", error);
@@ -603,15 +605,16 @@ ModesStatus ComputeModes(const std::string& headerPath, const std::vector<float>
   if (kind == ShapeKind::kDisplacement) {
     // The window operator is linear, so the residues of U are the window
     // operator applied to the residues of X.
+    std::vector<std::complex<double>> scratch;
     for (std::size_t m = 0; m < result.modes.size(); ++m) {
       Mode& mode = result.modes[m];
       try {
         mode.dispX.resize(pixels);
         mode.dispY.resize(pixels);
+        flow.Apply(&fit.coefficients[m * pixels], mode.dispX.data(), mode.dispY.data(), &scratch);
       } catch (const std::bad_alloc&) {
         return Fail(ModesStatus::kOutOfMemory, "not enough memory for the shapes", error);
       }
-      flow.Apply(&fit.coefficients[m * pixels], mode.dispX.data(), mode.dispY.data());
       // The mode's term at its natural frequency: R / (2i zeta w^2).
       const double w = 2.0 * std::numbers::pi * mode.frequencyHz;
       const auto atPeak =
@@ -629,6 +632,19 @@ ModesStatus ComputeModes(const std::string& headerPath, const std::vector<float>
   result.times.flow = Clock::now() - t3;
   *out = std::move(result);
   return ModesStatus::kOk;
+}
+
+}  // namespace
+
+ModesStatus ComputeModes(const std::string& headerPath, const std::vector<float>& reference,
+                         const ModesOptions& options, ModesResult* out, std::string* error) {
+  // Buffers in worker tasks too may fail to allocate; every such failure
+  // ends here, whatever step it hit.
+  try {
+    return Compute(headerPath, reference, options, out, error);
+  } catch (const std::bad_alloc&) {
+    return Fail(ModesStatus::kOutOfMemory, "not enough memory", error);
+  }
 }
 
 }  // namespace frfcam::modes

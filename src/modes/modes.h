@@ -79,7 +79,7 @@ struct ModesOptions {
   // the motion rule of kAuto.
   FlowOptions flow;
   int windowStride = 0;
-  int minWindows = 2500;
+  int minWindows = 1200;
   int maxComponents = 8;
   double componentFloor = 1.5;
   double minMotionShare = 0.5;

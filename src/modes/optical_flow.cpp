@@ -179,21 +179,30 @@ double FlowOperator::NoiseGainY(std::size_t p) const {
 }
 
 void FlowOperator::Apply(const std::complex<float>* x, std::complex<float>* ux,
-                         std::complex<float>* uy) const {
+                         std::complex<float>* uy,
+                         std::vector<std::complex<double>>* scratch) const {
   const std::size_t pixels = std::size_t{width_} * height_;
   // b summed in double: the window's terms cancel in part.
-  std::vector<std::complex<double>> b(2 * pixels);
-  for (std::size_t p = 0; p < pixels; ++p) {
-    b[2 * p] = std::complex<double>(x[p]) * static_cast<double>(gx_[p]);
-    b[2 * p + 1] = std::complex<double>(x[p]) * static_cast<double>(gy_[p]);
-  }
+  std::vector<std::complex<double>> own;
+  std::vector<std::complex<double>>& b = scratch != nullptr ? *scratch : own;
+  b.resize(2 * pixels);
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, pixels, 4096),
+                    [&](const tbb::blocked_range<std::size_t>& range) {
+                      for (std::size_t p = range.begin(); p != range.end(); ++p) {
+                        b[2 * p] = std::complex<double>(x[p]) * static_cast<double>(gx_[p]);
+                        b[2 * p + 1] = std::complex<double>(x[p]) * static_cast<double>(gy_[p]);
+                      }
+                    });
   BoxSum(b, width_, height_, 2, radius_);
-  for (std::size_t p = 0; p < pixels; ++p) {
-    std::complex<double> u, v;
-    Solve(p, b[2 * p], b[2 * p + 1], &u, &v);
-    ux[p] = std::complex<float>(u);
-    uy[p] = std::complex<float>(v);
-  }
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, pixels, 4096),
+                    [&](const tbb::blocked_range<std::size_t>& range) {
+                      for (std::size_t p = range.begin(); p != range.end(); ++p) {
+                        std::complex<double> u, v;
+                        Solve(p, b[2 * p], b[2 * p + 1], &u, &v);
+                        ux[p] = std::complex<float>(u);
+                        uy[p] = std::complex<float>(v);
+                      }
+                    });
 }
 
 void FlowOperator::WindowSums(const std::complex<float>* rows, unsigned firstRow, unsigned cx,

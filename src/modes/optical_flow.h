@@ -121,7 +121,10 @@ class FlowOperator {
 
   // The whole field at once: for one plane X (width x height complex
   // values), the displacement planes ux and uy (NaN where not seen).
-  void Apply(const std::complex<float>* x, std::complex<float>* ux, std::complex<float>* uy) const;
+  // `scratch` (2 values per pixel) may be kept between calls to save its
+  // allocation.
+  void Apply(const std::complex<float>* x, std::complex<float>* ux, std::complex<float>* uy,
+             std::vector<std::complex<double>>* scratch = nullptr) const;
 
   // The window sums at one pixel p = (cx, cy) of plane rows: `rows` holds
   // the image rows cy - radius .. cy + radius (clipped at the borders) of X,

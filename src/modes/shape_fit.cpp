@@ -60,8 +60,7 @@ using V8 = float __attribute__((vector_size(32)));
 template <int T>
 [[gnu::always_inline]] inline void AccumulateBlock(const float* x, Index planeFloats, Index count,
                                                    const std::complex<float>* w, const float* e,
-                                                   float* const* acc, Index offset,
-                                                   float* energy) {
+                                                   float* const* acc, Index offset, float* energy) {
   V8 a[T], b[T];
   for (int t = 0; t < T; ++t) a[t] = b[t] = V8{};
   V8 sum{};
@@ -94,11 +93,11 @@ FRFCAM_VECTOR_CLONES bool AccumulateBlocks(const float* x, Index planeFloats, In
   const auto run = [&](auto block) {
     for (Index i = 0; i + 4 <= n; i += 4) block(x + 2 * i, 2 * i, energy + i);
   };
-#define FRFCAM_TERMS(T)                                                        \
-  case T:                                                                      \
-    run([&](const float* xi, Index offset, float* ei) {                        \
-      AccumulateBlock<T>(xi, planeFloats, count, w, e, acc, offset, ei);       \
-    });                                                                        \
+#define FRFCAM_TERMS(T)                                                  \
+  case T:                                                                \
+    run([&](const float* xi, Index offset, float* ei) {                  \
+      AccumulateBlock<T>(xi, planeFloats, count, w, e, acc, offset, ei); \
+    });                                                                  \
     return true;
   switch (terms) {
     FRFCAM_TERMS(2)
@@ -185,9 +184,10 @@ ShapeFitStatus FitShapes(frfmap::CubeFileSet& cube, std::uint32_t pixels,
   const Index segment =
       std::clamp<Index>((p / 8 + 3) / 4 * 4, std::min<Index>(p, 1024), kSegmentPixels);
   const std::size_t segmentBytes = static_cast<std::size_t>(segment) * sizeof(std::complex<float>);
-  const auto workers = static_cast<std::size_t>(std::max(1, tbb::this_task_arena::max_concurrency()));
-  const Index group = std::clamp<Index>(
-      static_cast<Index>(chunkBytes / workers / segmentBytes), 1, std::min<Index>(lines, 8));
+  const auto workers =
+      static_cast<std::size_t>(std::max(1, tbb::this_task_arena::max_concurrency()));
+  const Index group = std::clamp<Index>(static_cast<Index>(chunkBytes / workers / segmentBytes), 1,
+                                        std::min<Index>(lines, 8));
   std::atomic<bool> shortRead{false}, stopped{false}, noMemory{false};
   tbb::parallel_for(
       tbb::blocked_range<Index>(0, (p + segment - 1) / segment, 1),
@@ -228,9 +228,8 @@ ShapeFitStatus FitShapes(frfmap::CubeFileSet& cube, std::uint32_t pixels,
             // Pixels in blocks of four where the terms allow, the rest
             // plane by plane.
             Index done = 0;
-            if (AccumulateBlocks(base, 2 * segment, n, count, weights.data() + first * terms,
-                                 terms, energyWeight.data() + first, acc.data(),
-                                 energy.data() + r0)) {
+            if (AccumulateBlocks(base, 2 * segment, n, count, weights.data() + first * terms, terms,
+                                 energyWeight.data() + first, acc.data(), energy.data() + r0)) {
               done = n - n % 4;
             }
             if (done == n) continue;
