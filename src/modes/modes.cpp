@@ -15,6 +15,7 @@
 #include "frfmap/fft.h"
 #include "modes/principal_frfs.h"
 #include "modes/shape_fit.h"
+#include "modes/window_channels.h"
 
 namespace frfcam::modes {
 
@@ -253,12 +254,9 @@ ModesStatus Compute(const std::string& headerPath, const std::vector<float>& ref
   // The pole-fit windows, centred every windowStride pixels.
   result.windowStride = options.windowStride > 0 ? options.windowStride
                                                  : DefaultStride(width, height, options.minWindows);
-  const auto ws = static_cast<unsigned>(result.windowStride);
-  std::vector<unsigned> windowRows, windowCols;
-  for (unsigned y = ws / 2; y < height; y += ws) windowRows.push_back(y);
-  for (unsigned x = ws / 2; x < width; x += ws) windowCols.push_back(x);
   const int radius = std::max(0, options.flow.radius);
   result.flowRadius = radius;
+  WindowChannels windows(width, height, result.windowStride, radius, lines);
 
   frfmap::CubeFileSet cube;
   cube.Reset(headerPath, layout);
@@ -304,13 +302,7 @@ ModesStatus Compute(const std::string& headerPath, const std::vector<float>& ref
   // rows and every window's.
   std::vector<char> needed(height, 0);
   for (unsigned y : gridRows) needed[y] = 1;
-  for (unsigned y : windowRows) {
-    for (int d = -radius; d <= radius; ++d) {
-      const long long row = static_cast<long long>(y) + d;
-      if (row >= 0 && row < static_cast<long long>(height))
-        needed[static_cast<std::size_t>(row)] = 1;
-    }
-  }
+  windows.MarkRows(&needed);
   std::vector<std::pair<unsigned, unsigned>> runs;  // first row, count
   for (unsigned y = 0; y < height; ++y) {
     if (!needed[y]) continue;
@@ -320,19 +312,7 @@ ModesStatus Compute(const std::string& headerPath, const std::vector<float>& ref
       runs.push_back({y, 1});
     }
   }
-  const std::size_t windowCount = windowRows.size() * windowCols.size();
-  Eigen::MatrixXcf x;
-  // Per window and line: the sums b (x, y) and the brightness energy.
-  Eigen::MatrixXcf bx, by;
-  Eigen::MatrixXf energy;
-  try {
-    x.resize(static_cast<Index>(grid.size()), lines);
-    bx.resize(static_cast<Index>(windowCount), lines);
-    by.resize(static_cast<Index>(windowCount), lines);
-    energy.resize(static_cast<Index>(windowCount), lines);
-  } catch (const std::bad_alloc&) {
-    return Fail(ModesStatus::kOutOfMemory, "not enough memory for the pole-fit pixels", error);
-  }
+  Eigen::MatrixXcf x(static_cast<Index>(grid.size()), lines);
   std::atomic<bool> shortRead{false};
   tbb::parallel_for(
       tbb::blocked_range<Index>(0, lines, 4), [&](const tbb::blocked_range<Index>& range) {
@@ -350,103 +330,22 @@ ModesStatus Compute(const std::string& headerPath, const std::vector<float>& ref
           }
           for (std::size_t g = 0; g < grid.size(); ++g)
             x(static_cast<Index>(g), b) = plane[grid[g]];
-          Index w = 0;
-          for (unsigned cy : windowRows) {
-            for (unsigned cx : windowCols) {
-              std::complex<float> sx, sy;
-              float e = 0.0f;
-              flow.WindowSums(plane.data(), 0, cx, cy, &sx, &sy, &e);
-              bx(w, b) = sx;
-              by(w, b) = sy;
-              energy(w, b) = e;
-              ++w;
-            }
-          }
+          windows.Accumulate(flow, plane.data(), b);
         }
       });
   if (shortRead.load())
     return Fail(ModesStatus::kCubeIncomplete, "a cube file is too short", error);
   if (Cancelled(options)) return Fail(ModesStatus::kCancelled, "cancelled", error);
 
-  // The windows' noise: per pixel and line, from what the gradients do not
-  // explain (median over the band, so resonances do not count), then the
-  // window operator again with the texture floor that noise sets.
-  std::vector<std::size_t> windowPixel(windowCount);
-  std::vector<double> windowPixels(windowCount);
-  {
-    std::size_t w = 0;
-    for (unsigned cy : windowRows) {
-      for (unsigned cx : windowCols) {
-        windowPixel[w] = std::size_t{cy} * width + cx;
-        const auto span = [&](unsigned c, unsigned n) {
-          const long long lo = std::max<long long>(0, static_cast<long long>(c) - radius);
-          const long long hi = std::min<long long>(n - 1, static_cast<long long>(c) + radius);
-          return static_cast<double>(hi - lo + 1);
-        };
-        windowPixels[w] = span(cx, width) * span(cy, height);
-        ++w;
-      }
-    }
+  // The windows' noise, then the window operator again with the texture
+  // floor that noise sets, and the motion rule.
+  const double pixelNoise = windows.EstimateNoise(flow);
+  if (pixelNoise > 0.0) {
+    flow.Build(gx, gy, width, height, pixelNoise, options.flow);
+    windows.EstimateNoise(flow);
   }
-  const auto explained = [&](std::size_t w, Index b) {
-    std::complex<float> ux, uy;
-    flow.Solve(windowPixel[w], bx(static_cast<Index>(w), b), by(static_cast<Index>(w), b), &ux,
-               &uy);
-    // b^H K b = -b^H U over the components seen.
-    double e = 0.0;
-    const FlowSeen seen = flow.seen(windowPixel[w]);
-    if (seen & kSeesX) e -= (std::conj(bx(static_cast<Index>(w), b)) * ux).real();
-    if (seen & kSeesY) e -= (std::conj(by(static_cast<Index>(w), b)) * uy).real();
-    return e;
-  };
-  const auto degrees = [&](std::size_t w) {
-    const FlowSeen seen = flow.seen(windowPixel[w]);
-    return (seen & kSeesX ? 1 : 0) + (seen & kSeesY ? 1 : 0);
-  };
-  std::vector<double> noise(windowCount, 0.0);
-  const auto estimateNoise = [&] {
-    tbb::parallel_for(std::size_t{0}, windowCount, [&](std::size_t w) {
-      std::vector<double> rest(static_cast<std::size_t>(lines));
-      for (Index b = 0; b < lines; ++b) {
-        rest[static_cast<std::size_t>(b)] = energy(static_cast<Index>(w), b) - explained(w, b);
-      }
-      auto mid = rest.begin() + static_cast<std::ptrdiff_t>(rest.size() / 2);
-      std::nth_element(rest.begin(), mid, rest.end());
-      noise[w] = std::max(0.0, *mid) / std::max(1.0, windowPixels[w] - degrees(w));
-    });
-  };
-  estimateNoise();
-  {
-    std::vector<double> textured;
-    for (std::size_t w = 0; w < windowCount; ++w) {
-      if (flow.seen(windowPixel[w]) != kSeesNone) textured.push_back(noise[w]);
-    }
-    if (!textured.empty()) {
-      auto mid = textured.begin() + static_cast<std::ptrdiff_t>(textured.size() / 2);
-      std::nth_element(textured.begin(), mid, textured.end());
-      flow.Build(gx, gy, width, height, *mid, options.flow);
-      estimateNoise();
-    }
-  }
-
-  // The motion rule: of the brightness energy above the noise, the share
-  // the gradients explain.
   std::vector<std::size_t> seenWindows;
-  {
-    double above = 0.0, moving = 0.0;
-    for (std::size_t w = 0; w < windowCount; ++w) {
-      if (flow.seen(windowPixel[w]) == kSeesNone) continue;
-      seenWindows.push_back(w);
-      double total = 0.0, fitted = 0.0;
-      for (Index b = 0; b < lines; ++b) {
-        total += energy(static_cast<Index>(w), b);
-        fitted += explained(w, b);
-      }
-      above += total - windowPixels[w] * noise[w] * static_cast<double>(lines);
-      moving += fitted - degrees(w) * noise[w] * static_cast<double>(lines);
-    }
-    result.motionShare = above > 0.0 ? std::clamp(moving / above, 0.0, 1.0) : 0.0;
-  }
+  result.motionShare = windows.MotionShare(flow, &seenWindows);
   result.windows = static_cast<int>(seenWindows.size());
   ShapeKind kind = options.shapes;
   if (kind == ShapeKind::kAuto) {
@@ -461,49 +360,25 @@ ModesStatus Compute(const std::string& headerPath, const std::vector<float>& ref
     if (seenWindows.empty()) {
       return Fail(ModesStatus::kNoResponse, "no window of the grid has texture to follow", error);
     }
-    // Each component seen, divided by its noise (unit variance per line).
-    std::vector<std::pair<std::size_t, int>> columns;  // window, component
-    for (std::size_t w : seenWindows) {
-      const FlowSeen seen = flow.seen(windowPixel[w]);
-      if ((seen & kSeesX) && noise[w] > 0.0) columns.push_back({w, 0});
-      if ((seen & kSeesY) && noise[w] > 0.0) columns.push_back({w, 1});
-    }
+    std::vector<WindowChannels::Column> columns;
+    const Eigen::MatrixXcf y = windows.Whitened(flow, seenWindows, &columns);
     if (columns.empty()) {
       return Fail(ModesStatus::kNoResponse, "no window of the grid sees any motion", error);
     }
-    Eigen::MatrixXcf y;
-    try {
-      y.resize(lines, static_cast<Index>(columns.size()));
-    } catch (const std::bad_alloc&) {
-      return Fail(ModesStatus::kOutOfMemory, "not enough memory for the pole-fit windows", error);
-    }
-    tbb::parallel_for(std::size_t{0}, columns.size(), [&](std::size_t c) {
-      const auto [w, component] = columns[c];
-      const std::size_t p = windowPixel[w];
-      const double gain = component == 0 ? flow.NoiseGainX(p) : flow.NoiseGainY(p);
-      const auto weight = static_cast<float>(1.0 / std::sqrt(noise[w] * gain));
-      for (Index b = 0; b < lines; ++b) {
-        std::complex<float> ux, uy;
-        flow.Solve(p, bx(static_cast<Index>(w), b), by(static_cast<Index>(w), b), &ux, &uy);
-        y(b, static_cast<Index>(c)) = (component == 0 ? ux : uy) * weight;
-      }
-    });
     result.channels = static_cast<int>(columns.size());
     if (options.exportWindows > 0) {
       const double ratio = static_cast<double>(seenWindows.size()) / options.exportWindows;
       const auto step = static_cast<std::size_t>(std::max(1.0, std::ceil(std::sqrt(ratio))));
       for (const auto& [w, component] : columns) {
-        const std::size_t row = w / windowCols.size(), col = w % windowCols.size();
-        if (row % step != 0 || col % step != 0) continue;
+        if (windows.gridRow(w) % step != 0 || windows.gridColumn(w) % step != 0) continue;
         ModesResult::WindowFrf f;
-        f.x = windowCols[col];
-        f.y = windowRows[row];
+        f.x = windows.centreX(w);
+        f.y = windows.centreY(w);
         f.component = component;
         f.frf.resize(static_cast<std::size_t>(lines));
         for (Index b = 0; b < lines; ++b) {
           std::complex<float> ux, uy;
-          flow.Solve(windowPixel[w], bx(static_cast<Index>(w), b), by(static_cast<Index>(w), b),
-                     &ux, &uy);
+          windows.Displacement(flow, w, b, &ux, &uy);
           f.frf[static_cast<std::size_t>(b)] = std::complex<float>(
               std::complex<double>(component == 0 ? ux : uy) / r[static_cast<std::size_t>(b)]);
         }
@@ -539,9 +414,6 @@ ModesStatus Compute(const std::string& headerPath, const std::vector<float>& ref
     }
   }
   x.resize(0, 0);
-  bx.resize(0, 0);
-  by.resize(0, 0);
-  energy.resize(0, 0);
   auto t1 = Clock::now();
   result.times.reading = t1 - t0;
   // 2. Poles.
