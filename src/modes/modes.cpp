@@ -300,39 +300,44 @@ ModesStatus Compute(const std::string& headerPath, const std::vector<float>& ref
   }
   // The rows the channels need, as runs of consecutive rows: the grid's
   // rows and every window's.
-  std::vector<char> needed(height, 0);
-  for (unsigned y : gridRows) needed[y] = 1;
-  windows.MarkRows(&needed);
-  std::vector<std::pair<unsigned, unsigned>> runs;  // first row, count
-  for (unsigned y = 0; y < height; ++y) {
-    if (!needed[y]) continue;
-    if (!runs.empty() && runs.back().first + runs.back().second == y) {
-      ++runs.back().second;
-    } else {
-      runs.push_back({y, 1});
-    }
-  }
-  Eigen::MatrixXcf x(static_cast<Index>(grid.size()), lines);
+  // One pass over the band reads the rows a job needs, as runs of
+  // consecutive rows, into a plane-sized buffer per worker and hands it on
+  // line by line.
   std::atomic<bool> shortRead{false};
-  tbb::parallel_for(
-      tbb::blocked_range<Index>(0, lines, 4), [&](const tbb::blocked_range<Index>& range) {
-        std::vector<std::complex<float>> plane(pixels);
-        for (Index b = range.begin(); b != range.end(); ++b) {
-          if (Cancelled(options)) return;
-          const std::uint32_t bin = band[static_cast<std::size_t>(b)];
-          for (const auto& [first, count] : runs) {
-            const std::size_t bytes = rowBytes * count;
-            if (cube.ReadInPlane(bin, std::uint64_t{first} * rowBytes,
-                                 plane.data() + std::size_t{first} * width, bytes) != bytes) {
-              shortRead.store(true);
-              return;
+  const auto pass = [&](const std::vector<char>& needed, const auto& use) {
+    std::vector<std::pair<unsigned, unsigned>> runs;  // first row, count
+    for (unsigned y = 0; y < height; ++y) {
+      if (!needed[y]) continue;
+      if (!runs.empty() && runs.back().first + runs.back().second == y) {
+        ++runs.back().second;
+      } else {
+        runs.push_back({y, 1});
+      }
+    }
+    tbb::parallel_for(
+        tbb::blocked_range<Index>(0, lines, 4), [&](const tbb::blocked_range<Index>& range) {
+          std::vector<std::complex<float>> plane(pixels);
+          for (Index b = range.begin(); b != range.end(); ++b) {
+            if (Cancelled(options)) return;
+            const std::uint32_t bin = band[static_cast<std::size_t>(b)];
+            for (const auto& [first, count] : runs) {
+              const std::size_t bytes = rowBytes * count;
+              if (cube.ReadInPlane(bin, std::uint64_t{first} * rowBytes,
+                                   plane.data() + std::size_t{first} * width, bytes) != bytes) {
+                shortRead.store(true);
+                return;
+              }
             }
+            use(plane.data(), b);
           }
-          for (std::size_t g = 0; g < grid.size(); ++g)
-            x(static_cast<Index>(g), b) = plane[grid[g]];
-          windows.Accumulate(flow, plane.data(), b);
-        }
-      });
+        });
+  };
+  {
+    std::vector<char> needed(height, 0);
+    windows.MarkRows(&needed);
+    pass(needed,
+         [&](const std::complex<float>* plane, Index b) { windows.Accumulate(flow, plane, b); });
+  }
   if (shortRead.load())
     return Fail(ModesStatus::kCubeIncomplete, "a cube file is too short", error);
   if (Cancelled(options)) return Fail(ModesStatus::kCancelled, "cancelled", error);
@@ -391,6 +396,19 @@ ModesStatus Compute(const std::string& headerPath, const std::vector<float>& ref
     h = principal.spectra;
     for (Index b = 0; b < lines; ++b) h.row(b) /= r[static_cast<std::size_t>(b)];
   } else {
+    // The grid's pixels, in a pass of their own: a displacement fit needs
+    // none of them.
+    Eigen::MatrixXcf x(static_cast<Index>(grid.size()), lines);
+    {
+      std::vector<char> needed(height, 0);
+      for (unsigned y : gridRows) needed[y] = 1;
+      pass(needed, [&](const std::complex<float>* plane, Index b) {
+        for (std::size_t g = 0; g < grid.size(); ++g) x(static_cast<Index>(g), b) = plane[grid[g]];
+      });
+    }
+    if (shortRead.load())
+      return Fail(ModesStatus::kCubeIncomplete, "a cube file is too short", error);
+    if (Cancelled(options)) return Fail(ModesStatus::kCancelled, "cancelled", error);
     std::vector<Index> kept;
     std::vector<float> power(static_cast<std::size_t>(lines));
     for (Index g = 0; g < x.rows(); ++g) {
@@ -413,7 +431,6 @@ ModesStatus Compute(const std::string& headerPath, const std::vector<float>& ref
       }
     }
   }
-  x.resize(0, 0);
   auto t1 = Clock::now();
   result.times.reading = t1 - t0;
   // 2. Poles.

@@ -2,6 +2,7 @@
 // noise: the modes found, and the shapes against the scene's truth.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
 #include <complex>
 #include <cstdio>
@@ -80,8 +81,14 @@ ModesResult RunModes(const RenderedBeam& b, ModesOptions options = {}) {
 }
 
 void Describe(const char* what, const RenderedBeam& b, const ModesResult& r) {
-  std::printf("%s: kind %s, share %.3f, %d windows, %d channels, %d components\n", what,
-              ShapeKindName(r.kind), r.motionShare, r.windows, r.channels, r.components);
+  const auto ms = [](std::chrono::nanoseconds t) {
+    return std::chrono::duration<double, std::milli>(t).count();
+  };
+  std::printf(
+      "%s: kind %s, share %.3f, %d windows, %d channels, %d components; channels %.0f ms, pole "
+      "fit %.0f ms, residues %.0f ms, to displacement %.0f ms\n",
+      what, ShapeKindName(r.kind), r.motionShare, r.windows, r.channels, r.components,
+      ms(r.times.reading), ms(r.times.poleFit), ms(r.times.residues), ms(r.times.flow));
   for (std::size_t k = 0; k < r.modes.size(); ++k) {
     std::printf("  %.4f Hz  %.4f %%", r.modes[k].frequencyHz, 100 * r.modes[k].damping);
     for (std::size_t t = 0; t < b.scene.spec().modes.size(); ++t) {
