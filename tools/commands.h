@@ -28,5 +28,12 @@ void RegisterCaptureCommands(CLI::App& app);    // synth, info
 void RegisterCubeCommands(CLI::App& app);       // render, map, delete
 void RegisterStabilityCommands(CLI::App& app);  // stability, synth-frf
 void RegisterModesCommand(CLI::App& app);       // modes
+void RegisterImportCommand(CLI::App& app);      // import
+
+// The capture header to use for `path`: `path` itself when it is a capture
+// header, else the import of the recording it names, made once and kept
+// beside it (or below `workDir`) while the recording is unchanged.
+// Progress on stderr; throws CommandError, or ExitWith{130} on Ctrl-C.
+std::string CaptureFor(const std::string& path, const std::string& workDir);
 
 }  // namespace frfcam::cli

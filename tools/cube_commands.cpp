@@ -157,13 +157,21 @@ void RunMap(const MapOptions& o) {
 
 void RegisterCubeCommands(CLI::App& app) {
   auto* render = app.add_subcommand("render", "Render a capture's cube (per-pixel spectra)");
-  static std::string render_header;
-  render->add_option("capture", render_header, "Capture header file")->required();
-  render->callback([] { RunRender(render_header); });
+  static std::string render_header, render_work;
+  render
+      ->add_option("capture", render_header, "Capture header file, or a recording (imported once)")
+      ->required();
+  render->add_option("--work-dir", render_work,
+                     "Folder for the import of a recording (default: beside it)");
+  render->callback([] { RunRender(CaptureFor(render_header, render_work)); });
 
   static MapOptions map;
   auto* m = app.add_subcommand("map", "Write the FRF map of one frequency bin as a PNG");
-  m->add_option("capture", map.header, "Capture header file (rendered)")->required();
+  m->add_option("capture", map.header, "Capture header file (rendered), or a recording")
+      ->required();
+  static std::string map_work;
+  m->add_option("--work-dir", map_work,
+                "Folder for the import of a recording (default: beside it)");
   auto* bin = m->add_option("--bin", map.bin, "Frequency bin")->check(CLI::NonNegativeNumber);
   auto* freq = m->add_option("--freq", map.freq, "Frequency in Hz (nearest bin)")
                    ->check(CLI::NonNegativeNumber);
@@ -180,7 +188,9 @@ void RegisterCubeCommands(CLI::App& app) {
   m->add_option("-o,--output", map.output, "PNG file to write")->required();
   m->callback([] {
     if (map.bin < 0 && map.freq < 0) throw CommandError("map needs --bin or --freq");
-    RunMap(map);
+    MapOptions o = map;
+    o.header = CaptureFor(map.header, map_work);
+    RunMap(o);
   });
 
   static std::string folder;

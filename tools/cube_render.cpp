@@ -81,6 +81,12 @@ InterruptScope::~InterruptScope() {
 }
 const std::atomic<bool>* InterruptScope::cancelled() { return &g_cancelled; }
 
+ProgressDisplay::ProgressDisplay(const char* label) { g_display = {label, ::isatty(2) != 0, -1}; }
+ProgressDisplay::~ProgressDisplay() {
+  if (g_display.tty && g_display.last >= 0) std::fputc('\n', stderr);
+}
+void ProgressDisplay::Show(int percent) { frfcam::cli::Show(percent); }
+
 RenderSummary RenderWithProgress(::FrfMapCalcs* c, const char* label) {
   RenderSummary summary;
   GetCubeDims(c, &summary.width, &summary.height, &summary.bins);

@@ -54,4 +54,15 @@ struct RenderSummary {
 // allocation is a CommandError.
 RenderSummary RenderWithProgress(::FrfMapCalcs* c, const char* label);
 
+// The same display of progress for other long jobs: Show(0..100) behind
+// `label`, and a line end (on a terminal) once done.
+class ProgressDisplay {
+ public:
+  explicit ProgressDisplay(const char* label);
+  ~ProgressDisplay();
+  ProgressDisplay(const ProgressDisplay&) = delete;
+  ProgressDisplay& operator=(const ProgressDisplay&) = delete;
+  void Show(int percent);
+};
+
 }  // namespace frfcam::cli

@@ -40,6 +40,7 @@ int main(int argc, char** argv) {
   frfcam::cli::RegisterCubeCommands(app);
   frfcam::cli::RegisterStabilityCommands(app);
   frfcam::cli::RegisterModesCommand(app);
+  frfcam::cli::RegisterImportCommand(app);
   try {
     // No arguments is a mistake (shells and scripts must see a failure), so
     // the usage goes to stderr; "help [COMMAND]" asks for it.

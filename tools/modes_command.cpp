@@ -39,6 +39,7 @@ struct ModesCliOptions {
   std::string shapes = "auto";
   double scale = 0.0;  // mm per px; 0: pixels
   std::string writeUff;
+  std::string workDir;
 };
 
 // UFF exports hold the windows of a grid of at most this many.
@@ -326,7 +327,9 @@ void RegisterModesCommand(CLI::App& app) {
   auto o = std::make_shared<ModesCliOptions>();
   CLI::App* m = app.add_subcommand(
       "modes", "Natural frequencies, damping and full-field mode shapes of a capture");
-  m->add_option("capture", o->header, "Capture header file (the cube is rendered if needed)")
+  m->add_option("capture", o->header,
+                "Capture header file, or a recording (imported once); the cube is rendered if "
+                "needed")
       ->required();
   m->add_option("--reference", o->reference,
                 "Reference signal: one float per line, as many as frames")
@@ -353,7 +356,13 @@ void RegisterModesCommand(CLI::App& app) {
                 "mode shapes (55) and FRFs (58) of a grid of windows");
   m->add_option("-o,--output", o->output, "Folder for the outputs (created if missing)")
       ->required();
-  m->callback([o] { RunModes(*o); });
+  m->add_option("--work-dir", o->workDir,
+                "Folder for the import of a recording (default: beside it)");
+  m->callback([o] {
+    ModesCliOptions resolved = *o;
+    resolved.header = CaptureFor(o->header, o->workDir);
+    RunModes(resolved);
+  });
 }
 
 }  // namespace frfcam::cli

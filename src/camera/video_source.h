@@ -25,8 +25,8 @@ struct SourceInfo {
   std::string format;  // "MRAW", "CINE", "TIFF", "PNG", or what FFmpeg calls it
   unsigned width = 0, height = 0;
   std::int64_t frames = 0;
-  double fps = 0.0;  // 0 when the source does not say
-  int bits = 8;      // ReadFrame's values lie in 0 .. 2^bits - 1 (bits <= 16)
+  double fps = 0.0;    // 0 when the source does not say
+  int bits = 8;        // ReadFrame's values lie in 0 .. 2^bits - 1 (bits <= 16)
   bool lossy = false;  // compression noise, spread over all frequencies
   // What the reader did to the values beyond unpacking, in one line (for
   // example the table a coded 10-bit camera needs); empty when nothing.

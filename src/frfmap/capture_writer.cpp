@@ -183,7 +183,7 @@ void ClampSamples(std::uint16_t* samples, std::size_t count) {
 }
 
 bool WriteDivisions(const std::string& header_path, const CaptureSpec& desc,
-                    const FrameSource& source, std::string* error) {
+                    const CheckedFrameSource& source, std::string* error) {
   const std::size_t pixels = static_cast<std::size_t>(desc.width) * desc.height;
   const auto frame_bytes = static_cast<std::size_t>(DivisionFrameBytes(desc));
   const bool packed = desc.pixel_format == format::kPixelFormat12BitPacked;
@@ -199,7 +199,7 @@ bool WriteDivisions(const std::string& header_path, const CaptureSpec& desc,
       const unsigned number = k / desc.frames_per_file + 1;
       if (!out.Open(DataFilePath(header_path, DataFile::kDivision, number), error)) return false;
     }
-    source(f, samples.data());
+    if (!source(f, samples.data(), error)) return false;
     ClampSamples(samples.data(), pixels);
     const FrameStamp stamp = StampOf(f, desc.fps);
     format::StoreU32(&record[0], stamp.index);
@@ -219,7 +219,7 @@ bool WriteDivisions(const std::string& header_path, const CaptureSpec& desc,
 }
 
 bool WriteSingleFile(const std::string& header_path, const CaptureSpec& desc,
-                     const FrameSource& source, std::string* error) {
+                     const CheckedFrameSource& source, std::string* error) {
   const std::uint32_t width = desc.width;
   const std::uint32_t rows = desc.height;
   const std::uint32_t row_bytes = format::CapRowBytes(format::kCapPacking5In8, width);
@@ -256,7 +256,7 @@ bool WriteSingleFile(const std::string& header_path, const CaptureSpec& desc,
   };
 
   for (std::uint32_t f = 0; f < frames; ++f) {
-    source(static_cast<std::int32_t>(f), samples.data());
+    if (!source(static_cast<std::int32_t>(f), samples.data(), error)) return false;
     ClampSamples(samples.data(), pixels);
     for (std::size_t i = 0; i < pixels; ++i) samples[i] &= keep;
     for (std::uint32_t r = 0; r < rows; ++r) {
@@ -319,6 +319,18 @@ void PackCapRow(const std::uint16_t* samples, std::uint32_t width, std::uint8_t*
 
 bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
                   const FrameSource& source, std::string* error) {
+  if (!source) return Fail(error, "no frame source");
+  return WriteCapture(
+      header_path, desc,
+      [&](std::int32_t f, std::uint16_t* samples, std::string*) {
+        source(f, samples);
+        return true;
+      },
+      error);
+}
+
+bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
+                  const CheckedFrameSource& source, std::string* error) {
   if (const std::string problem = Validate(desc); !problem.empty()) return Fail(error, problem);
   if (!source) return Fail(error, "no frame source");
   const std::string folder = DataFolder(header_path);
@@ -341,6 +353,7 @@ bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
   FillHeader(desc, header.data());
   OutFile out;
   return out.Open(header_path, error) && out.Write(header.data(), header.size(), error) &&
+         (desc.note.empty() || out.Write(desc.note.data(), desc.note.size(), error)) &&
          out.Finish(error);
 }
 

@@ -28,11 +28,20 @@ struct CaptureSpec {
   bool single_file = false;             // write DIR/NAME/NAME.cap instead of division files
   std::uint32_t ring_slots = 0;         // ".cap": slots in the ring (0: as many as frames)
   std::uint32_t first_slot = 0;         // ".cap": slot of frame 0, so the ring can wrap
+  // Text written after the 2998-byte header in the header file (readers
+  // take the first 2998 bytes only): how the capture came about, such as
+  // the source of an import. Empty: the header file is 2998 bytes.
+  std::string note;
 };
 
 // Fills frame `f` with width * height samples on the 12-bit scale (0..4095),
 // raster order. Called once per frame, in frame order.
 using FrameSource = std::function<void(std::int32_t f, std::uint16_t* samples)>;
+
+// The same for sources that can fail (a damaged file, a cancel): false stops
+// the writing, with a one-line reason in *why.
+using CheckedFrameSource =
+    std::function<bool(std::int32_t f, std::uint16_t* samples, std::string* why)>;
 
 // Writes the header at `header_path`, creates the data folder beside it and
 // writes the data files. Data files of an earlier capture of the same name
@@ -47,6 +56,11 @@ using FrameSource = std::function<void(std::int32_t f, std::uint16_t* samples)>;
 // a single file keeps its samples in steps of 16.
 bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
                   const FrameSource& source, std::string* error);
+
+// The same with a source that can fail: its reason becomes *error, and no
+// header is written, so nothing reads as a complete capture.
+bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
+                  const CheckedFrameSource& source, std::string* error);
 
 // Bytes of one frame's pixel data in a division file (S): W * H for 8-bit,
 // W * H * 3 / 2 (whole part) for 12-bit packed.
