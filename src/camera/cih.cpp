@@ -1,6 +1,5 @@
 #include "camera/cih.h"
 
-#include <algorithm>
 #include <cctype>
 #include <utility>
 #include <vector>
@@ -129,9 +128,10 @@ bool ParseCihx(std::string_view bytes, CihFields* fields, std::string* error) {
     pos = lt + close + 1;
     if (rest[1] == '!' || rest[1] == '?') continue;
     std::string_view tag = rest.substr(1, close - 1);
+    // "</>" is a closing tag without a name, not an empty element too.
     const bool closing = !tag.empty() && tag.front() == '/';
-    const bool empty_element = !tag.empty() && tag.back() == '/';
     if (closing) tag.remove_prefix(1);
+    const bool empty_element = !closing && !tag.empty() && tag.back() == '/';
     if (empty_element) tag.remove_suffix(1);
     const std::size_t name_end = tag.find_first_of(" \t\r\n");
     const std::string name = Lower(Trim(tag.substr(0, name_end)));

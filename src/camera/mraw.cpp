@@ -14,12 +14,12 @@
 // padding, so with an odd pixel count every other 12-bit frame starts
 // mid-byte; a file whose size matches byte-padded frames exactly instead is
 // read that way.
-#include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <cmath>
-#include <cstring>
+#include <initializer_list>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "camera/cih.h"
