@@ -2,18 +2,18 @@
 // codes from the top-left pixel row by row, described by a CIH or CIHX file
 // of the same name beside it.
 //
-// What this relies on, from the published notes on these files: the header
-// keys (Image Width, Image Height, Total Frame, Start Frame, Record
-// Rate(fps), Save Step, Color Type, Color Bit, File Format, EffectiveBit
-// Depth, EffectiveBit Side) and their CIHX elements; Color Bit is the
-// stored bits per pixel (8, 12 or 16 for monochrome, 24 and more for
-// colour); EffectiveBit Side says whether the camera's bits fill the low or
-// the high end of the stored code. 12-bit data is a big-endian bit stream:
-// bytes b0 b1 b2 hold (b0 << 4 | b1 >> 4) then ((b1 & 15) << 8 | b2). 16-bit
-// codes are little-endian words. The frames follow each other without
-// padding, so with an odd pixel count every other 12-bit frame starts
-// mid-byte; a file whose size matches byte-padded frames exactly instead is
-// read that way.
+// What this relies on: the header keys as recordings carry them (Image
+// Width, Image Height, Total Frame, Record Rate(fps), Save Step, Color Type,
+// Color Bit, File Format, EffectiveBit Depth, EffectiveBit Side) and their
+// CIHX elements; Color Bit is the stored bits per pixel (8, 12 or 16 for
+// monochrome, 24 and more for colour); EffectiveBit Side says whether the
+// camera's bits fill the low or the high end of the stored code. 12-bit
+// data is a big-endian bit stream: bytes b0 b1 b2 hold (b0 << 4 | b1 >> 4)
+// then ((b1 & 15) << 8 | b2). 16-bit codes are little-endian words. Frame 0
+// is the first frame saved, whatever the camera numbered it (Start Frame).
+// The frames follow each other without padding, so with an odd pixel count
+// every other 12-bit frame starts mid-byte; a file whose size matches
+// byte-padded frames exactly is read that way instead.
 #include <cctype>
 #include <charconv>
 #include <cmath>
