@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "camera/mraw_writer.h"
 #include "commands.h"
 #include "frfmap/beam_scene.h"
 #include "frfmap/capture_format.h"
@@ -78,6 +79,16 @@ void CheckRange(const char* name, long long v, long long lo, long long hi) {
   if (v < lo || v > hi) {
     throw CommandError(std::string(name) + " must lie in " + std::to_string(lo) + ".." +
                        std::to_string(hi) + ", got " + std::to_string(v));
+  }
+}
+
+void WriteReference(const std::string& reference, const std::vector<float>& excitation) {
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> out(platform::OpenFile(reference, "w"),
+                                                      &std::fclose);
+  if (!out) throw CommandError("cannot create " + reference);
+  for (float v : excitation) std::fprintf(out.get(), "%.9g\n", v);
+  if (std::fflush(out.get()) != 0 || std::ferror(out.get())) {
+    throw CommandError("cannot write " + reference);
   }
 }
 
@@ -194,6 +205,38 @@ void RunSynth(SynthOptions o) {
     }
   }
 
+  std::string ext = platform::PathFromUtf8(o.header).extension().string();
+  for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  if (ext == ".cih") {
+    // The scene as a high-speed camera would have recorded it.
+    if (o.single_file) throw CommandError("--single-file makes no sense for an MRAW recording");
+    camera::MrawSpec mraw;
+    mraw.width = static_cast<unsigned>(o.width);
+    mraw.height = static_cast<unsigned>(o.height);
+    mraw.frames = o.frames;
+    mraw.fps = o.fps;
+    mraw.bits = o.bits;
+    std::string error;
+    const int down = 12 - o.bits;
+    const bool ok = camera::WriteMraw(
+        o.header, mraw,
+        [&](std::int64_t f, std::uint16_t* codes) {
+          scene.frame(static_cast<std::int32_t>(f), codes);
+          for (std::size_t i = 0; i < static_cast<std::size_t>(o.width * o.height); ++i) {
+            codes[i] = static_cast<std::uint16_t>(codes[i] >> down);
+          }
+        },
+        &error);
+    if (!ok) throw CommandError(error);
+    WriteReference(ReferencePath(o.header), *scene.excitation);
+    std::printf("wrote %s and its MRAW: %lld x %lld pixels, %lld frames at %s fps, %d-bit\n",
+                o.header.c_str(), o.width, o.height, o.frames, ShortNumber(o.fps).c_str(), o.bits);
+    for (const std::string& line : scene.lines) std::printf("%s\n", line.c_str());
+    std::printf("reference: %s (%zu samples)\n", ReferencePath(o.header).c_str(),
+                scene.excitation->size());
+    return;
+  }
+
   frfmap::CaptureSpec desc;
   desc.width = static_cast<std::uint16_t>(o.width);
   desc.height = static_cast<std::uint16_t>(o.height);
@@ -210,15 +253,7 @@ void RunSynth(SynthOptions o) {
   if (!ok) throw CommandError(error);
 
   const std::string reference = ReferencePath(o.header);
-  {
-    std::unique_ptr<std::FILE, int (*)(std::FILE*)> out(platform::OpenFile(reference, "w"),
-                                                        &std::fclose);
-    if (!out) throw CommandError("cannot create " + reference);
-    for (float v : *scene.excitation) std::fprintf(out.get(), "%.9g\n", v);
-    if (std::fflush(out.get()) != 0 || std::ferror(out.get())) {
-      throw CommandError("cannot write " + reference);
-    }
-  }
+  WriteReference(reference, *scene.excitation);
 
   std::uint64_t data_bytes = 0;
   unsigned files = 0;
@@ -329,6 +364,17 @@ void RunInfo(const std::string& path) {
               ShortNumber(h.bytes_per_pixel()).c_str());
   const std::uint32_t bins = frames > 0 ? static_cast<std::uint32_t>(frames) / 2 + 1 : 0;
   std::printf("bins              %u\n", bins);
+  // What the header file says after the header: how the capture came about.
+  if (size > format::kHeaderSize && size < (1u << 16)) {
+    platform::File file;
+    std::string note(static_cast<std::size_t>(size - format::kHeaderSize), '\0');
+    if (file.Open(path, platform::File::Mode::kRead)) {
+      note.resize(file.ReadAt(format::kHeaderSize, note.data(), note.size()));
+      while (!note.empty() && (note.front() == '\n' || note.front() == '\r')) note.erase(0, 1);
+      std::printf("note              %s", note.c_str());
+      if (!note.empty() && note.back() != '\n') std::printf("\n");
+    }
+  }
 
   if (h.single_file()) {
     std::printf("data file:\n");
@@ -378,8 +424,11 @@ void RegisterCaptureCommands(CLI::App& app) {
       "Write a synthetic capture: a vibrating plate whose brightness follows its modes, or a "
       "speckled cantilever beam that moves sideways. Writes the header OUT.hdr, its frame data "
       "in the folder OUT/, and the excitation force as OUT_reference.txt (one value per frame), "
-      "the reference signal for 'map --reference'.");
-  synth->add_option("header", synth_options->header, "Header file to write (e.g. OUT.hdr)")
+      "the reference signal for 'map --reference'. A header named OUT.cih writes the scene as "
+      "a high-speed camera's recording instead: OUT.cih and OUT.mraw, for 'frfcam import'.");
+  synth
+      ->add_option("header", synth_options->header,
+                   "Header file to write (OUT.hdr, or OUT.cih for an MRAW recording)")
       ->required();
   synth->add_option("--scene", synth_options->scene, "plate or beam")->capture_default_str();
   CLI::Option* width = synth->add_option("--width", synth_options->width,
