@@ -74,16 +74,25 @@ class Capture:
         self._cube: Optional[Cube] = None
 
     @classmethod
-    def open(cls, path: PathLike, fps: Optional[float] = None) -> "Capture":
-        """Opens the capture whose header file is `path`.
+    def open(cls, path: PathLike, fps: Optional[float] = None,
+             work_dir: Optional[PathLike] = None) -> "Capture":
+        """Opens the capture whose header file is `path`, or the capture of
+        a recording (camera files, an image folder, a video): imported once
+        into PATH.frfcam/ beside it (or below work_dir) and reused while the
+        recording is unchanged, as the command line does.
 
         fps overrides the frame rate of the header (the frequency axis needs
-        one). Raises FileNotFoundError for a missing header and ValueError for
-        a file that is not a capture that can be rendered.
+        one). Raises FileNotFoundError for a missing file, ValueError for a
+        file that is not a capture that can be rendered and RuntimeError for
+        a recording that cannot be read.
         """
         if fps is not None and not (np.isfinite(fps) and fps > 0):
             raise ValueError(f"fps must be a positive number, got {fps!r}")
-        return cls(_native.Cube(fspath(path, "capture path")), fps)
+        where = fspath(path, "capture path")
+        if _native.is_source(where):
+            where = _native.capture_of_source(
+                where, "" if work_dir is None else fspath(work_dir, "work_dir"))
+        return cls(_native.Cube(where), fps)
 
     @property
     def path(self) -> str:

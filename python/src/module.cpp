@@ -35,4 +35,5 @@ PYBIND11_MODULE(_native, m) {
   frfcam::python::BindStability(m);
   frfcam::python::BindFormats(m);
   frfcam::python::BindModes(m);
+  frfcam::python::BindImport(m);
 }
