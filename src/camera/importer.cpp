@@ -52,12 +52,21 @@ bool Stamp(const std::string& source, std::string* stamp) {
   std::error_code ec;
   const fs::path p = platform::PathFromUtf8(source);
   if (fs::is_regular_file(p, ec)) {
-    const auto size = fs::file_size(p, ec);
-    if (ec) return false;
-    const auto time = fs::last_write_time(p, ec);
-    if (ec) return false;
-    *stamp = "file " + std::to_string(size) + " " +
-             std::to_string(time.time_since_epoch().count()) + "\n";
+    // The file and those of its name beside it: a header's data file (an
+    // MRAW beside its CIH) changes the recording as much as the header.
+    const fs::path folder = p.has_parent_path() ? p.parent_path() : fs::path(".");
+    std::vector<std::string> lines;
+    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+      std::error_code e2;
+      if (it->path().stem() != p.stem() || !it->is_regular_file(e2)) continue;
+      lines.push_back(it->path().filename().string() + " " + std::to_string(it->file_size(e2)) +
+                      " " + std::to_string(it->last_write_time(e2).time_since_epoch().count()) +
+                      "\n");
+    }
+    if (ec || lines.empty()) return false;
+    std::sort(lines.begin(), lines.end());  // the listing's order is the system's
+    *stamp = "file\n";
+    for (const std::string& line : lines) *stamp += line;
     return true;
   }
   if (!fs::is_directory(p, ec)) return false;
@@ -79,7 +88,7 @@ bool Stamp(const std::string& source, std::string* stamp) {
 std::string ReadSmallFile(const std::string& path) {
   platform::File f;
   std::uint64_t size = 0;
-  if (!f.Open(path, platform::File::Mode::kRead) || !f.Size(&size) || size > 4096) return {};
+  if (!f.Open(path, platform::File::Mode::kRead) || !f.Size(&size) || size > (1u << 20)) return {};
   std::string text(static_cast<std::size_t>(size), '\0');
   text.resize(f.ReadAt(0, text.data(), text.size()));
   return text;
