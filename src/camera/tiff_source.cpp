@@ -473,8 +473,7 @@ class MultipageTiff : public VideoSource {
         *error = path + ": frame " + std::to_string(frames) + ": " + why;
         return false;
       }
-      l.lossy = l.lossy || first_.lossy;
-      first_.lossy = l.lossy;
+      first_.lossy = first_.lossy || l.lossy;
       ++frames;
     }
     info_ = InfoFor(first_);
