@@ -13,9 +13,10 @@ target_include_directories(frfcam_cli SYSTEM PRIVATE ${CMAKE_BINARY_DIR}/host-he
 # not take the name that -lfrfcam finds.
 set_target_properties(frfcam_cli PROPERTIES IMPORT_PREFIX "" IMPORT_SUFFIX ".exe.a")
 
-# libpng is static here, so its own dependency (zlib) is linked explicitly.
-target_link_directories(frfcam_cli PRIVATE ${LIBPNG_STATIC_LIBRARY_DIRS})
-target_link_libraries(frfcam_cli PRIVATE ${LIBPNG_STATIC_LIBRARIES})
+# libpng is static here, so its own dependency (zlib) is linked explicitly;
+# the core reads PNG sequences, so the library and every program need both.
+target_link_directories(frfcam_core PUBLIC ${LIBPNG_STATIC_LIBRARY_DIRS})
+target_link_libraries(frfcam_core PUBLIC ${LIBPNG_STATIC_LIBRARIES})
 
 # The package: the DLL, its import library (under the names of both
 # toolchains) and .def, the header, the record schema, the CLI and a README
