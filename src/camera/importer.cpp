@@ -1,5 +1,7 @@
 #include "camera/importer.h"
 
+#include <tbb/task_group.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cmath>
@@ -92,6 +94,16 @@ std::string ReadSmallFile(const std::string& path) {
   std::string text(static_cast<std::size_t>(size), '\0');
   text.resize(f.ReadAt(0, text.data(), text.size()));
   return text;
+}
+
+// One row of codes onto the 12-bit scale.
+FRFCAM_VECTOR_CLONES void ShiftRow(const std::uint16_t* in, unsigned n, int shift,
+                                   std::uint16_t* out) {
+  if (shift >= 0) {
+    for (unsigned x = 0; x < n; ++x) out[x] = static_cast<std::uint16_t>(in[x] << shift);
+  } else {
+    for (unsigned x = 0; x < n; ++x) out[x] = static_cast<std::uint16_t>(in[x] >> -shift);
+  }
 }
 
 }  // namespace
@@ -216,22 +228,41 @@ bool Import(VideoSource& source, const std::string& sourceName, const std::strin
     spec.note += "packing: an odd pixel count keeps the top 8 bits of each frame's last pixel\n";
   }
 
-  std::vector<std::uint16_t> frame(static_cast<std::size_t>(info.width) * info.height);
+  // The next frame is read on the worker pool while this thread converts
+  // and writes the current one: two buffers, one read in flight at a time.
+  const std::size_t pixels = static_cast<std::size_t>(info.width) * info.height;
+  std::vector<std::uint16_t> frames[2] = {std::vector<std::uint16_t>(pixels),
+                                          std::vector<std::uint16_t>(pixels)};
+  bool readOk[2] = {false, false};
+  std::string readError[2];
+  tbb::task_group reading;
+  struct WaitOnExit {
+    tbb::task_group& group;
+    ~WaitOnExit() { group.wait(); }
+  } waitOnExit{reading};
+  const auto startRead = [&](int slot, std::int64_t index) {
+    reading.run([&, slot, index] {
+      readOk[slot] = source.ReadFrame(index, frames[slot].data(), &readError[slot]);
+    });
+  };
+  startRead(0, first);
   int reported = -1;
   const auto fill = [&](std::int32_t f, std::uint16_t* samples, std::string* why) {
+    reading.wait();
+    const int slot = f % 2;
+    if (!readOk[slot]) {
+      *why = readError[slot];
+      return false;
+    }
     if (options.cancel != nullptr && options.cancel->load(std::memory_order_relaxed)) {
       *why = "cancelled";
       return false;
     }
-    if (!source.ReadFrame(first + f, frame.data(), why)) return false;
+    if (f + 1 < count) startRead(1 - slot, first + f + 1);
+    const std::uint16_t* frame = frames[slot].data();
     for (unsigned y = 0; y < h; ++y) {
-      const std::uint16_t* in = frame.data() + std::size_t{y0 + y} * info.width + x0;
-      std::uint16_t* out = samples + std::size_t{y} * w;
-      if (shift >= 0) {
-        for (unsigned x = 0; x < w; ++x) out[x] = static_cast<std::uint16_t>(in[x] << shift);
-      } else {
-        for (unsigned x = 0; x < w; ++x) out[x] = static_cast<std::uint16_t>(in[x] >> -shift);
-      }
+      ShiftRow(frame + std::size_t{y0 + y} * info.width + x0, w, shift,
+               samples + std::size_t{y} * w);
     }
     const int percent = static_cast<int>((f + 1) * 100 / count);
     if (options.progress && percent != reported) {
