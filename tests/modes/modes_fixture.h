@@ -16,19 +16,27 @@
 
 namespace frfcam::modes::test {
 
+// Writes a scene's capture and renders its cube.
+template <class Scene>
+void WriteAndRender(const std::string& header, const Scene& scene, std::uint16_t width,
+                    std::uint16_t height, std::int32_t frames, double fps,
+                    std::uint32_t format = frfmap::format::kPixelFormat12BitPacked) {
+  const frfmap::CaptureSpec desc = frfmap::MakeCapture(width, height, frames, format, 500, fps);
+  std::string error;
+  const bool written = frfmap::WriteCapture(
+      header, desc, [&](std::int32_t f, std::uint16_t* s) { scene.Frame(f, s); }, &error);
+  EXPECT_TRUE(written) << error;
+  frfmap::FrfMapCalcs calcs("test");
+  EXPECT_EQ(calcs.OpenCube(header), 0);
+  EXPECT_EQ(calcs.RenderCube([](int) {}), 0);
+}
+
 struct RenderedScene {
   explicit RenderedScene(const frfmap::SceneSpec& scene_desc, const std::string& name = "scene")
       : scene(scene_desc) {
     header = dir.file(name + ".hdr");
-    const frfmap::CaptureSpec desc = frfmap::MakeCapture(scene_desc.width, scene_desc.height,
-                                                         scene_desc.frames, 1, 500, scene_desc.fps);
-    std::string error;
-    const bool written = frfmap::WriteCapture(
-        header, desc, [&](std::int32_t f, std::uint16_t* s) { scene.Frame(f, s); }, &error);
-    EXPECT_TRUE(written) << error;
-    frfmap::FrfMapCalcs calcs("test");
-    EXPECT_EQ(calcs.OpenCube(header), 0);
-    EXPECT_EQ(calcs.RenderCube([](int) {}), 0);
+    WriteAndRender(header, scene, scene_desc.width, scene_desc.height, scene_desc.frames,
+                   scene_desc.fps);
   }
 
   // The brightness response of mode k at every pixel, raster order.
@@ -52,17 +60,9 @@ struct RenderedScene {
 struct RenderedBeam {
   explicit RenderedBeam(const frfmap::BeamSpec& spec, int bits = 12) : scene(spec) {
     header = dir.file("beam.hdr");
-    const std::uint32_t format =
-        bits == 8 ? frfmap::format::kPixelFormat8Bit : frfmap::format::kPixelFormat12BitPacked;
-    const frfmap::CaptureSpec desc =
-        frfmap::MakeCapture(spec.width, spec.height, spec.frames, format, 500, spec.fps);
-    std::string error;
-    const bool written = frfmap::WriteCapture(
-        header, desc, [&](std::int32_t f, std::uint16_t* s) { scene.Frame(f, s); }, &error);
-    EXPECT_TRUE(written) << error;
-    frfmap::FrfMapCalcs calcs("test");
-    EXPECT_EQ(calcs.OpenCube(header), 0);
-    EXPECT_EQ(calcs.RenderCube([](int) {}), 0);
+    WriteAndRender(header, scene, spec.width, spec.height, spec.frames, spec.fps,
+                   bits == 8 ? frfmap::format::kPixelFormat8Bit
+                             : frfmap::format::kPixelFormat12BitPacked);
   }
 
   frfcam::test::ScratchDir dir;
