@@ -64,7 +64,7 @@ void ExpectSamples(const std::string& header, const FakeSource& src, const Impor
         // frame with an odd pixel count.
         const bool lastOfOdd = (w * h) % 2 == 1 && y == h - 1 && x == w - 1;
         if (captureBits == 8 || lastOfOdd) want &= 0xFF0u;
-        ASSERT_EQ(samples[(std::size_t{f} * h + y) * w + x], want)
+        ASSERT_EQ(samples[(static_cast<std::size_t>(f) * h + y) * w + x], want)
             << "frame " << f << " at " << x << "," << y;
       }
     }
