@@ -102,8 +102,8 @@ void Run(const char* label, const std::string& dir, const std::string& source,
       "%.2f (min)   capture %.0f MB, peak RSS %ld MiB\n",
       label, *std::min_element(f.begin(), f.end()), Median(f),
       *std::min_element(i.begin(), i.end()), Median(i), Median(i) / Median(f),
-      *std::min_element(i.begin(), i.end()) / *std::min_element(f.begin(), f.end()),
-      bytes / 1e6, PeakKiB() / 1024);
+      *std::min_element(i.begin(), i.end()) / *std::min_element(f.begin(), f.end()), bytes / 1e6,
+      PeakKiB() / 1024);
   std::fflush(stdout);
 }
 

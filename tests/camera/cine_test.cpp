@@ -203,6 +203,7 @@ TEST(Cine, DamagedFilesGiveOneLine) {
   Cine wide = good;
   wide.bit_count = 16, wide.real_bits = 12;
   wide.frames[0][3] = 4096;
+  source.reset();  // Windows refuses to replace a file held open
   Write(wide, path);
   ASSERT_TRUE(source = OpenCine(path, &error)) << error;
   EXPECT_FALSE(source->ReadFrame(0, got.data(), &error));

@@ -60,9 +60,9 @@ struct RenderedScene {
 struct RenderedBeam {
   explicit RenderedBeam(const frfmap::BeamSpec& spec, int bits = 12) : scene(spec) {
     header = dir.file("beam.hdr");
-    WriteAndRender(header, scene, spec.width, spec.height, spec.frames, spec.fps,
-                   bits == 8 ? frfmap::format::kPixelFormat8Bit
-                             : frfmap::format::kPixelFormat12BitPacked);
+    WriteAndRender(
+        header, scene, spec.width, spec.height, spec.frames, spec.fps,
+        bits == 8 ? frfmap::format::kPixelFormat8Bit : frfmap::format::kPixelFormat12BitPacked);
   }
 
   frfcam::test::ScratchDir dir;

@@ -22,8 +22,8 @@ using test::SmallScene;
 
 TEST(FitShapes, EveryPixelEqualsTheDirectSolve) {
   // 71 x 43 = 3053 pixels: segments of 1024 and a partial one whose last
-// pixel is not in a block of four; a buffer of six planes for the two
-// workers makes groups of three planes and a shorter last one.
+  // pixel is not in a block of four; a buffer of six planes for the two
+  // workers makes groups of three planes and a shorter last one.
   frfmap::SceneSpec spec = SmallScene(frfmap::SceneKind::kPlate, {});
   spec.width = 71;
   spec.height = 43;
