@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 #include <vector>
@@ -96,14 +97,28 @@ std::string ReadSmallFile(const std::string& path) {
   return text;
 }
 
-// One row of codes onto the 12-bit scale.
-FRFCAM_VECTOR_CLONES void ShiftRow(const std::uint16_t* in, unsigned n, int shift,
-                                   std::uint16_t* out) {
-  if (shift >= 0) {
-    for (unsigned x = 0; x < n; ++x) out[x] = static_cast<std::uint16_t>(in[x] << shift);
-  } else {
-    for (unsigned x = 0; x < n; ++x) out[x] = static_cast<std::uint16_t>(in[x] >> -shift);
+// Source codes into the capture's pixel bytes in one pass: shifted onto
+// the 12-bit scale, then packed in pairs (12) or their top 8 bits kept (8).
+// Readers keep codes below 2^bits, so the shift never overflows 12 bits;
+// the bound is for a reader that does not.
+FRFCAM_VECTOR_CLONES void CodesToBytes(const std::uint16_t* in, std::size_t n, int shift,
+                                       bool packed, std::uint8_t* out) {
+  const int up = std::max(shift, 0), down = std::max(-shift, 0);
+  const auto sample = [&](std::size_t i) {
+    return std::min<unsigned>(static_cast<unsigned>(in[i] << up) >> down, 4095u);
+  };
+  if (!packed) {
+    for (std::size_t i = 0; i < n; ++i) out[i] = static_cast<std::uint8_t>(sample(i) >> 4);
+    return;
   }
+  const std::size_t pairs = n / 2;
+  for (std::size_t i = 0; i < pairs; ++i) {
+    const unsigned a = sample(2 * i), b = sample(2 * i + 1);
+    out[3 * i] = static_cast<std::uint8_t>(a >> 4);
+    out[3 * i + 1] = static_cast<std::uint8_t>((a & 15u) << 4 | (b & 15u));
+    out[3 * i + 2] = static_cast<std::uint8_t>(b >> 4);
+  }
+  if (n % 2 != 0) out[3 * pairs] = static_cast<std::uint8_t>(sample(n - 1) >> 4);
 }
 
 }  // namespace
@@ -206,8 +221,8 @@ bool Import(VideoSource& source, const std::string& sourceName, const std::strin
   spec.pixel_format =
       bits == 8 ? frfmap::format::kPixelFormat8Bit : frfmap::format::kPixelFormat12BitPacked;
   // Division files below 2 GiB, at most 127 of them.
-  const std::uint64_t frameBytes = frfmap::DivisionFrameBytes(spec) + 16;
-  const std::uint64_t perFile = std::max<std::uint64_t>(1, ((1ull << 31) - 1) / frameBytes);
+  const std::uint64_t recordBytes = frfmap::DivisionFrameBytes(spec) + 16;
+  const std::uint64_t perFile = std::max<std::uint64_t>(1, ((1ull << 31) - 1) / recordBytes);
   std::uint64_t fpd = std::min<std::uint64_t>(500, perFile);
   fpd = std::max<std::uint64_t>(fpd, (static_cast<std::uint64_t>(count) + 126) / 127);
   spec.frames_per_file = static_cast<std::uint32_t>(std::min<std::uint64_t>(fpd, perFile));
@@ -228,11 +243,27 @@ bool Import(VideoSource& source, const std::string& sourceName, const std::strin
     spec.note += "packing: an odd pixel count keeps the top 8 bits of each frame's last pixel\n";
   }
 
+  // Whole rows of a file that stores the capture's form go straight into
+  // it; anything else is read as codes and converted.
+  const bool packed = bits == 12;
+  const bool direct =
+      x0 == 0 && w == info.width && source.HasCaptureBytes(bits) &&
+      (!packed || (std::uint64_t{y0} * w % 2 == 0 && std::uint64_t{w} * h % 2 == 0));
+  const std::size_t pixels = static_cast<std::size_t>(info.width) * info.height;
+  const std::size_t frameBytes = static_cast<std::size_t>(frfmap::DivisionFrameBytes(spec));
+
   // The next frame is read on the worker pool while this thread converts
   // and writes the current one: two buffers, one read in flight at a time.
-  const std::size_t pixels = static_cast<std::size_t>(info.width) * info.height;
-  std::vector<std::uint16_t> frames[2] = {std::vector<std::uint16_t>(pixels),
-                                          std::vector<std::uint16_t>(pixels)};
+  std::vector<std::uint16_t> codes[2];
+  std::vector<std::uint8_t> stored[2];
+  for (int slot = 0; slot < 2; ++slot) {
+    if (direct) {
+      stored[slot].resize(frameBytes);
+    } else {
+      codes[slot].resize(pixels);
+    }
+  }
+  std::vector<std::uint16_t> region(direct || w == info.width ? 0 : std::size_t{w} * h);
   bool readOk[2] = {false, false};
   std::string readError[2];
   tbb::task_group reading;
@@ -242,12 +273,14 @@ bool Import(VideoSource& source, const std::string& sourceName, const std::strin
   } waitOnExit{reading};
   const auto startRead = [&](int slot, std::int64_t index) {
     reading.run([&, slot, index] {
-      readOk[slot] = source.ReadFrame(index, frames[slot].data(), &readError[slot]);
+      readOk[slot] = direct ? source.ReadCaptureBytes(index, bits, y0, h, stored[slot].data(),
+                                                      &readError[slot])
+                            : source.ReadFrame(index, codes[slot].data(), &readError[slot]);
     });
   };
   startRead(0, first);
   int reported = -1;
-  const auto fill = [&](std::int32_t f, std::uint16_t* samples, std::string* why) {
+  const auto fill = [&](std::int32_t f, std::uint8_t* pixelBytes, std::string* why) {
     reading.wait();
     const int slot = f % 2;
     if (!readOk[slot]) {
@@ -259,10 +292,19 @@ bool Import(VideoSource& source, const std::string& sourceName, const std::strin
       return false;
     }
     if (f + 1 < count) startRead(1 - slot, first + f + 1);
-    const std::uint16_t* frame = frames[slot].data();
-    for (unsigned y = 0; y < h; ++y) {
-      ShiftRow(frame + std::size_t{y0 + y} * info.width + x0, w, shift,
-               samples + std::size_t{y} * w);
+    if (direct) {
+      std::memcpy(pixelBytes, stored[slot].data(), frameBytes);
+    } else if (region.empty()) {
+      // Whole rows are contiguous in the frame.
+      CodesToBytes(codes[slot].data() + std::size_t{y0} * w, std::size_t{w} * h, shift, packed,
+                   pixelBytes);
+    } else {
+      const std::uint16_t* frame = codes[slot].data();
+      for (unsigned y = 0; y < h; ++y) {
+        std::memcpy(region.data() + std::size_t{y} * w,
+                    frame + std::size_t{y0 + y} * info.width + x0, w * sizeof(std::uint16_t));
+      }
+      CodesToBytes(region.data(), region.size(), shift, packed, pixelBytes);
     }
     const int percent = static_cast<int>((f + 1) * 100 / count);
     if (options.progress && percent != reported) {
@@ -271,7 +313,7 @@ bool Import(VideoSource& source, const std::string& sourceName, const std::strin
     }
     return true;
   };
-  if (!frfmap::WriteCapture(header, spec, frfmap::CheckedFrameSource(fill), error)) return false;
+  if (!frfmap::WriteCapture(header, spec, frfmap::FrameBytesSource(fill), error)) return false;
   if (result != nullptr) {
     result->source = info;
     result->frames = count;

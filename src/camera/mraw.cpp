@@ -92,6 +92,18 @@ void Unpack12(const std::uint8_t* src, std::size_t n, bool mid_byte, int shift, 
   }
 }
 
+// Stored 12-bit pairs into the capture's packing, in place: b0 b1 b2 hold
+// a = b0 b1[7:4] and b = b1[3:0] b2, and the capture keeps a's high byte,
+// then a's low nibble over b's, then b's high byte.
+FRFCAM_VECTOR_CLONES
+void RepackPairs(std::uint8_t* bytes, std::size_t pairs) {
+  for (std::size_t i = 0; i < pairs; ++i) {
+    const unsigned b1 = bytes[3 * i + 1], b2 = bytes[3 * i + 2];
+    bytes[3 * i + 1] = static_cast<std::uint8_t>((b1 & 0xF0u) | (b2 & 0x0Fu));
+    bytes[3 * i + 2] = static_cast<std::uint8_t>((b1 << 4) | (b2 >> 4));
+  }
+}
+
 class MrawSource final : public VideoSource {
  public:
   MrawSource(platform::File file, std::string path)
@@ -103,8 +115,21 @@ class MrawSource final : public VideoSource {
             std::string* error);
 
   bool ReadFrame(std::int64_t f, std::uint16_t* samples, std::string* error) override;
+  // Codes that fill their container, and 12-bit frames of whole pairs that
+  // follow each other without padding, are already the capture's bytes (up
+  // to the order of nibbles within a pair).
+  bool HasCaptureBytes(int bits) const override {
+    return bits == container_ && bits == info_.bits && (bits == 8 || bits == 12) &&
+           (bits == 8 || (pixels_ % 2 == 0 && stride_bits_ == pixels_ * 12));
+  }
+  bool ReadCaptureBytes(std::int64_t f, int bits, unsigned y0, unsigned rows, std::uint8_t* out,
+                        std::string* error) override;
 
  private:
+  // Reads `bytes` at `offset` of frame f, or says how short the file is.
+  bool ReadBytes(std::int64_t f, std::uint64_t offset, std::size_t bytes, std::uint8_t* out,
+                 std::string* error);
+
   platform::File file_;
   std::string path_;
   int container_ = 8;  // stored bits per pixel
@@ -150,22 +175,48 @@ bool MrawSource::Init(const SourceInfo& info, int container, bool high_side,
   return true;
 }
 
-bool MrawSource::ReadFrame(std::int64_t f, std::uint16_t* samples, std::string* error) {
+bool MrawSource::ReadBytes(std::int64_t f, std::uint64_t offset, std::size_t bytes,
+                           std::uint8_t* out, std::string* error) {
   if (f < 0 || f >= info_.frames) {
     *error = path_ + ": frame " + std::to_string(f) + " is outside 0.." +
              std::to_string(info_.frames - 1);
     return false;
   }
-  const std::uint64_t start_bit = static_cast<std::uint64_t>(f) * stride_bits_;
-  const bool mid_byte = start_bit % 8 != 0;
-  const std::size_t bytes = static_cast<std::size_t>(
-      (start_bit % 8 + pixels_ * static_cast<unsigned>(container_) + 7) / 8);
-  const std::size_t got = file_.ReadAt(start_bit / 8, buffer_.data(), bytes);
+  const std::size_t got = file_.ReadAt(offset, out, bytes);
   if (got != bytes) {
     *error = path_ + ": frame " + std::to_string(f) + ": the file ends " +
              std::to_string(bytes - got) + " bytes short of it";
     return false;
   }
+  return true;
+}
+
+bool MrawSource::ReadCaptureBytes(std::int64_t f, int bits, unsigned y0, unsigned rows,
+                                  std::uint8_t* out, std::string* error) {
+  const std::uint64_t first = std::uint64_t{y0} * info_.width;
+  const std::uint64_t count = std::uint64_t{rows} * info_.width;
+  const unsigned size = bits == 8 ? 1 : 3;  // bytes per group of 1 or 2 pixels
+  const unsigned per = bits == 8 ? 1 : 2;
+  if (bits != container_ || y0 + std::uint64_t{rows} > info_.height || first % per != 0 ||
+      count % per != 0) {
+    *error = path_ + ": rows not in the stored form";
+    return false;
+  }
+  const std::uint64_t offset =
+      static_cast<std::uint64_t>(f) * (stride_bits_ / 8) + first / per * size;
+  if (!ReadBytes(f, offset, static_cast<std::size_t>(count / per * size), out, error)) {
+    return false;
+  }
+  if (bits == 12) RepackPairs(out, static_cast<std::size_t>(count / 2));
+  return true;
+}
+
+bool MrawSource::ReadFrame(std::int64_t f, std::uint16_t* samples, std::string* error) {
+  const std::uint64_t start_bit = static_cast<std::uint64_t>(f) * stride_bits_;
+  const bool mid_byte = start_bit % 8 != 0;
+  const std::size_t bytes = static_cast<std::size_t>(
+      (start_bit % 8 + pixels_ * static_cast<unsigned>(container_) + 7) / 8);
+  if (!ReadBytes(f, start_bit / 8, bytes, buffer_.data(), error)) return false;
   const std::size_t n = static_cast<std::size_t>(pixels_);
   switch (container_) {
     case 8:

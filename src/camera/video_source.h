@@ -44,6 +44,25 @@ class VideoSource {
   // any order, increasing order being the fast one; one thread at a time.
   virtual bool ReadFrame(std::int64_t f, std::uint16_t* samples, std::string* error) = 0;
 
+  // The import's fast path, for files that store frames (nearly) as a
+  // capture does. True when every frame's codes have exactly `bits` (8 or
+  // 12) significant bits and ReadCaptureBytes can give them in the capture's
+  // pixel form: one byte a pixel for 8; for 12, pairs packed as the capture
+  // writer packs them, each frame starting with a whole pair.
+  virtual bool HasCaptureBytes(int bits) const {
+    (void)bits;
+    return false;
+  }
+  // Rows [y0, y0 + rows) of frame f in that form into `out` (width * rows
+  // bytes, or width * rows * 3 / 2 with width * y0 and width * rows even).
+  // Only after HasCaptureBytes(bits) said true; errors as ReadFrame.
+  virtual bool ReadCaptureBytes(std::int64_t f, int bits, unsigned y0, unsigned rows,
+                                std::uint8_t* out, std::string* error) {
+    (void)f, (void)bits, (void)y0, (void)rows, (void)out;
+    *error = "no stored capture form";
+    return false;
+  }
+
  protected:
   SourceInfo info_;
 };

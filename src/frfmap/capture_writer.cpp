@@ -183,11 +183,8 @@ void ClampSamples(std::uint16_t* samples, std::size_t count) {
 }
 
 bool WriteDivisions(const std::string& header_path, const CaptureSpec& desc,
-                    const CheckedFrameSource& source, std::string* error) {
-  const std::size_t pixels = static_cast<std::size_t>(desc.width) * desc.height;
+                    const FrameBytesSource& source, std::string* error) {
   const auto frame_bytes = static_cast<std::size_t>(DivisionFrameBytes(desc));
-  const bool packed = desc.pixel_format == format::kPixelFormat12BitPacked;
-  std::vector<std::uint16_t> samples(pixels);
   std::vector<std::uint8_t> record(format::kFrameRecordSize + frame_bytes);
   std::uint8_t* pixel_bytes = record.data() + format::kFrameRecordSize;
 
@@ -199,20 +196,12 @@ bool WriteDivisions(const std::string& header_path, const CaptureSpec& desc,
       const unsigned number = k / desc.frames_per_file + 1;
       if (!out.Open(DataFilePath(header_path, DataFile::kDivision, number), error)) return false;
     }
-    if (!source(f, samples.data(), error)) return false;
-    ClampSamples(samples.data(), pixels);
+    if (!source(f, pixel_bytes, error)) return false;
     const FrameStamp stamp = StampOf(f, desc.fps);
     format::StoreU32(&record[0], stamp.index);
     format::StoreU32(&record[4], stamp.time_us);
     format::StoreU32(&record[8], stamp.counter);
     format::StoreU32(&record[12], 0);
-    if (packed) {
-      Pack12(samples.data(), pixels, pixel_bytes);
-    } else {
-      for (std::size_t i = 0; i < pixels; ++i) {
-        pixel_bytes[i] = static_cast<std::uint8_t>(samples[i] >> 4);
-      }
-    }
     if (!out.Write(record.data(), record.size(), error)) return false;
   }
   return out.Finish(error);
@@ -329,10 +318,14 @@ bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
       error);
 }
 
-bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
-                  const CheckedFrameSource& source, std::string* error) {
+namespace {
+
+// Checks, clears the old data, writes the frames with `write_frames` and
+// then the header.
+template <typename WriteFrames>
+bool WriteCaptureWith(const std::string& header_path, const CaptureSpec& desc,
+                      const WriteFrames& write_frames, std::string* error) {
   if (const std::string problem = Validate(desc); !problem.empty()) return Fail(error, problem);
-  if (!source) return Fail(error, "no frame source");
   const std::string folder = DataFolder(header_path);
   if (folder == header_path) {
     return Fail(error, "the header path " + header_path + " needs an extension (e.g. NAME.hdr)");
@@ -345,9 +338,7 @@ bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
   // The header goes last and an old one goes first: an interrupted write
   // leaves no header that promises data which is not there.
   fs::remove(platform::PathFromUtf8(header_path), ec);
-  const bool ok = desc.single_file ? WriteSingleFile(header_path, desc, source, error)
-                                   : WriteDivisions(header_path, desc, source, error);
-  if (!ok) return false;
+  if (!write_frames()) return false;
 
   std::array<std::uint8_t, format::kHeaderSize> header{};
   FillHeader(desc, header.data());
@@ -355,6 +346,45 @@ bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
   return out.Open(header_path, error) && out.Write(header.data(), header.size(), error) &&
          (desc.note.empty() || out.Write(desc.note.data(), desc.note.size(), error)) &&
          out.Finish(error);
+}
+
+}  // namespace
+
+bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
+                  const CheckedFrameSource& source, std::string* error) {
+  if (!source) return Fail(error, "no frame source");
+  return WriteCaptureWith(
+      header_path, desc,
+      [&] {
+        if (desc.single_file) return WriteSingleFile(header_path, desc, source, error);
+        const std::size_t pixels = static_cast<std::size_t>(desc.width) * desc.height;
+        const bool packed = desc.pixel_format == format::kPixelFormat12BitPacked;
+        std::vector<std::uint16_t> samples(pixels);
+        return WriteDivisions(
+            header_path, desc,
+            [&](std::int32_t f, std::uint8_t* pixel_bytes, std::string* why) {
+              if (!source(f, samples.data(), why)) return false;
+              ClampSamples(samples.data(), pixels);
+              if (packed) {
+                Pack12(samples.data(), pixels, pixel_bytes);
+              } else {
+                for (std::size_t i = 0; i < pixels; ++i) {
+                  pixel_bytes[i] = static_cast<std::uint8_t>(samples[i] >> 4);
+                }
+              }
+              return true;
+            },
+            error);
+      },
+      error);
+}
+
+bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
+                  const FrameBytesSource& source, std::string* error) {
+  if (!source) return Fail(error, "no frame source");
+  if (desc.single_file) return Fail(error, "a single-file capture is written from samples");
+  return WriteCaptureWith(
+      header_path, desc, [&] { return WriteDivisions(header_path, desc, source, error); }, error);
 }
 
 }  // namespace frfcam::frfmap

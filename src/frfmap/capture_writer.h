@@ -43,6 +43,13 @@ using FrameSource = std::function<void(std::int32_t f, std::uint16_t* samples)>;
 using CheckedFrameSource =
     std::function<bool(std::int32_t f, std::uint16_t* samples, std::string* why)>;
 
+// Fills frame `f`'s pixel data in the division files' form, exactly
+// DivisionFrameBytes bytes: for sources whose stored bytes are that form
+// already, or nearly, so the samples need not be unpacked and packed again.
+// Called once per frame, in frame order; false stops as above.
+using FrameBytesSource =
+    std::function<bool(std::int32_t f, std::uint8_t* pixel_bytes, std::string* why)>;
+
 // Writes the header at `header_path`, creates the data folder beside it and
 // writes the data files. Data files of an earlier capture of the same name
 // (division files, the single file, cube files) are removed first so that
@@ -61,6 +68,11 @@ bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
 // header is written, so nothing reads as a complete capture.
 bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
                   const CheckedFrameSource& source, std::string* error);
+
+// The same with pixel data as it is stored. Division files only: a single
+// ".cap" file packs its rows otherwise, and is refused.
+bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
+                  const FrameBytesSource& source, std::string* error);
 
 // Bytes of one frame's pixel data in a division file (S): W * H for 8-bit,
 // W * H * 3 / 2 (whole part) for 12-bit packed.

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "camera/importer.h"
+#include "camera/mraw_writer.h"
 #include "frfmap/capture_header.h"
 #include "frfmap/capture_reader.h"
 #include "support/test_support.h"
@@ -113,6 +114,79 @@ TEST(Import, SamplesFramesAndRegions) {
   std::string error;
   ASSERT_TRUE(Import(src, "fake.src", dir.file("roi.hdr"), o, nullptr, &error)) << error;
   ExpectSamples(dir.file("roi.hdr"), src, o, 12);
+}
+
+// A reader passed through, with its stored-form path offered or hidden, and
+// the frames that took it counted.
+class Through : public VideoSource {
+ public:
+  Through(VideoSource& inner, bool stored) : inner_(inner), stored_(stored) {
+    info_ = inner.info();
+  }
+  bool ReadFrame(std::int64_t f, std::uint16_t* s, std::string* error) override {
+    return inner_.ReadFrame(f, s, error);
+  }
+  bool HasCaptureBytes(int bits) const override { return stored_ && inner_.HasCaptureBytes(bits); }
+  bool ReadCaptureBytes(std::int64_t f, int bits, unsigned y0, unsigned rows, std::uint8_t* out,
+                        std::string* error) override {
+    ++storedFrames;
+    return inner_.ReadCaptureBytes(f, bits, y0, rows, out, error);
+  }
+  int storedFrames = 0;
+
+ private:
+  VideoSource& inner_;
+  bool stored_;
+};
+
+TEST(Import, StoredFramesGoStraightIntoTheSameCapture) {
+  test::ScratchDir dir;
+  for (const int bits : {8, 12}) {
+    for (const unsigned width : {34u, 33u}) {
+      const FakeSource codes(width, 10, 5, bits, 500.0);
+      MrawSpec spec;
+      spec.width = width;
+      spec.height = 10;
+      spec.frames = 5;
+      spec.fps = 500.0;
+      spec.bits = bits;
+      const std::string cih =
+          dir.file("r" + std::to_string(bits) + "_" + std::to_string(width) + ".cih");
+      std::string error;
+      ASSERT_TRUE(WriteMraw(
+          cih, spec,
+          [&](std::int64_t f, std::uint16_t* c) {
+            ASSERT_TRUE(FakeSource(codes).ReadFrame(f, c, &error));
+          },
+          &error))
+          << error;
+      std::unique_ptr<VideoSource> mraw = OpenSource(cih, &error);
+      ASSERT_TRUE(mraw) << error;
+      struct Region {
+        unsigned x, y, w, h;
+        bool stored;  // whole rows starting and ending on a whole pair
+      } regions[] = {{0, 0, 0, 0, true},
+                     {0, 2, width, 4, true},
+                     {0, 1, width, 4, width % 2 == 0 || bits == 8},
+                     {0, 8, width, 1, width % 2 == 0 || bits == 8},
+                     {1, 0, width - 1, 10, false}};
+      for (const Region& r : regions) {
+        SCOPED_TRACE(std::to_string(bits) + "-bit, " + std::to_string(width) + " wide, rows " +
+                     std::to_string(r.y) + "+" + std::to_string(r.h));
+        ImportOptions o;
+        o.firstFrame = 1;
+        o.roiX = r.x, o.roiY = r.y, o.roiWidth = r.w, o.roiHeight = r.h;
+        Through direct(*mraw, true), converted(*mraw, false);
+        ASSERT_TRUE(Import(direct, cih, dir.file("d.hdr"), o, nullptr, &error)) << error;
+        ASSERT_TRUE(Import(converted, cih, dir.file("c.hdr"), o, nullptr, &error)) << error;
+        EXPECT_EQ(direct.storedFrames, r.stored ? 4 : 0);
+        EXPECT_EQ(converted.storedFrames, 0);
+        EXPECT_EQ(test::ReadFile(dir.file("d/d_0001.div")),
+                  test::ReadFile(dir.file("c/c_0001.div")));
+        ExpectSamples(dir.file("d.hdr"), codes, o, bits);
+      }
+    }
+  }
 }
 
 TEST(Import, RefusalsAndFailuresLeaveNoCapture) {
