@@ -5,7 +5,8 @@
 // of each. Memory: the process's peak resident size, which stays at a few
 // frames however long the recording.
 //
-//   bench_import [frames] [side]     (default 2000, 1024; the TIFF is half the side)
+//   bench_import [frames] [side] [8|12|tiff]
+//     (default 2000, 1024, all three; the TIFF is half the side)
 #include <sys/resource.h>
 #include <tiffio.h>
 
@@ -21,7 +22,7 @@
 namespace frfcam::bench {
 namespace {
 
-constexpr int kRuns = 3;
+constexpr int kRuns = 5;
 
 std::uint16_t Code(std::int64_t f, std::size_t i, int bits) {
   const auto v = static_cast<std::uint32_t>(f * 7919 + i * 2654435761u);
@@ -115,9 +116,12 @@ int main(int argc, char** argv) {
   using namespace frfcam::bench;
   const std::int64_t frames = argc > 1 ? std::atoll(argv[1]) : 2000;
   const unsigned side = argc > 2 ? static_cast<unsigned>(std::atoi(argv[2])) : 1024;
+  const std::string only = argc > 3 ? argv[3] : "";
+  const auto runs = [&](const std::string& which) { return only.empty() || only == which; };
   std::printf("import, %lld frames; seconds as min / median of %d alternating runs\n",
               static_cast<long long>(frames), kRuns);
   for (int bits : {8, 12}) {
+    if (!runs(std::to_string(bits))) continue;
     const std::string dir = BenchDir("import");
     const std::string cih = dir + "/rec.cih";
     camera::MrawSpec spec;
@@ -139,7 +143,7 @@ int main(int argc, char** argv) {
     Run(label.c_str(), dir, cih, dir + "/rec.mraw");
     RemoveDir(dir);
   }
-  {
+  if (runs("tiff")) {
     const std::string dir = BenchDir("import");
     const std::string tif = dir + "/stack.tif";
     if (!WriteTiffStack(tif, side / 2, frames)) {

@@ -101,7 +101,7 @@ std::string ReadSmallFile(const std::string& path) {
 // the 12-bit scale, then packed in pairs (12) or their top 8 bits kept (8).
 // Readers keep codes below 2^bits, so the shift never overflows 12 bits;
 // the bound is for a reader that does not.
-FRFCAM_VECTOR_CLONES void CodesToBytes(const std::uint16_t* in, std::size_t n, int shift,
+FRFCAM_INTEGER_CLONES void CodesToBytes(const std::uint16_t* in, std::size_t n, int shift,
                                        bool packed, std::uint8_t* out) {
   const int up = std::max(shift, 0), down = std::max(-shift, 0);
   const auto sample = [&](std::size_t i) {
@@ -249,69 +249,62 @@ bool Import(VideoSource& source, const std::string& sourceName, const std::strin
   const bool direct =
       x0 == 0 && w == info.width && source.HasCaptureBytes(bits) &&
       (!packed || (std::uint64_t{y0} * w % 2 == 0 && std::uint64_t{w} * h % 2 == 0));
-  const std::size_t pixels = static_cast<std::size_t>(info.width) * info.height;
+  const std::size_t pixels = std::size_t{info.width} * info.height;
   const std::size_t frameBytes = static_cast<std::size_t>(frfmap::DivisionFrameBytes(spec));
 
-  // The next frame is read on the worker pool while this thread converts
-  // and writes the current one: two buffers, one read in flight at a time.
-  std::vector<std::uint16_t> codes[2];
-  std::vector<std::uint8_t> stored[2];
-  for (int slot = 0; slot < 2; ++slot) {
-    if (direct) {
-      stored[slot].resize(frameBytes);
-    } else {
-      codes[slot].resize(pixels);
-    }
-  }
+  // The next frame is read and converted on the worker pool while this
+  // thread writes the current one: two buffers, one read in flight.
+  std::vector<std::uint8_t> stored[2] = {std::vector<std::uint8_t>(frameBytes),
+                                         std::vector<std::uint8_t>(frameBytes)};
+  std::vector<std::uint16_t> codes(direct ? 0 : pixels);
   std::vector<std::uint16_t> region(direct || w == info.width ? 0 : std::size_t{w} * h);
   bool readOk[2] = {false, false};
   std::string readError[2];
+  const auto read = [&](int slot, std::int64_t index) {
+    std::uint8_t* out = stored[slot].data();
+    if (direct) return source.ReadCaptureBytes(index, bits, y0, h, out, &readError[slot]);
+    if (!source.ReadFrame(index, codes.data(), &readError[slot])) return false;
+    if (region.empty()) {
+      // Whole rows are contiguous in the frame.
+      CodesToBytes(codes.data() + std::size_t{y0} * w, std::size_t{w} * h, shift, packed, out);
+    } else {
+      for (unsigned y = 0; y < h; ++y) {
+        std::memcpy(region.data() + std::size_t{y} * w,
+                    codes.data() + std::size_t{y0 + y} * info.width + x0,
+                    w * sizeof(std::uint16_t));
+      }
+      CodesToBytes(region.data(), region.size(), shift, packed, out);
+    }
+    return true;
+  };
   tbb::task_group reading;
   struct WaitOnExit {
     tbb::task_group& group;
     ~WaitOnExit() { group.wait(); }
   } waitOnExit{reading};
   const auto startRead = [&](int slot, std::int64_t index) {
-    reading.run([&, slot, index] {
-      readOk[slot] = direct ? source.ReadCaptureBytes(index, bits, y0, h, stored[slot].data(),
-                                                      &readError[slot])
-                            : source.ReadFrame(index, codes[slot].data(), &readError[slot]);
-    });
+    reading.run([&, slot, index] { readOk[slot] = read(slot, index); });
   };
   startRead(0, first);
   int reported = -1;
-  const auto fill = [&](std::int32_t f, std::uint8_t* pixelBytes, std::string* why) {
+  const auto fill = [&](std::int32_t f, std::uint8_t*, std::string* why) -> const std::uint8_t* {
     reading.wait();
     const int slot = f % 2;
     if (!readOk[slot]) {
       *why = readError[slot];
-      return false;
+      return nullptr;
     }
     if (options.cancel != nullptr && options.cancel->load(std::memory_order_relaxed)) {
       *why = "cancelled";
-      return false;
+      return nullptr;
     }
     if (f + 1 < count) startRead(1 - slot, first + f + 1);
-    if (direct) {
-      std::memcpy(pixelBytes, stored[slot].data(), frameBytes);
-    } else if (region.empty()) {
-      // Whole rows are contiguous in the frame.
-      CodesToBytes(codes[slot].data() + std::size_t{y0} * w, std::size_t{w} * h, shift, packed,
-                   pixelBytes);
-    } else {
-      const std::uint16_t* frame = codes[slot].data();
-      for (unsigned y = 0; y < h; ++y) {
-        std::memcpy(region.data() + std::size_t{y} * w,
-                    frame + std::size_t{y0 + y} * info.width + x0, w * sizeof(std::uint16_t));
-      }
-      CodesToBytes(region.data(), region.size(), shift, packed, pixelBytes);
-    }
     const int percent = static_cast<int>((f + 1) * 100 / count);
     if (options.progress && percent != reported) {
       reported = percent;
       options.progress(percent);
     }
-    return true;
+    return stored[slot].data();
   };
   if (!frfmap::WriteCapture(header, spec, frfmap::FrameBytesSource(fill), error)) return false;
   if (result != nullptr) {

@@ -95,7 +95,7 @@ void Unpack12(const std::uint8_t* src, std::size_t n, bool mid_byte, int shift, 
 // Stored 12-bit pairs into the capture's packing, in place: b0 b1 b2 hold
 // a = b0 b1[7:4] and b = b1[3:0] b2, and the capture keeps a's high byte,
 // then a's low nibble over b's, then b's high byte.
-FRFCAM_VECTOR_CLONES
+FRFCAM_INTEGER_CLONES
 void RepackPairs(std::uint8_t* bytes, std::size_t pairs) {
   for (std::size_t i = 0; i < pairs; ++i) {
     const unsigned b1 = bytes[3 * i + 1], b2 = bytes[3 * i + 2];

@@ -185,8 +185,8 @@ void ClampSamples(std::uint16_t* samples, std::size_t count) {
 bool WriteDivisions(const std::string& header_path, const CaptureSpec& desc,
                     const FrameBytesSource& source, std::string* error) {
   const auto frame_bytes = static_cast<std::size_t>(DivisionFrameBytes(desc));
-  std::vector<std::uint8_t> record(format::kFrameRecordSize + frame_bytes);
-  std::uint8_t* pixel_bytes = record.data() + format::kFrameRecordSize;
+  std::vector<std::uint8_t> scratch(frame_bytes);
+  std::array<std::uint8_t, format::kFrameRecordSize> stamp_bytes;
 
   OutFile out;
   for (std::int32_t f = 0; f < desc.frames; ++f) {
@@ -196,13 +196,19 @@ bool WriteDivisions(const std::string& header_path, const CaptureSpec& desc,
       const unsigned number = k / desc.frames_per_file + 1;
       if (!out.Open(DataFilePath(header_path, DataFile::kDivision, number), error)) return false;
     }
-    if (!source(f, pixel_bytes, error)) return false;
+    const std::uint8_t* pixel_bytes = source(f, scratch.data(), error);
+    if (pixel_bytes == nullptr) return false;
     const FrameStamp stamp = StampOf(f, desc.fps);
-    format::StoreU32(&record[0], stamp.index);
-    format::StoreU32(&record[4], stamp.time_us);
-    format::StoreU32(&record[8], stamp.counter);
-    format::StoreU32(&record[12], 0);
-    if (!out.Write(record.data(), record.size(), error)) return false;
+    format::StoreU32(&stamp_bytes[0], stamp.index);
+    format::StoreU32(&stamp_bytes[4], stamp.time_us);
+    format::StoreU32(&stamp_bytes[8], stamp.counter);
+    format::StoreU32(&stamp_bytes[12], 0);
+    // The record's 16 bytes join the stream's buffer; the pixels then go
+    // out from where they are, without another copy.
+    if (!out.Write(stamp_bytes.data(), stamp_bytes.size(), error) ||
+        !out.Write(pixel_bytes, frame_bytes, error)) {
+      return false;
+    }
   }
   return out.Finish(error);
 }
@@ -362,8 +368,9 @@ bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
         std::vector<std::uint16_t> samples(pixels);
         return WriteDivisions(
             header_path, desc,
-            [&](std::int32_t f, std::uint8_t* pixel_bytes, std::string* why) {
-              if (!source(f, samples.data(), why)) return false;
+            [&](std::int32_t f, std::uint8_t* pixel_bytes,
+                std::string* why) -> const std::uint8_t* {
+              if (!source(f, samples.data(), why)) return nullptr;
               ClampSamples(samples.data(), pixels);
               if (packed) {
                 Pack12(samples.data(), pixels, pixel_bytes);
@@ -372,7 +379,7 @@ bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
                   pixel_bytes[i] = static_cast<std::uint8_t>(samples[i] >> 4);
                 }
               }
-              return true;
+              return pixel_bytes;
             },
             error);
       },

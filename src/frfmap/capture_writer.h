@@ -43,12 +43,14 @@ using FrameSource = std::function<void(std::int32_t f, std::uint16_t* samples)>;
 using CheckedFrameSource =
     std::function<bool(std::int32_t f, std::uint16_t* samples, std::string* why)>;
 
-// Fills frame `f`'s pixel data in the division files' form, exactly
+// Gives frame `f`'s pixel data in the division files' form, exactly
 // DivisionFrameBytes bytes: for sources whose stored bytes are that form
 // already, or nearly, so the samples need not be unpacked and packed again.
-// Called once per frame, in frame order; false stops as above.
+// The bytes go into `scratch` (that many bytes) or stay in the source's own
+// memory, valid until the next call; the return value says where they are.
+// Called once per frame, in frame order; nullptr stops as above.
 using FrameBytesSource =
-    std::function<bool(std::int32_t f, std::uint8_t* pixel_bytes, std::string* why)>;
+    std::function<const std::uint8_t*(std::int32_t f, std::uint8_t* scratch, std::string* why)>;
 
 // Writes the header at `header_path`, creates the data folder beside it and
 // writes the data files. Data files of an earlier capture of the same name

@@ -7,8 +7,14 @@
 #if defined(__GNUC__) && defined(__x86_64__) && defined(__ELF__) && !defined(__clang__) && \
     !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 #define FRFCAM_VECTOR_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
+// For integer loops on 8- and 16-bit lanes, which AVX-512 has only with its
+// byte and word instructions. Floating-point loops keep the set above: the
+// newer levels bring fused multiply-adds and so other roundings.
+#define FRFCAM_INTEGER_CLONES \
+  __attribute__((target_clones("arch=x86-64-v4", "arch=x86-64-v3", "default")))
 #else
 #define FRFCAM_VECTOR_CLONES
+#define FRFCAM_INTEGER_CLONES
 #endif
 #pragma once
 
