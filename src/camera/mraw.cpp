@@ -9,7 +9,10 @@
 // monochrome, 24 and more for colour); EffectiveBit Side says whether the
 // camera's bits fill the low or the high end of the stored code. 12-bit
 // data is a big-endian bit stream: bytes b0 b1 b2 hold (b0 << 4 | b1 >> 4)
-// then ((b1 & 15) << 8 | b2). 16-bit codes are little-endian words. Frame 0
+// then ((b1 & 15) << 8 | b2). 16-bit codes are little-endian words, as
+// recordings written on PCs carry them; when the camera's bits are fewer
+// than 16 and the first frame's words keep the unused bits clear only when
+// read big-endian, they are read that way (and the reader says so). Frame 0
 // is the first frame saved, whatever the camera numbered it (Start Frame).
 // The frames follow each other without padding, so with an odd pixel count
 // every other 12-bit frame starts mid-byte; a file whose size matches
@@ -61,11 +64,23 @@ void Unpack8(const std::uint8_t* src, std::size_t n, int shift, std::uint16_t ma
 }
 
 FRFCAM_VECTOR_CLONES
-void Unpack16(const std::uint8_t* src, std::size_t n, int shift, std::uint16_t mask,
-              std::uint16_t* dst) {
+void Unpack16(const std::uint8_t* src, std::size_t n, bool big_endian, int shift,
+              std::uint16_t mask, std::uint16_t* dst) {
+  const int lo = big_endian ? 1 : 0;
   for (std::size_t i = 0; i < n; ++i) {
-    const unsigned v = src[2 * i] | static_cast<unsigned>(src[2 * i + 1]) << 8;
+    const unsigned v = src[2 * i + lo] | static_cast<unsigned>(src[2 * i + 1 - lo]) << 8;
     dst[i] = static_cast<std::uint16_t>((v >> shift) & mask);
+  }
+}
+
+// Words of `bytes` whose bits outside `used` are set, read in either order.
+void CountStrayBits(const std::uint8_t* bytes, std::size_t words, std::uint16_t used,
+                    std::size_t* little, std::size_t* big) {
+  *little = *big = 0;
+  for (std::size_t i = 0; i < words; ++i) {
+    const unsigned a = bytes[2 * i], b = bytes[2 * i + 1];
+    *little += ((a | b << 8) & ~unsigned{used} & 0xFFFFu) != 0;
+    *big += ((b | a << 8) & ~unsigned{used} & 0xFFFFu) != 0;
   }
 }
 
@@ -134,6 +149,7 @@ class MrawSource final : public VideoSource {
   std::string path_;
   int container_ = 8;  // stored bits per pixel
   int shift_ = 0;
+  bool big_endian_ = false;  // 16-bit words
   std::uint16_t mask_ = 0xFF;
   std::uint64_t pixels_ = 0;
   std::uint64_t stride_bits_ = 0;  // from one frame's start to the next
@@ -171,6 +187,23 @@ bool MrawSource::Init(const SourceInfo& info, int container, bool high_side,
   } catch (const std::bad_alloc&) {
     *error = path_ + ": out of memory for a frame of " + std::to_string(padded_bytes) + " bytes";
     return false;
+  }
+  if (container == 16 && info.bits < 16) {
+    // The bits the camera does not fill are clear in every word read the
+    // right way round.
+    if (file_.ReadAt(0, buffer_.data(), padded_bytes) != padded_bytes) {
+      *error = path_ + ": cannot read the first frame";
+      return false;
+    }
+    const auto used = static_cast<std::uint16_t>(mask_ << shift_);
+    std::size_t little = 0, big = 0;
+    CountStrayBits(buffer_.data(), static_cast<std::size_t>(pixels_), used, &little, &big);
+    if (little > 0 && big == 0) {
+      big_endian_ = true;
+      info_.notes =
+          "16-bit words read big-endian: only so do the first frame's codes stay within " +
+          std::to_string(info.bits) + " bits";
+    }
   }
   return true;
 }
@@ -226,7 +259,7 @@ bool MrawSource::ReadFrame(std::int64_t f, std::uint16_t* samples, std::string* 
       Unpack12(buffer_.data(), n, mid_byte, shift_, mask_, samples);
       break;
     default:
-      Unpack16(buffer_.data(), n, shift_, mask_, samples);
+      Unpack16(buffer_.data(), n, big_endian_, shift_, mask_, samples);
       break;
   }
   return true;

@@ -16,8 +16,9 @@ struct Recording {
   unsigned width = 7, height = 3;  // an odd pixel count
   int frames = 3, color_bit = 12, effective = 12;
   bool high = false;
-  bool padded = false;  // 12-bit frames each padded to a whole byte
-  std::string extra;    // more header lines
+  bool padded = false;      // 12-bit frames each padded to a whole byte
+  bool big_endian = false;  // 16-bit words
+  std::string extra;        // more header lines
 };
 
 // The code of pixel i of frame f, below 2^bits.
@@ -35,7 +36,8 @@ std::string Cih(const Recording& r) {
          "\r\nEffectiveBit Side : " + (r.high ? "Higher" : "Lower") + "\r\n" + r.extra + "END\r\n";
 }
 
-// 8 bits a byte, 12 bits MSB first as one stream, 16 bits little-endian.
+// 8 bits a byte, 12 bits MSB first as one stream, 16 bits little-endian
+// (or big-endian).
 std::string Data(const Recording& r) {
   std::string out;
   unsigned acc = 0, held = 0;
@@ -43,8 +45,8 @@ std::string Data(const Recording& r) {
     for (std::size_t i = 0; i < std::size_t{r.width} * r.height; ++i) {
       const unsigned c = Code(r, f, i) << (r.high ? r.color_bit - r.effective : 0);
       if (r.color_bit == 16) {
-        out += static_cast<char>(c & 255);
-        out += static_cast<char>(c >> 8);
+        out += static_cast<char>(r.big_endian ? c >> 8 : c & 255);
+        out += static_cast<char>(r.big_endian ? c & 255 : c >> 8);
         continue;
       }
       acc = acc << r.color_bit | c;
@@ -76,7 +78,7 @@ void ExpectFrames(VideoSource& s, const Recording& r) {
 
 TEST(Mraw, ReadsEveryDepthAndSideCodeForCode) {
   test::ScratchDir dir;
-  std::vector<Recording> cases(7);
+  std::vector<Recording> cases(9);
   cases[0].color_bit = cases[0].effective = 8;
   cases[1].frames = 1;
   cases[2].effective = 10, cases[2].high = true, cases[2].width = 8;
@@ -84,6 +86,10 @@ TEST(Mraw, ReadsEveryDepthAndSideCodeForCode) {
   cases[4].color_bit = 16, cases[4].high = true, cases[4].extra = "Save Step : 4\r\n";
   cases[5].color_bit = cases[5].effective = 16;
   cases[6].padded = true;
+  // Big-endian words, told apart by the bits the camera leaves clear.
+  cases[7].color_bit = 16, cases[7].big_endian = true;
+  cases[8].color_bit = 16, cases[8].effective = 10, cases[8].high = true;
+  cases[8].big_endian = true;
   for (std::size_t k = 0; k < cases.size(); ++k) {
     SCOPED_TRACE(k);
     const Recording& r = cases[k];
@@ -100,6 +106,7 @@ TEST(Mraw, ReadsEveryDepthAndSideCodeForCode) {
     EXPECT_EQ(s->info().frames, r.frames);
     EXPECT_EQ(s->info().bits, r.effective);
     EXPECT_EQ(s->info().fps, r.extra.empty() ? 20000.0 : 5000.0);
+    EXPECT_EQ(s->info().notes.find("big-endian") != std::string::npos, r.big_endian);
     ExpectFrames(*s, r);
   }
 }
