@@ -51,8 +51,11 @@ CommandResult RunCommand(const std::string& command) {
   const auto err = dir.path() / "err";
   const std::string full = command + " >" + out.string() + " 2>" + err.string();
   CommandResult r;
-  const int raw = std::system(full.c_str());
+  int raw = std::system(full.c_str());
 #if defined(_WIN32)
+  // -1: cmd.exe did not start, so the command never ran. Under Wine that
+  // happens now and then ("wine client error: sendmsg"); try again.
+  for (int retry = 0; raw == -1 && retry < 3; ++retry) raw = std::system(full.c_str());
   r.status = raw;  // cmd.exe's exit code
 #else
   r.status = (raw != -1 && WIFEXITED(raw)) ? WEXITSTATUS(raw) : -1;
