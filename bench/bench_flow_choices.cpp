@@ -26,7 +26,8 @@ struct Score {
 Score ScoreMode(const frfmap::BeamScene& scene, const modes::ModesResult& r, std::size_t found,
                 std::size_t truth) {
   const frfmap::BeamRect rect = scene.beam();
-  const std::complex<double> atPeak = scene.ModalFrf(truth, scene.spec().modes[truth].frequency_hz);
+  const std::complex<double> atPeak =
+      scene.ModalFrf(truth, scene.setup().modes[truth].frequency_hz);
   std::vector<std::complex<double>> measured, expected;
   for (int y = rect.y0; y < rect.y1; ++y) {
     std::complex<double> sum = 0.0;
@@ -68,11 +69,11 @@ int main() {
                  {"sobel", modes::GradientOperator::kSobel}};
   const int radii[] = {1, 2, 3, 4, 6};
   for (double motion : {0.25, 0.025}) {
-    frfmap::BeamSpec spec;
-    spec.width = 96;
-    spec.height = 256;
-    spec.motion = motion;
-    const frfmap::BeamScene scene(spec);
+    frfmap::BeamSetup setup;
+    setup.width = 96;
+    setup.height = 256;
+    setup.motion = motion;
+    const frfmap::BeamScene scene(setup);
     const std::string dir = BenchDir("flow");
     const std::string header = SynthesiseBeam(dir, scene);
     std::printf("\nbeam 96x256, 2000 frames, 1 %% shot noise, mode 1 tip RMS %.3f px\n", motion);
@@ -81,7 +82,7 @@ int main() {
     for (const auto& f : filters) {
       for (int radius : radii) {
         modes::ModesOptions options;
-        options.fps = spec.fps;
+        options.fps = setup.fps;
         options.flow.gradient = f.op;
         options.flow.radius = radius;
         modes::ModesResult r;
@@ -94,8 +95,8 @@ int main() {
         }
         std::printf("%-11s %3dx%-3d %5zu  ", f.name, 2 * radius + 1, 2 * radius + 1,
                     r.modes.size());
-        for (std::size_t t = 0; t < scene.spec().modes.size(); ++t) {
-          const double hz = scene.spec().modes[t].frequency_hz;
+        for (std::size_t t = 0; t < scene.setup().modes.size(); ++t) {
+          const double hz = scene.setup().modes[t].frequency_hz;
           bool shown = false;
           for (std::size_t k = 0; k < r.modes.size() && !shown; ++k) {
             if (std::abs(r.modes[k].frequencyHz / hz - 1.0) < 0.01 && !r.modes[k].dispX.empty()) {

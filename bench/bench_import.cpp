@@ -124,14 +124,14 @@ int main(int argc, char** argv) {
     if (!runs(std::to_string(bits))) continue;
     const std::string dir = BenchDir("import");
     const std::string cih = dir + "/rec.cih";
-    camera::MrawSpec spec;
-    spec.width = spec.height = side;
-    spec.frames = frames;
-    spec.fps = 2000.0;
-    spec.bits = bits;
+    camera::MrawSetup setup;
+    setup.width = setup.height = side;
+    setup.frames = frames;
+    setup.fps = 2000.0;
+    setup.bits = bits;
     std::string error;
     if (!camera::WriteMraw(
-            cih, spec,
+            cih, setup,
             [&](std::int64_t f, std::uint16_t* c) {
               for (std::size_t i = 0; i < std::size_t{side} * side; ++i) c[i] = Code(f, i, bits);
             },

@@ -88,14 +88,14 @@ int BeamSizes(int frames) {
   double basePerPixel = 0.0;
   for (const auto& size : sizes) {
     const std::string dir = BenchDir("modes-beam");
-    frfmap::BeamSpec spec;
-    spec.width = size.w;
-    spec.height = size.h;
-    spec.frames = frames;
-    const frfmap::BeamScene scene(spec);
+    frfmap::BeamSetup setup;
+    setup.width = size.w;
+    setup.height = size.h;
+    setup.frames = frames;
+    const frfmap::BeamScene scene(setup);
     const std::string header = SynthesiseBeam(dir, scene);
     modes::ModesOptions options;
-    options.fps = spec.fps;
+    options.fps = setup.fps;
     const unsigned pixels = unsigned{size.w} * size.h;
     const unsigned bins = static_cast<unsigned>(frames / 2 + 1);
     ReadBandOnce(header, pixels, bins);  // warm the page cache
@@ -168,7 +168,7 @@ int main(int argc, char** argv) {
         return 1;
       }
     }
-    frfmap::SceneSpec scene_desc;
+    frfmap::SceneSetup scene_desc;
     scene_desc.width = size.w;
     scene_desc.height = size.h;
     scene_desc.frames = frames;

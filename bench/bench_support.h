@@ -63,13 +63,13 @@ inline std::string SynthesiseCapture(const std::string& dir, const std::string& 
                                      std::uint16_t w, std::uint16_t h, std::int32_t frames,
                                      std::uint32_t frames_per_file) {
   const std::string header = dir + "/" + name + ".hdr";
-  frfmap::SceneSpec scene;
+  frfmap::SceneSetup scene;
   scene.width = w;
   scene.height = h;
   scene.frames = frames;
   scene.fps = 2000.0;
   const frfmap::PlateScene plate(scene);
-  frfmap::CaptureSpec desc;
+  frfmap::CaptureDesc desc;
   desc.width = w;
   desc.height = h;
   desc.frames = frames;
@@ -88,11 +88,11 @@ inline std::string SynthesiseCapture(const std::string& dir, const std::string& 
 // A 12-bit capture of the synthetic beam, its cube rendered.
 inline std::string SynthesiseBeam(const std::string& dir, const frfmap::BeamScene& beam) {
   const std::string header = dir + "/beam.hdr";
-  frfmap::CaptureSpec desc;
-  desc.width = beam.spec().width;
-  desc.height = beam.spec().height;
-  desc.frames = beam.spec().frames;
-  desc.fps = beam.spec().fps;
+  frfmap::CaptureDesc desc;
+  desc.width = beam.setup().width;
+  desc.height = beam.setup().height;
+  desc.frames = beam.setup().frames;
+  desc.fps = beam.setup().fps;
   desc.pixel_format = 1;
   desc.frames_per_file = 500;
   std::string error;

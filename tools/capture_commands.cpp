@@ -155,23 +155,23 @@ void RunSynth(SynthOptions o) {
   std::unique_ptr<frfmap::BeamScene> beam_scene;
   SceneOutput scene;
   if (beam) {
-    frfmap::BeamSpec spec;
-    spec.width = static_cast<std::uint16_t>(o.width);
-    spec.height = static_cast<std::uint16_t>(o.height);
-    spec.fps = o.fps;
-    spec.frames = static_cast<std::int32_t>(o.frames);
-    spec.horizontal = o.horizontal;
-    spec.motion = o.motion;
-    spec.noise = o.noise;
-    spec.excitation = excitation;
-    spec.plain_patch = o.plain_patch;
-    spec.seed = o.seed;
-    beam_scene = std::make_unique<frfmap::BeamScene>(spec);
+    frfmap::BeamSetup setup;
+    setup.width = static_cast<std::uint16_t>(o.width);
+    setup.height = static_cast<std::uint16_t>(o.height);
+    setup.fps = o.fps;
+    setup.frames = static_cast<std::int32_t>(o.frames);
+    setup.horizontal = o.horizontal;
+    setup.motion = o.motion;
+    setup.noise = o.noise;
+    setup.excitation = excitation;
+    setup.plain_patch = o.plain_patch;
+    setup.seed = o.seed;
+    beam_scene = std::make_unique<frfmap::BeamScene>(setup);
     const frfmap::BeamScene& b = *beam_scene;
     scene.frame = [&b](std::int32_t f, std::uint16_t* s) { b.Frame(f, s); };
     scene.excitation = &b.excitation();
-    for (std::size_t k = 0; k < b.spec().modes.size(); ++k) {
-      const frfmap::BeamMode& m = b.spec().modes[k];
+    for (std::size_t k = 0; k < b.setup().modes.size(); ++k) {
+      const frfmap::BeamMode& m = b.setup().modes[k];
       scene.lines.push_back("mode " + std::to_string(k + 1) + ": " + ShortNumber(m.frequency_hz) +
                             " Hz, damping " + ShortNumber(m.damping) + ", tip RMS " +
                             ShortNumber(m.tip_rms_px) + " px");
@@ -185,15 +185,15 @@ void RunSynth(SynthOptions o) {
                                         : ", clamped at the bottom, moving in x"));
     if (o.plain_patch) scene.lines.push_back("plain patch: " + rect(b.plain_patch()));
   } else {
-    frfmap::SceneSpec spec;
-    spec.width = static_cast<std::uint16_t>(o.width);
-    spec.height = static_cast<std::uint16_t>(o.height);
-    spec.fps = o.fps;
-    spec.frames = static_cast<std::int32_t>(o.frames);
-    spec.noise = o.noise;
-    spec.excitation = excitation;
-    spec.seed = o.seed;
-    plate = std::make_unique<frfmap::PlateScene>(spec);
+    frfmap::SceneSetup setup;
+    setup.width = static_cast<std::uint16_t>(o.width);
+    setup.height = static_cast<std::uint16_t>(o.height);
+    setup.fps = o.fps;
+    setup.frames = static_cast<std::int32_t>(o.frames);
+    setup.noise = o.noise;
+    setup.excitation = excitation;
+    setup.seed = o.seed;
+    plate = std::make_unique<frfmap::PlateScene>(setup);
     const frfmap::PlateScene& p = *plate;
     scene.frame = [&p](std::int32_t f, std::uint16_t* s) { p.Frame(f, s); };
     scene.excitation = &p.excitation();
@@ -210,7 +210,7 @@ void RunSynth(SynthOptions o) {
   if (ext == ".cih") {
     // The scene as a high-speed camera would have recorded it.
     if (o.single_file) throw CommandError("--single-file makes no sense for an MRAW recording");
-    camera::MrawSpec mraw;
+    camera::MrawSetup mraw;
     mraw.width = static_cast<unsigned>(o.width);
     mraw.height = static_cast<unsigned>(o.height);
     mraw.frames = o.frames;
@@ -237,7 +237,7 @@ void RunSynth(SynthOptions o) {
     return;
   }
 
-  frfmap::CaptureSpec desc;
+  frfmap::CaptureDesc desc;
   desc.width = static_cast<std::uint16_t>(o.width);
   desc.height = static_cast<std::uint16_t>(o.height);
   desc.frames = static_cast<std::int32_t>(o.frames);

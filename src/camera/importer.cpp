@@ -102,7 +102,7 @@ std::string ReadSmallFile(const std::string& path) {
 // Readers keep codes below 2^bits, so the shift never overflows 12 bits;
 // the bound is for a reader that does not.
 FRFCAM_INTEGER_CLONES void CodesToBytes(const std::uint16_t* in, std::size_t n, int shift,
-                                       bool packed, std::uint8_t* out) {
+                                        bool packed, std::uint8_t* out) {
   const int up = std::max(shift, 0), down = std::max(-shift, 0);
   const auto sample = [&](std::size_t i) {
     return std::min<unsigned>(static_cast<unsigned>(in[i] << up) >> down, 4095u);
@@ -213,19 +213,19 @@ bool Import(VideoSource& source, const std::string& sourceName, const std::strin
   // capture), so the shift is the same for both depths.
   const int shift = 12 - info.bits;
 
-  frfmap::CaptureSpec spec;
-  spec.width = static_cast<std::uint16_t>(w);
-  spec.height = static_cast<std::uint16_t>(h);
-  spec.frames = static_cast<std::int32_t>(count);
-  spec.fps = fps;
-  spec.pixel_format =
+  frfmap::CaptureDesc setup;
+  setup.width = static_cast<std::uint16_t>(w);
+  setup.height = static_cast<std::uint16_t>(h);
+  setup.frames = static_cast<std::int32_t>(count);
+  setup.fps = fps;
+  setup.pixel_format =
       bits == 8 ? frfmap::format::kPixelFormat8Bit : frfmap::format::kPixelFormat12BitPacked;
   // Division files below 2 GiB, at most 127 of them.
-  const std::uint64_t recordBytes = frfmap::DivisionFrameBytes(spec) + 16;
+  const std::uint64_t recordBytes = frfmap::DivisionFrameBytes(setup) + 16;
   const std::uint64_t perFile = std::max<std::uint64_t>(1, ((1ull << 31) - 1) / recordBytes);
   std::uint64_t fpd = std::min<std::uint64_t>(500, perFile);
   fpd = std::max<std::uint64_t>(fpd, (static_cast<std::uint64_t>(count) + 126) / 127);
-  spec.frames_per_file = static_cast<std::uint32_t>(std::min<std::uint64_t>(fpd, perFile));
+  setup.frames_per_file = static_cast<std::uint32_t>(std::min<std::uint64_t>(fpd, perFile));
 
   char line[512];
   std::snprintf(line, sizeof line,
@@ -237,10 +237,10 @@ bool Import(VideoSource& source, const std::string& sourceName, const std::strin
                 static_cast<long long>(first), static_cast<long long>(last), x0, y0, w, h, fps,
                 options.fps > 0.0 ? " (given)" : "", bits, shift >= 0 ? "<<" : ">>",
                 std::abs(shift), bits == 8 ? ", top 8 of 12 bits kept" : "");
-  spec.note = line;
-  if (!info.notes.empty()) spec.note += "reader: " + info.notes + "\n";
+  setup.note = line;
+  if (!info.notes.empty()) setup.note += "reader: " + info.notes + "\n";
   if (bits == 12 && (std::uint64_t{w} * h) % 2 == 1) {
-    spec.note += "packing: an odd pixel count keeps the top 8 bits of each frame's last pixel\n";
+    setup.note += "packing: an odd pixel count keeps the top 8 bits of each frame's last pixel\n";
   }
 
   // Whole rows of a file that stores the capture's form go straight into
@@ -250,7 +250,7 @@ bool Import(VideoSource& source, const std::string& sourceName, const std::strin
       x0 == 0 && w == info.width && source.HasCaptureBytes(bits) &&
       (!packed || (std::uint64_t{y0} * w % 2 == 0 && std::uint64_t{w} * h % 2 == 0));
   const std::size_t pixels = std::size_t{info.width} * info.height;
-  const std::size_t frameBytes = static_cast<std::size_t>(frfmap::DivisionFrameBytes(spec));
+  const std::size_t frameBytes = static_cast<std::size_t>(frfmap::DivisionFrameBytes(setup));
 
   // The next frame is read and converted on the worker pool while this
   // thread writes the current one: two buffers, one read in flight.
@@ -306,7 +306,7 @@ bool Import(VideoSource& source, const std::string& sourceName, const std::strin
     }
     return stored[slot].data();
   };
-  if (!frfmap::WriteCapture(header, spec, frfmap::FrameBytesSource(fill), error)) return false;
+  if (!frfmap::WriteCapture(header, setup, frfmap::FrameBytesSource(fill), error)) return false;
   if (result != nullptr) {
     result->source = info;
     result->frames = count;
@@ -315,7 +315,7 @@ bool Import(VideoSource& source, const std::string& sourceName, const std::strin
     result->bits = bits;
     result->shift = shift;
     result->fps = fps;
-    result->note = spec.note;
+    result->note = setup.note;
   }
   return true;
 }

@@ -7,7 +7,7 @@
 // either. (12-bit packing stores the last pixel of a frame with an odd
 // pixel count in one byte: its low four bits are lost, and the note says
 // so.) What was done is written after the capture's header
-// (CaptureSpec::note), with the source, its format, the frames and the
+// (CaptureDesc::note), with the source, its format, the frames and the
 // region taken.
 #pragma once
 

@@ -18,12 +18,12 @@ bool Fail(std::string* error, const std::string& message) {
 
 }  // namespace
 
-bool WriteMraw(const std::string& cihPath, const MrawSpec& spec, const MrawFrames& frames,
+bool WriteMraw(const std::string& cihPath, const MrawSetup& setup, const MrawFrames& frames,
                std::string* error) {
-  if (spec.width == 0 || spec.height == 0 || spec.frames <= 0 || !(spec.fps > 0.0)) {
+  if (setup.width == 0 || setup.height == 0 || setup.frames <= 0 || !(setup.fps > 0.0)) {
     return Fail(error, "an MRAW recording needs a size, frames and a frame rate");
   }
-  if (spec.bits != 8 && spec.bits != 12 && spec.bits != 16) {
+  if (setup.bits != 8 && setup.bits != 12 && setup.bits != 16) {
     return Fail(error, "MRAW codes are 8, 12 or 16 bits");
   }
   const std::filesystem::path cih = platform::PathFromUtf8(cihPath);
@@ -37,19 +37,19 @@ bool WriteMraw(const std::string& cihPath, const MrawSpec& spec, const MrawFrame
   if (!out.Open(mrawPath, platform::File::Mode::kCreate)) {
     return Fail(error, "cannot create " + mrawPath);
   }
-  const std::size_t pixels = std::size_t{spec.width} * spec.height;
+  const std::size_t pixels = std::size_t{setup.width} * setup.height;
   std::vector<std::uint16_t> codes(pixels);
   std::vector<std::uint8_t> bytes;
   std::uint64_t offset = 0;
   // A 12-bit code whose second half waits for the next frame's first code.
   bool pending = false;
   std::uint16_t held = 0;
-  for (std::int64_t f = 0; f < spec.frames; ++f) {
+  for (std::int64_t f = 0; f < setup.frames; ++f) {
     frames(f, codes.data());
     bytes.clear();
-    if (spec.bits == 8) {
+    if (setup.bits == 8) {
       for (std::uint16_t c : codes) bytes.push_back(static_cast<std::uint8_t>(c));
-    } else if (spec.bits == 16) {
+    } else if (setup.bits == 16) {
       for (std::uint16_t c : codes) {
         bytes.push_back(static_cast<std::uint8_t>(c));
         bytes.push_back(static_cast<std::uint8_t>(c >> 8));
@@ -91,8 +91,8 @@ bool WriteMraw(const std::string& cihPath, const MrawSpec& spec, const MrawFrame
                 "Height : %u\r\nColor Type : Mono\r\nColor Bit : %d\r\nFile Format : MRaw\r\n"
                 "EffectiveBit Depth : %d\r\nEffectiveBit Side : Lower\r\nComment Text : written "
                 "by frfcam\r\nEND\r\n",
-                spec.fps, spec.fps, static_cast<long long>(spec.frames), spec.width, spec.height,
-                spec.bits, spec.bits);
+                setup.fps, setup.fps, static_cast<long long>(setup.frames), setup.width,
+                setup.height, setup.bits, setup.bits);
   std::string why;
   if (!formats::WriteFileWhole(cihPath, text, &why)) return Fail(error, cihPath + ": " + why);
   return true;

@@ -10,7 +10,7 @@
 
 namespace frfcam::camera {
 
-struct MrawSpec {
+struct MrawSetup {
   unsigned width = 0, height = 0;
   std::int64_t frames = 0;
   double fps = 0.0;
@@ -24,7 +24,7 @@ using MrawFrames = std::function<void(std::int64_t f, std::uint16_t* codes)>;
 // write leaves no header. 12-bit codes go two pixels to three bytes, a
 // big-endian bit stream running on across frames; 16-bit codes as
 // little-endian words. False with one line in *error.
-bool WriteMraw(const std::string& cihPath, const MrawSpec& spec, const MrawFrames& frames,
+bool WriteMraw(const std::string& cihPath, const MrawSetup& setup, const MrawFrames& frames,
                std::string* error);
 
 }  // namespace frfcam::camera

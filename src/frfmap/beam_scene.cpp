@@ -61,31 +61,31 @@ std::vector<BeamMode> DefaultBeamModes() {
   return {{60.0, 0.02, 0.25}, {250.0, 0.015, 0.08}, {700.0, 0.01, 0.04}};
 }
 
-BeamScene::BeamScene(BeamSpec spec) : spec_(std::move(spec)) {
-  across_ = spec_.horizontal ? spec_.height : spec_.width;
-  along_ = spec_.horizontal ? spec_.width : spec_.height;
+BeamScene::BeamScene(BeamSetup setup) : setup_(std::move(setup)) {
+  across_ = setup_.horizontal ? setup_.height : setup_.width;
+  along_ = setup_.horizontal ? setup_.width : setup_.height;
   Check(across_ >= 16 && along_ >= 32,
         "the beam needs an image of at least 16 px across it and 32 px along it");
-  Check(spec_.frames >= 1, "the scene needs at least one frame");
-  Check(spec_.fps > 0.0 && std::isfinite(spec_.fps), "the frame rate must be positive");
-  Check(spec_.noise >= 0.0 && spec_.noise <= 1.0, "the shot noise must lie in 0..1");
-  Check(spec_.motion >= 0.0 && std::isfinite(spec_.motion), "the motion must not be negative");
-  if (spec_.modes.empty()) spec_.modes = DefaultBeamModes();
-  for (const BeamMode& m : spec_.modes) {
-    Check(m.frequency_hz > 0.0 && m.frequency_hz < spec_.fps / 2,
+  Check(setup_.frames >= 1, "the scene needs at least one frame");
+  Check(setup_.fps > 0.0 && std::isfinite(setup_.fps), "the frame rate must be positive");
+  Check(setup_.noise >= 0.0 && setup_.noise <= 1.0, "the shot noise must lie in 0..1");
+  Check(setup_.motion >= 0.0 && std::isfinite(setup_.motion), "the motion must not be negative");
+  if (setup_.modes.empty()) setup_.modes = DefaultBeamModes();
+  for (const BeamMode& m : setup_.modes) {
+    Check(m.frequency_hz > 0.0 && m.frequency_hz < setup_.fps / 2,
           "mode frequency " + std::to_string(m.frequency_hz) + " Hz is outside (0, fps/2)");
     Check(m.damping > 0.0 && m.damping < 1.0, "a mode's damping must lie in (0, 1)");
     Check(m.tip_rms_px >= 0.0 && std::isfinite(m.tip_rms_px),
           "a mode's tip RMS must not be negative");
   }
-  if (spec_.motion > 0.0) {
-    Check(spec_.modes[0].tip_rms_px > 0.0, "the first mode must move to scale the motion");
-    const double scale = spec_.motion / spec_.modes[0].tip_rms_px;
-    for (BeamMode& m : spec_.modes) m.tip_rms_px *= scale;
+  if (setup_.motion > 0.0) {
+    Check(setup_.modes[0].tip_rms_px > 0.0, "the first mode must move to scale the motion");
+    const double scale = setup_.motion / setup_.modes[0].tip_rms_px;
+    for (BeamMode& m : setup_.modes) m.tip_rms_px *= scale;
   }
 
-  const auto frames = static_cast<std::size_t>(spec_.frames);
-  const std::size_t modes = spec_.modes.size();
+  const auto frames = static_cast<std::size_t>(setup_.frames);
+  const std::size_t modes = setup_.modes.size();
 
   // A strip a quarter of the image wide, from a few px above the clamp edge
   // to 8 % short of the far edge, so the free tip is in view.
@@ -108,19 +108,19 @@ BeamScene::BeamScene(BeamSpec spec) : spec_(std::move(spec)) {
 
   Dft dft(frames);
   const PeriodicForce force =
-      MakePeriodicForce(spec_.excitation, frames, spec_.fps, spec_.seed, dft);
+      MakePeriodicForce(setup_.excitation, frames, setup_.fps, setup_.seed, dft);
   excitation_ = force.samples;
   gain_.assign(modes, 1.0);
   modal_.assign(frames * modes, 0.0);
   for (std::size_t k = 0; k < modes; ++k) {
     const std::vector<double> wave = PeriodicResponse(
-        force, spec_.fps, [&](double hz) { return ModalFrf(k, hz); }, dft);
+        force, setup_.fps, [&](double hz) { return ModalFrf(k, hz); }, dft);
     const double rms = Rms(wave);
-    gain_[k] = rms > 0.0 ? spec_.modes[k].tip_rms_px / rms : 0.0;
+    gain_[k] = rms > 0.0 ? setup_.modes[k].tip_rms_px / rms : 0.0;
     for (std::size_t t = 0; t < frames; ++t) modal_[t * modes + k] = wave[t] * gain_[k];
   }
 
-  if (spec_.plain_patch) {
+  if (setup_.plain_patch) {
     const double length = beam_.y1 - beam_.y0;
     patch_row0_ = static_cast<int>(std::ceil(beam_.y1 - 0.40 * length - 0.5));
     patch_row1_ = static_cast<int>(std::floor(beam_.y1 - 0.25 * length - 0.5)) + 1;
@@ -147,7 +147,7 @@ void BeamScene::RenderStatic() {
   // Speckle: Gaussian blobs of random brightness, one near each site of a
   // jittered lattice, over the strip and a little beyond so its edges are
   // speckled like its middle.
-  const std::uint64_t key = SceneHash(spec_.seed ^ 0xB1AB5u);
+  const std::uint64_t key = SceneHash(setup_.seed ^ 0xB1AB5u);
   auto site = [&](std::int64_t i, std::int64_t j, int what) {
     return SceneSigned(
         SceneHash(key ^ SceneHash(static_cast<std::uint64_t>(i) * 0x632BE59BD9B4E019ull +
@@ -191,7 +191,7 @@ void BeamScene::RenderStatic() {
   const double mean = sum / static_cast<double>(count);
   const double spread = std::sqrt(std::max(sum2 / static_cast<double>(count) - mean * mean, 1e-12));
   for (int y = beam_.y0; y < along_; ++y) {
-    const bool plain = spec_.plain_patch && y >= patch_row0_ && y < patch_row1_;
+    const bool plain = setup_.plain_patch && y >= patch_row0_ && y < patch_row1_;
     for (std::size_t i = 0; i < cols; ++i) {
       const double x = span0_ + (static_cast<double>(i) + 0.5) / kOversample;
       if (x < beam_.x0 || x >= beam_.x1) continue;
@@ -242,9 +242,9 @@ double BeamScene::AlongBeam(std::size_t k, double s) const {
 }
 
 void BeamScene::ToUpright(int x, int y, int* ux, int* uy) const {
-  if (spec_.horizontal) {
+  if (setup_.horizontal) {
     *ux = y;
-    *uy = spec_.width - 1 - x;
+    *uy = setup_.width - 1 - x;
   } else {
     *ux = x;
     *uy = y;
@@ -252,8 +252,8 @@ void BeamScene::ToUpright(int x, int y, int* ux, int* uy) const {
 }
 
 BeamRect BeamScene::ToImage(const BeamRect& r) const {
-  if (!spec_.horizontal || r.empty()) return r;
-  return {spec_.width - r.y1, r.x0, spec_.width - r.y0, r.x1};
+  if (!setup_.horizontal || r.empty()) return r;
+  return {setup_.width - r.y1, r.x0, setup_.width - r.y0, r.x1};
 }
 
 double BeamScene::Displacement(std::size_t k, int x, int y) const {
@@ -264,7 +264,7 @@ double BeamScene::Displacement(std::size_t k, int x, int y) const {
 }
 
 std::complex<double> BeamScene::ModalFrf(std::size_t k, double hz) const {
-  const BeamMode& m = spec_.modes[k];
+  const BeamMode& m = setup_.modes[k];
   const double wk = 2.0 * kPi * m.frequency_hz;
   const double w = 2.0 * kPi * hz;
   return gain_[k] * wk * wk / std::complex<double>(wk * wk - w * w, 2.0 * m.damping * wk * w);
@@ -287,15 +287,15 @@ double BeamScene::Rest(int x, int y) const {
 }
 
 void BeamScene::Frame(std::int32_t f, std::uint16_t* samples) const {
-  if (f < 0 || f >= spec_.frames) throw std::out_of_range("frame outside the scene");
-  const std::size_t modes = spec_.modes.size();
+  if (f < 0 || f >= setup_.frames) throw std::out_of_range("frame outside the scene");
+  const std::size_t modes = setup_.modes.size();
   const double* q = &modal_[static_cast<std::size_t>(f) * modes];
   const std::uint64_t frame_key =
-      SceneHash(spec_.seed ^ SceneHash(static_cast<std::uint64_t>(f) + 1));
-  const auto noise_scale = static_cast<float>(spec_.noise * std::sqrt(kMidGrey));
+      SceneHash(setup_.seed ^ SceneHash(static_cast<std::uint64_t>(f) + 1));
+  const auto noise_scale = static_cast<float>(setup_.noise * std::sqrt(kMidGrey));
   const std::size_t hashes_per_row = (static_cast<std::size_t>(across_) + 4) / 5;
   const int first_beam_row = std::max(0, beam_.y0 - kRowBlurReach);
-  const int out_width = spec_.width;
+  const int out_width = setup_.width;
 
   std::vector<float> clean(across_);
   for (int y = 0; y < along_; ++y) {
@@ -310,8 +310,8 @@ void BeamScene::Frame(std::int32_t f, std::uint16_t* samples) const {
       for (int x = x0; x < x1; ++x) clean[x] += Profile(y, x, u);
     }
     // Upright pixel (x, y) is image pixel (x, y), or (W - 1 - y, x) turned.
-    const std::ptrdiff_t start = spec_.horizontal ? out_width - 1 - y : y * across_;
-    const std::ptrdiff_t step = spec_.horizontal ? out_width : 1;
+    const std::ptrdiff_t start = setup_.horizontal ? out_width - 1 - y : y * across_;
+    const std::ptrdiff_t step = setup_.horizontal ? out_width : 1;
     const std::uint64_t row_key = frame_key + y * hashes_per_row;
     for (int x = 0; x < across_; x += 5) {
       std::uint64_t bits = SceneHash(row_key + static_cast<std::uint64_t>(x / 5));

@@ -49,7 +49,7 @@ struct BeamMode {
 // 0.04 px: a first mode that dominates, as under a real broadband force.
 std::vector<BeamMode> DefaultBeamModes();
 
-struct BeamSpec {
+struct BeamSetup {
   std::uint16_t width = 96;
   std::uint16_t height = 256;
   double fps = 2000.0;
@@ -76,7 +76,7 @@ class BeamScene {
   // outside (0, fps / 2), with a damping outside (0, 1) or a negative tip
   // RMS, a negative motion (or a positive one with a still first mode), or a
   // noise outside [0, 1].
-  explicit BeamScene(BeamSpec spec);
+  explicit BeamScene(BeamSetup setup);
 
   // Fills frame f (0 <= f < frames) with width * height 12-bit samples,
   // raster order; throws std::out_of_range for any other f. Thread-safe; the
@@ -86,7 +86,7 @@ class BeamScene {
   // The force, one value per frame; the reference signal for FRF maps.
   const std::vector<float>& excitation() const { return excitation_; }
   // The scene as built: the modes filled in and scaled to `motion`.
-  const BeamSpec& spec() const { return spec_; }
+  const BeamSetup& setup() const { return setup_; }
 
   // Lateral displacement shape of mode k at s in [0, 1] from the clamp:
   // 0 with zero slope at the clamp, 1 at the free end.
@@ -95,11 +95,11 @@ class BeamScene {
   // modal coordinate of mode k; 0 off the beam's rectangle at rest.
   double Displacement(std::size_t k, int x, int y) const;
   // The axis the beam moves along: 0 for x (upright), 1 for y (horizontal).
-  int MotionAxis() const { return spec_.horizontal ? 1 : 0; }
+  int MotionAxis() const { return setup_.horizontal ? 1 : 0; }
 
   // Modal coordinate of mode k at frame f: its tip displacement in px.
   double Modal(std::size_t k, std::int32_t f) const {
-    return modal_[static_cast<std::size_t>(f) * spec_.modes.size() + k];
+    return modal_[static_cast<std::size_t>(f) * setup_.modes.size() + k];
   }
   // Transfer from the force to mode k's tip displacement at `hz`, px per
   // force unit.
@@ -125,7 +125,7 @@ class BeamScene {
   float Profile(int y, double x, double u) const;
   void RenderStatic();
 
-  BeamSpec spec_;
+  BeamSetup setup_;
   int across_ = 0, along_ = 0;           // upright image size
   BeamRect beam_;                        // upright
   BeamRect patch_;                       // upright; the textureless interior

@@ -90,7 +90,7 @@ class OutFile {
   std::string path_;
 };
 
-std::string Validate(const CaptureSpec& desc) {
+std::string Validate(const CaptureDesc& desc) {
   if (desc.width == 0 || desc.height == 0) return "width and height must be at least 1";
   if (desc.frames < 1) return "frame count must be at least 1";
   if (!(desc.fps > 0.0) || !std::isfinite(desc.fps)) return "frame rate must be positive";
@@ -163,7 +163,7 @@ bool RemoveStaleData(const std::string& folder, const std::string& stem, std::st
   return true;
 }
 
-void FillHeader(const CaptureSpec& desc, std::uint8_t* h) {
+void FillHeader(const CaptureDesc& desc, std::uint8_t* h) {
   format::StoreU16(h + format::kWidthOffset, desc.width);
   format::StoreU16(h + format::kHeightOffset, desc.height);
   format::StoreU32(h + format::kPixelFormatOffset, desc.pixel_format);
@@ -182,7 +182,7 @@ void ClampSamples(std::uint16_t* samples, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) samples[i] = std::min(samples[i], kMaxSample);
 }
 
-bool WriteDivisions(const std::string& header_path, const CaptureSpec& desc,
+bool WriteDivisions(const std::string& header_path, const CaptureDesc& desc,
                     const FrameBytesSource& source, std::string* error) {
   const auto frame_bytes = static_cast<std::size_t>(DivisionFrameBytes(desc));
   std::vector<std::uint8_t> scratch(frame_bytes);
@@ -213,7 +213,7 @@ bool WriteDivisions(const std::string& header_path, const CaptureSpec& desc,
   return out.Finish(error);
 }
 
-bool WriteSingleFile(const std::string& header_path, const CaptureSpec& desc,
+bool WriteSingleFile(const std::string& header_path, const CaptureDesc& desc,
                      const CheckedFrameSource& source, std::string* error) {
   const std::uint32_t width = desc.width;
   const std::uint32_t rows = desc.height;
@@ -282,7 +282,7 @@ bool WriteSingleFile(const std::string& header_path, const CaptureSpec& desc,
 
 }  // namespace
 
-std::uint64_t DivisionFrameBytes(const CaptureSpec& desc) {
+std::uint64_t DivisionFrameBytes(const CaptureDesc& desc) {
   const std::uint64_t pixels = static_cast<std::uint64_t>(desc.width) * desc.height;
   return desc.pixel_format == format::kPixelFormat12BitPacked ? pixels * 3 / 2 : pixels;
 }
@@ -312,7 +312,7 @@ void PackCapRow(const std::uint16_t* samples, std::uint32_t width, std::uint8_t*
   }
 }
 
-bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
+bool WriteCapture(const std::string& header_path, const CaptureDesc& desc,
                   const FrameSource& source, std::string* error) {
   if (!source) return Fail(error, "no frame source");
   return WriteCapture(
@@ -329,7 +329,7 @@ namespace {
 // Checks, clears the old data, writes the frames with `write_frames` and
 // then the header.
 template <typename WriteFrames>
-bool WriteCaptureWith(const std::string& header_path, const CaptureSpec& desc,
+bool WriteCaptureWith(const std::string& header_path, const CaptureDesc& desc,
                       const WriteFrames& write_frames, std::string* error) {
   if (const std::string problem = Validate(desc); !problem.empty()) return Fail(error, problem);
   const std::string folder = DataFolder(header_path);
@@ -356,7 +356,7 @@ bool WriteCaptureWith(const std::string& header_path, const CaptureSpec& desc,
 
 }  // namespace
 
-bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
+bool WriteCapture(const std::string& header_path, const CaptureDesc& desc,
                   const CheckedFrameSource& source, std::string* error) {
   if (!source) return Fail(error, "no frame source");
   return WriteCaptureWith(
@@ -386,7 +386,7 @@ bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
       error);
 }
 
-bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
+bool WriteCapture(const std::string& header_path, const CaptureDesc& desc,
                   const FrameBytesSource& source, std::string* error) {
   if (!source) return Fail(error, "no frame source");
   if (desc.single_file) return Fail(error, "a single-file capture is written from samples");

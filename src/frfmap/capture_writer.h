@@ -18,7 +18,7 @@
 
 namespace frfcam::frfmap {
 
-struct CaptureSpec {
+struct CaptureDesc {
   std::uint16_t width = 0;
   std::uint16_t height = 0;
   std::int32_t frames = 0;
@@ -63,22 +63,22 @@ using FrameBytesSource =
 // division files of below 2 GiB each; for ".cap", a ring of at least
 // `frames` slots with the first slot inside it. An 8-bit capture written as
 // a single file keeps its samples in steps of 16.
-bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
+bool WriteCapture(const std::string& header_path, const CaptureDesc& desc,
                   const FrameSource& source, std::string* error);
 
 // The same with a source that can fail: its reason becomes *error, and no
 // header is written, so nothing reads as a complete capture.
-bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
+bool WriteCapture(const std::string& header_path, const CaptureDesc& desc,
                   const CheckedFrameSource& source, std::string* error);
 
 // The same with pixel data as it is stored. Division files only: a single
 // ".cap" file packs its rows otherwise, and is refused.
-bool WriteCapture(const std::string& header_path, const CaptureSpec& desc,
+bool WriteCapture(const std::string& header_path, const CaptureDesc& desc,
                   const FrameBytesSource& source, std::string* error);
 
 // Bytes of one frame's pixel data in a division file (S): W * H for 8-bit,
 // W * H * 3 / 2 (whole part) for 12-bit packed.
-std::uint64_t DivisionFrameBytes(const CaptureSpec& desc);
+std::uint64_t DivisionFrameBytes(const CaptureDesc& desc);
 
 // Packs `count` samples into the 12-bit packed form: two samples a, b in
 // three bytes a >> 4, (a & 15) << 4 | (b & 15), b >> 4. Writes exactly

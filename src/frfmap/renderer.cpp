@@ -138,7 +138,7 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
   const std::size_t stride =
       (std::max(RunBytes(encoding, 0, block), RunBytes(encoding, 1, block)) + 63) / 64 * 64;
   const std::size_t raw_count = static_cast<std::size_t>(frames) * stride;
-  const std::size_t spec_count = static_cast<std::size_t>(bins) * block;
+  const std::size_t spectra_count = static_cast<std::size_t>(bins) * block;
 
   std::array<FftBuffer<std::uint8_t>, kSlots> raw;
   std::array<FftBuffer<std::complex<float>>, kSlots> spectra_memory;
@@ -149,14 +149,14 @@ int FrfMapCalcs::RenderCube(const ProgressFn& progress) {
     raw[s] = AllocateFftBuffer<std::uint8_t>(raw_count);
     // A page more, so that the spectra can start on a page boundary.
     constexpr std::size_t kPad = kAlign / sizeof(std::complex<float>);
-    spectra_memory[s] = AllocateFftBuffer<std::complex<float>>(spec_count + kPad);
+    spectra_memory[s] = AllocateFftBuffer<std::complex<float>>(spectra_count + kPad);
     memory_ok = raw[s] && spectra_memory[s];
     if (memory_ok) {
       const auto at = reinterpret_cast<std::uintptr_t>(spectra_memory[s].get());
       spectra[s] =
           spectra_memory[s].get() + (kAlign - at % kAlign) % kAlign / sizeof(std::complex<float>);
       platform::AdviseLargePages(raw[s].get(), raw_count);
-      platform::AdviseLargePages(spectra[s], spec_count * sizeof(std::complex<float>));
+      platform::AdviseLargePages(spectra[s], spectra_count * sizeof(std::complex<float>));
     }
   }
   // Declared after the buffers, so that however the render ends, no write

@@ -59,7 +59,7 @@ std::vector<PlateMode> CantileverModes(double fps) {
           {0.02 * 17.547 * fps, 0.008, 3, 1, 0.02}};
 }
 
-PlateScene::PlateScene(SceneSpec desc) : desc_(std::move(desc)) {
+PlateScene::PlateScene(SceneSetup desc) : desc_(std::move(desc)) {
   Check(desc_.width > 0 && desc_.height > 0, "the scene needs a non-empty image");
   Check(desc_.frames >= 1, "the scene needs at least one frame");
   Check(desc_.fps > 0.0 && std::isfinite(desc_.fps), "the frame rate must be positive");

@@ -56,7 +56,7 @@ std::vector<PlateMode> CantileverModes(double fps);
 // over u, uniform over v; n is ignored), +-1 at the free end.
 enum class SceneKind { kPlate, kStrip };
 
-struct SceneSpec {
+struct SceneSetup {
   std::uint16_t width = 256;
   std::uint16_t height = 192;
   double fps = 2000.0;
@@ -78,7 +78,7 @@ class PlateScene {
   // Throws std::invalid_argument for an empty image, no frames, a frame rate
   // that is not positive, or a mode outside (0, fps / 2), with a damping
   // outside (0, 1), or with m or n below 1.
-  explicit PlateScene(SceneSpec desc);
+  explicit PlateScene(SceneSetup desc);
 
   // Fills frame f (0 <= f < frames) with width * height samples, raster
   // order; throws std::out_of_range for any other f. Thread-safe; the same f
@@ -88,7 +88,7 @@ class PlateScene {
   // The force, one value per frame; the reference signal for FRF maps.
   const std::vector<float>& excitation() const { return excitation_; }
   // The desc with the modes filled in.
-  const SceneSpec& desc() const { return desc_; }
+  const SceneSetup& desc() const { return desc_; }
   const std::vector<PlateMode>& modes() const { return desc_.modes; }
   PlateRect plate() const { return plate_; }
 
@@ -106,7 +106,7 @@ class PlateScene {
   std::complex<double> ModalFrf(std::size_t k, double hz) const;
 
  private:
-  SceneSpec desc_;
+  SceneSetup desc_;
   PlateRect plate_;
   std::vector<float> excitation_;
   std::vector<double> gain_;         // c_k per mode

@@ -144,17 +144,17 @@ TEST(Import, StoredFramesGoStraightIntoTheSameCapture) {
   for (const int bits : {8, 12}) {
     for (const unsigned width : {34u, 33u}) {
       const FakeSource codes(width, 10, 5, bits, 500.0);
-      MrawSpec spec;
-      spec.width = width;
-      spec.height = 10;
-      spec.frames = 5;
-      spec.fps = 500.0;
-      spec.bits = bits;
+      MrawSetup setup;
+      setup.width = width;
+      setup.height = 10;
+      setup.frames = 5;
+      setup.fps = 500.0;
+      setup.bits = bits;
       const std::string cih =
           dir.file("r" + std::to_string(bits) + "_" + std::to_string(width) + ".cih");
       std::string error;
       ASSERT_TRUE(WriteMraw(
-          cih, spec,
+          cih, setup,
           [&](std::int64_t f, std::uint16_t* c) {
             ASSERT_TRUE(FakeSource(codes).ReadFrame(f, c, &error));
           },

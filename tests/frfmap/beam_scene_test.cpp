@@ -12,8 +12,8 @@
 namespace frfcam::frfmap {
 namespace {
 
-BeamSpec SmallBeam() {
-  BeamSpec s;
+BeamSetup SmallBeam() {
+  BeamSetup s;
   s.width = 40;
   s.height = 96;
   s.frames = 1000;
@@ -21,15 +21,16 @@ BeamSpec SmallBeam() {
 }
 
 std::vector<std::uint16_t> Render(const BeamScene& scene, std::int32_t f) {
-  std::vector<std::uint16_t> v(static_cast<std::size_t>(scene.spec().width) * scene.spec().height);
+  std::vector<std::uint16_t> v(static_cast<std::size_t>(scene.setup().width) *
+                               scene.setup().height);
   scene.Frame(f, v.data());
   return v;
 }
 
 TEST(BeamScene, FramesAreDeterministicAcrossThreads) {
-  BeamSpec spec = SmallBeam();
-  spec.frames = 64;
-  const BeamScene scene(spec);
+  BeamSetup setup = SmallBeam();
+  setup.frames = 64;
+  const BeamScene scene(setup);
   std::vector<std::vector<std::uint16_t>> serial, parallel(64);
   for (std::int32_t f = 0; f < 64; ++f) serial.push_back(Render(scene, f));
   std::vector<std::thread> threads;
@@ -40,9 +41,9 @@ TEST(BeamScene, FramesAreDeterministicAcrossThreads) {
   }
   for (auto& t : threads) t.join();
   EXPECT_EQ(serial, parallel);
-  EXPECT_EQ(Render(BeamScene(spec), 5), serial[5]);
-  spec.seed = 2;
-  EXPECT_NE(Render(BeamScene(spec), 5), serial[5]);
+  EXPECT_EQ(Render(BeamScene(setup), 5), serial[5]);
+  setup.seed = 2;
+  EXPECT_NE(Render(BeamScene(setup), 5), serial[5]);
   EXPECT_THROW(scene.Frame(64, serial[0].data()), std::out_of_range);
 }
 
@@ -50,13 +51,13 @@ TEST(BeamScene, FramesAreDeterministicAcrossThreads) {
 // the beam, noise and all, averages to its resting brightness plus the
 // second-order bias, half the curvature times the displacement's variance.
 TEST(BeamScene, MeanOfMovingRowIsTheRestingRow) {
-  const BeamScene scene{BeamSpec{}};
+  const BeamScene scene{BeamSetup{}};
   const BeamRect beam = scene.beam();
   const int y = (beam.y0 + beam.y1) / 2;
-  const int w = scene.spec().width;
-  const std::int32_t frames = scene.spec().frames;
+  const int w = scene.setup().width;
+  const std::int32_t frames = scene.setup().frames;
   std::vector<double> sum(w, 0.0);
-  std::vector<std::uint16_t> frame(static_cast<std::size_t>(w) * scene.spec().height);
+  std::vector<std::uint16_t> frame(static_cast<std::size_t>(w) * scene.setup().height);
   double variance = 0.0;
   for (std::int32_t f = 0; f < frames; ++f) {
     scene.Frame(f, frame.data());
@@ -80,23 +81,23 @@ TEST(BeamScene, MeanOfMovingRowIsTheRestingRow) {
 // Near the tip, the brightness change is -I' u to first order; the true
 // warp also has the +I'' u^2 / 2 term, which a linearised renderer lacks.
 TEST(BeamScene, BrightnessChangeIsTheImageWarp) {
-  BeamSpec spec;
-  spec.noise = 0.0;
-  spec.motion = 0.3;
-  const BeamScene scene(spec);
+  BeamSetup setup;
+  setup.noise = 0.0;
+  setup.motion = 0.3;
+  const BeamScene scene(setup);
   const BeamRect beam = scene.beam();
   // The frame whose tip is nearest half a pixel away from rest.
   std::int32_t frame = 0;
   auto tip = [&](std::int32_t f) {
     double u = 0.0;
-    for (std::size_t k = 0; k < scene.spec().modes.size(); ++k) u += scene.Modal(k, f);
+    for (std::size_t k = 0; k < scene.setup().modes.size(); ++k) u += scene.Modal(k, f);
     return u;
   };
-  for (std::int32_t f = 0; f < spec.frames; ++f) {
+  for (std::int32_t f = 0; f < setup.frames; ++f) {
     if (std::abs(std::abs(tip(f)) - 0.5) < std::abs(std::abs(tip(frame)) - 0.5)) frame = f;
   }
   const std::vector<std::uint16_t> image = Render(scene, frame);
-  const int w = spec.width;
+  const int w = setup.width;
   double first2 = 0.0, second2 = 0.0, change2 = 0.0;
   for (int y = beam.y0; y < beam.y0 + (beam.y1 - beam.y0) / 5; ++y) {
     double u = 0.0;
@@ -119,11 +120,11 @@ TEST(BeamScene, BrightnessChangeIsTheImageWarp) {
 
 TEST(BeamScene, ModalSpectrumIsTheFrfTimesTheForce) {
   for (Excitation excitation : {Excitation::kRandom, Excitation::kChirp}) {
-    BeamSpec spec = SmallBeam();
-    spec.excitation = excitation;
-    spec.motion = 0.5;
-    const BeamScene scene(spec);
-    const auto n = static_cast<std::size_t>(spec.frames);
+    BeamSetup setup = SmallBeam();
+    setup.excitation = excitation;
+    setup.motion = 0.5;
+    const BeamScene scene(setup);
+    const auto n = static_cast<std::size_t>(setup.frames);
     Dft dft(n);
     std::vector<double> force(scene.excitation().begin(), scene.excitation().end());
     std::vector<std::complex<double>> force_spectrum(n), modal_spectrum(n);
@@ -131,30 +132,30 @@ TEST(BeamScene, ModalSpectrumIsTheFrfTimesTheForce) {
     for (std::size_t k = 0; k < 3; ++k) {
       std::vector<double> q(n);
       for (std::size_t f = 0; f < n; ++f) q[f] = scene.Modal(k, static_cast<std::int32_t>(f));
-      EXPECT_NEAR(Rms(q), scene.spec().modes[k].tip_rms_px, 1e-9);
+      EXPECT_NEAR(Rms(q), scene.setup().modes[k].tip_rms_px, 1e-9);
       dft.ForwardReal(q.data(), modal_spectrum.data());
       // Lines 2 Hz apart: below, at and above each mode.
       for (std::size_t line : {10, 30, 125, 350, 480}) {
-        const std::complex<double> frf = scene.ModalFrf(k, line * spec.fps / n);
+        const std::complex<double> frf = scene.ModalFrf(k, line * setup.fps / n);
         EXPECT_LT(std::abs(modal_spectrum[line] / force_spectrum[line] - frf), 1e-4 * std::abs(frf))
             << "mode " << k << " line " << line;
       }
     }
-    EXPECT_NEAR(scene.spec().modes[1].tip_rms_px, 0.16, 1e-12) << "modes keep their ratio";
+    EXPECT_NEAR(scene.setup().modes[1].tip_rms_px, 0.16, 1e-12) << "modes keep their ratio";
   }
 }
 
 TEST(BeamScene, HorizontalIsTheUprightTurned) {
-  const BeamSpec upright_spec = SmallBeam();
-  BeamSpec spec = upright_spec;
-  std::swap(spec.width, spec.height);
-  spec.horizontal = true;
-  const BeamScene upright(upright_spec), lying(spec);
+  const BeamSetup upright_setup = SmallBeam();
+  BeamSetup setup = upright_setup;
+  std::swap(setup.width, setup.height);
+  setup.horizontal = true;
+  const BeamScene upright(upright_setup), lying(setup);
   const std::vector<std::uint16_t> a = Render(upright, 17), b = Render(lying, 17);
-  const int w = spec.width;
-  for (int y = 0; y < spec.height; ++y) {
+  const int w = setup.width;
+  for (int y = 0; y < setup.height; ++y) {
     for (int x = 0; x < w; ++x) {
-      ASSERT_EQ(b[y * w + x], a[(w - 1 - x) * upright_spec.width + y]) << x << "," << y;
+      ASSERT_EQ(b[y * w + x], a[(w - 1 - x) * upright_setup.width + y]) << x << "," << y;
       ASSERT_EQ(lying.Displacement(0, x, y), upright.Displacement(0, y, w - 1 - x));
     }
   }
@@ -165,17 +166,17 @@ TEST(BeamScene, HorizontalIsTheUprightTurned) {
 }
 
 TEST(BeamScene, PlainPatchHasNoTexture) {
-  BeamSpec spec;
-  spec.noise = 0.0;
-  spec.plain_patch = true;
-  spec.frames = 200;
-  const BeamScene scene(spec);
+  BeamSetup setup;
+  setup.noise = 0.0;
+  setup.plain_patch = true;
+  setup.frames = 200;
+  const BeamScene scene(setup);
   const BeamRect beam = scene.beam(), patch = scene.plain_patch();
   ASSERT_FALSE(patch.empty());
   const double length = beam.y1 - beam.y0;
   EXPECT_GE(beam.y1 - patch.y1, 0.25 * length);
   EXPECT_LE(beam.y1 - patch.y0, 0.40 * length);
-  const int w = spec.width;
+  const int w = setup.width;
   auto range = [&](const std::vector<std::uint16_t>& image, int y0, int y1) {
     int lo = 4095, hi = 0;
     for (int y = y0; y < y1; ++y) {
@@ -186,7 +187,7 @@ TEST(BeamScene, PlainPatchHasNoTexture) {
     }
     return hi - lo;
   };
-  for (std::int32_t f = 0; f < spec.frames; f += 7) {
+  for (std::int32_t f = 0; f < setup.frames; f += 7) {
     const std::vector<std::uint16_t> image = Render(scene, f);
     ASSERT_LE(range(image, patch.y0, patch.y1), 1) << "frame " << f;
     ASSERT_GT(range(image, patch.y1 + 4, patch.y1 + 8), 200) << "no speckle below the patch";

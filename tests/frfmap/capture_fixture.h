@@ -13,9 +13,9 @@
 
 namespace frfcam::frfmap {
 
-inline CaptureSpec MakeCapture(std::uint16_t w, std::uint16_t h, std::int32_t frames,
+inline CaptureDesc MakeCapture(std::uint16_t w, std::uint16_t h, std::int32_t frames,
                                std::uint32_t format, std::uint32_t per_file, double fps = 1000.0) {
-  CaptureSpec s;
+  CaptureDesc s;
   s.width = w;
   s.height = h;
   s.frames = frames;
@@ -26,7 +26,7 @@ inline CaptureSpec MakeCapture(std::uint16_t w, std::uint16_t h, std::int32_t fr
 }
 
 // Writes a capture whose sample at frame f, pixel p is sample(f, p).
-inline void WriteSamples(const std::string& header, const CaptureSpec& desc,
+inline void WriteSamples(const std::string& header, const CaptureDesc& desc,
                          std::uint16_t (*sample)(std::int32_t, std::size_t)) {
   const std::size_t pixels = static_cast<std::size_t>(desc.width) * desc.height;
   std::string error;
@@ -42,7 +42,7 @@ inline void WriteSamples(const std::string& header, const CaptureSpec& desc,
 // What a capture holds for sample s written at pixel p: 8-bit data keeps the
 // top eight bits; the last sample of a 12-bit frame with an odd pixel count
 // in division files keeps its high byte only.
-inline std::uint16_t Stored(const CaptureSpec& desc, std::uint16_t s, std::size_t p) {
+inline std::uint16_t Stored(const CaptureDesc& desc, std::uint16_t s, std::size_t p) {
   const std::size_t pixels = static_cast<std::size_t>(desc.width) * desc.height;
   const bool lone_high_byte = !desc.single_file && pixels % 2 == 1 && p == pixels - 1;
   return desc.pixel_format != 1 || lone_high_byte ? s & 0xFF0 : s;

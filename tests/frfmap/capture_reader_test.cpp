@@ -26,13 +26,13 @@ std::uint16_t Sample(std::int32_t f, std::size_t p) {
   return static_cast<std::uint16_t>((h >> 7) & 0xFFF);
 }
 
-std::string Write(const ScratchDir& dir, const CaptureSpec& desc) {
+std::string Write(const ScratchDir& dir, const CaptureDesc& desc) {
   WriteSamples(dir.file("cap.hdr"), desc, Sample);
   return dir.file("cap.hdr");
 }
 
 // Also checks the frame records, which come with runs from pixel 0 only.
-void ExpectRun(CaptureReader& reader, const CaptureSpec& desc, std::uint64_t first,
+void ExpectRun(CaptureReader& reader, const CaptureDesc& desc, std::uint64_t first,
                std::uint32_t n) {
   std::vector<std::uint16_t> out(static_cast<std::size_t>(desc.frames) * n, 0xFFFF);
   std::vector<std::uint8_t> records(static_cast<std::size_t>(desc.frames) * 16, 0xEE);
@@ -58,7 +58,7 @@ TEST(CaptureReader, ReadsBackEveryFormatAndRun) {
     for (const auto& [w, h] : {std::pair<int, int>{7, 5}, {8, 3}, {1, 1}, {13, 2}}) {
       ScratchDir dir;
       // Frames per file 4 of 10: frames 3 and 4 straddle the first boundary.
-      const CaptureSpec desc =
+      const CaptureDesc desc =
           MakeCapture(static_cast<std::uint16_t>(w), static_cast<std::uint16_t>(h), 10, fmt, 4);
       const std::string header = Write(dir, desc);
       CaptureReader reader;
@@ -83,7 +83,7 @@ TEST(CaptureReader, ReadsBackEveryFormatAndRun) {
 TEST(CaptureReader, SingleFileRingThatWraps) {
   for (const std::uint32_t fmt : {format::kPixelFormat12BitPacked, format::kPixelFormat8Bit}) {
     ScratchDir dir;
-    CaptureSpec desc = MakeCapture(11, 3, 7, fmt, 500);
+    CaptureDesc desc = MakeCapture(11, 3, 7, fmt, 500);
     desc.single_file = true;
     desc.ring_slots = 9;
     desc.first_slot = 5;  // frames 4.. live in slots 0..
@@ -100,7 +100,7 @@ TEST(CaptureReader, DamagedDataGivesAFailedRead) {
   FRFCAM_SKIP_ON_WINDOWS(
       "removing or cutting a file another object holds open (Windows refuses it)");
   ScratchDir dir;
-  const CaptureSpec desc = MakeCapture(8, 4, 10, format::kPixelFormat12BitPacked, 4);
+  const CaptureDesc desc = MakeCapture(8, 4, 10, format::kPixelFormat12BitPacked, 4);
   const std::string header = Write(dir, desc);
   std::vector<std::uint16_t> samples(10 * 32);
   CaptureReader reader;
@@ -122,7 +122,7 @@ TEST(CaptureReader, DamagedDataGivesAFailedRead) {
   EXPECT_FALSE(reader.ReadBlock(0, 32, 10, samples.data(), nullptr));
 
   // A single-file capture cut short, then gone.
-  CaptureSpec single = MakeCapture(10, 2, 6, format::kPixelFormat12BitPacked, 500);
+  CaptureDesc single = MakeCapture(10, 2, 6, format::kPixelFormat12BitPacked, 500);
   single.single_file = true;
   const std::string cap = DataFilePath(Write(dir, single), DataFile::kSingle, 0);
   std::filesystem::resize_file(cap, std::filesystem::file_size(cap) - 1);

@@ -96,27 +96,27 @@ TEST(CaptureWriter, CapRowsHoldFiveSamplesPerBigEndianWord) {
 TEST(CaptureWriter, RefusesCapturesThatCannotBeReadBackAndWritesNothing) {
   test::ScratchDir dir;
   const std::string hdr = dir.file("bad.hdr");
-  auto refused = [&](CaptureSpec desc, const std::string& path) {
+  auto refused = [&](CaptureDesc desc, const std::string& path) {
     std::string error;
     const bool ok = WriteCapture(
         path, desc, [](std::int32_t, std::uint16_t*) {}, &error);
     return !ok && !error.empty() && error.find('\n') == std::string::npos;
   };
-  const CaptureSpec good = MakeCapture(4, 4, 10, 1, 5);
-  const std::function<void(CaptureSpec&)> breakers[] = {
-      [](CaptureSpec& c) { c.width = 0; },
-      [](CaptureSpec& c) { c.frames = 0; },
-      [](CaptureSpec& c) { c.fps = 0; },
-      [](CaptureSpec& c) { c.pixel_format = 2; },
-      [](CaptureSpec& c) { c.frames_per_file = 0; },
+  const CaptureDesc good = MakeCapture(4, 4, 10, 1, 5);
+  const std::function<void(CaptureDesc&)> breakers[] = {
+      [](CaptureDesc& c) { c.width = 0; },
+      [](CaptureDesc& c) { c.frames = 0; },
+      [](CaptureDesc& c) { c.fps = 0; },
+      [](CaptureDesc& c) { c.pixel_format = 2; },
+      [](CaptureDesc& c) { c.frames_per_file = 0; },
       // One frame per file: 128 files, one more than can be addressed.
-      [](CaptureSpec& c) { c.frames = 128, c.frames_per_file = 1; },
-      [](CaptureSpec& c) { c.width = c.height = 65535, c.frames_per_file = 500; },  // 6.4 GB frames
-      [](CaptureSpec& c) { c.single_file = true, c.ring_slots = 9; },
-      [](CaptureSpec& c) { c.single_file = true, c.ring_slots = 10, c.first_slot = 10; },
+      [](CaptureDesc& c) { c.frames = 128, c.frames_per_file = 1; },
+      [](CaptureDesc& c) { c.width = c.height = 65535, c.frames_per_file = 500; },  // 6.4 GB frames
+      [](CaptureDesc& c) { c.single_file = true, c.ring_slots = 9; },
+      [](CaptureDesc& c) { c.single_file = true, c.ring_slots = 10, c.first_slot = 10; },
   };
   for (const auto& breaker : breakers) {
-    CaptureSpec s = good;
+    CaptureDesc s = good;
     breaker(s);
     EXPECT_TRUE(refused(s, hdr)) << s.width << "x" << s.height << " F=" << s.frames;
   }
@@ -124,7 +124,7 @@ TEST(CaptureWriter, RefusesCapturesThatCannotBeReadBackAndWritesNothing) {
   EXPECT_FALSE(fs::exists(hdr));
   EXPECT_FALSE(fs::exists(dir.path() / "bad"));
 
-  CaptureSpec most = good;
+  CaptureDesc most = good;
   most.frames = 127;
   most.frames_per_file = 1;
   std::string error;

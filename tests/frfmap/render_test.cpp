@@ -44,7 +44,7 @@ std::uint16_t Sample(std::int32_t f, std::size_t p) {
 
 struct Capture {
   std::string header;
-  CaptureSpec desc;
+  CaptureDesc desc;
   std::vector<std::vector<double>> series;  // [pixel][frame], as stored
 };
 

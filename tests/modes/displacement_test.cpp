@@ -55,7 +55,7 @@ ShapeCheck CheckShape(const RenderedBeam& b, const ModesResult& r, std::size_t f
     const int cx = upright ? (rect.x0 + rect.x1) / 2 : i,
               cy = upright ? i : (rect.y0 + rect.y1) / 2;
     // The mode's displacement per unit force at its natural frequency.
-    expected.push_back(b.scene.ModalFrf(truth, b.scene.spec().modes[truth].frequency_hz) *
+    expected.push_back(b.scene.ModalFrf(truth, b.scene.setup().modes[truth].frequency_hz) *
                        b.scene.Displacement(truth, cx, cy));
   }
   ShapeCheck c;
@@ -72,7 +72,7 @@ ShapeCheck CheckShape(const RenderedBeam& b, const ModesResult& r, std::size_t f
 }
 
 ModesResult RunModes(const RenderedBeam& b, ModesOptions options = {}) {
-  options.fps = b.scene.spec().fps;
+  options.fps = b.scene.setup().fps;
   ModesResult r;
   std::string error;
   EXPECT_EQ(ComputeModes(b.header, b.scene.excitation(), options, &r, &error), ModesStatus::kOk)
@@ -91,8 +91,8 @@ void Describe(const char* what, const RenderedBeam& b, const ModesResult& r) {
       ms(r.times.reading), ms(r.times.poleFit), ms(r.times.residues), ms(r.times.flow));
   for (std::size_t k = 0; k < r.modes.size(); ++k) {
     std::printf("  %.4f Hz  %.4f %%", r.modes[k].frequencyHz, 100 * r.modes[k].damping);
-    for (std::size_t t = 0; t < b.scene.spec().modes.size(); ++t) {
-      const auto& m = b.scene.spec().modes[t];
+    for (std::size_t t = 0; t < b.scene.setup().modes.size(); ++t) {
+      const auto& m = b.scene.setup().modes[t];
       if (std::abs(m.frequency_hz - r.modes[k].frequencyHz) < 0.01 * m.frequency_hz &&
           !r.modes[k].dispX.empty()) {
         const ShapeCheck c = CheckShape(b, r, k, t);
@@ -113,7 +113,7 @@ void ExpectAllModes(const char* what, const RenderedBeam& b, const ModesResult& 
   SCOPED_TRACE(what);
   Describe(what, b, r);
   EXPECT_EQ(r.kind, ShapeKind::kDisplacement);
-  const auto& truth = b.scene.spec().modes;
+  const auto& truth = b.scene.setup().modes;
   ASSERT_EQ(r.modes.size(), truth.size());
   for (std::size_t k = 0; k < truth.size(); ++k) {
     EXPECT_NEAR(r.modes[k].frequencyHz / truth[k].frequency_hz, 1.0, 1e-3) << "mode " << k + 1;
@@ -125,11 +125,11 @@ void ExpectAllModes(const char* what, const RenderedBeam& b, const ModesResult& 
   }
 }
 
-frfmap::BeamSpec Beam() {
-  frfmap::BeamSpec spec;
-  spec.width = 96;
-  spec.height = 256;
-  return spec;
+frfmap::BeamSetup Beam() {
+  frfmap::BeamSetup setup;
+  setup.width = 96;
+  setup.height = 256;
+  return setup;
 }
 
 TEST(DisplacementModes, BeamMovingSidewaysUnderCameraNoise) {
@@ -139,11 +139,11 @@ TEST(DisplacementModes, BeamMovingSidewaysUnderCameraNoise) {
 
 TEST(DisplacementModes, LyingBeamEightBitCameraAndChirp) {
   {
-    frfmap::BeamSpec spec = Beam();
-    spec.horizontal = true;
-    spec.width = 256;
-    spec.height = 96;
-    const RenderedBeam b(spec);
+    frfmap::BeamSetup setup = Beam();
+    setup.horizontal = true;
+    setup.width = 256;
+    setup.height = 96;
+    const RenderedBeam b(setup);
     ExpectAllModes("lying beam", b, RunModes(b), {0.99, 0.99, 0.95});
   }
   {
@@ -151,22 +151,22 @@ TEST(DisplacementModes, LyingBeamEightBitCameraAndChirp) {
     ExpectAllModes("8-bit camera", b, RunModes(b), {0.99, 0.99, 0.95});
   }
   {
-    frfmap::BeamSpec spec = Beam();
-    spec.excitation = frfmap::Excitation::kChirp;
-    const RenderedBeam b(spec);
+    frfmap::BeamSetup setup = Beam();
+    setup.excitation = frfmap::Excitation::kChirp;
+    const RenderedBeam b(setup);
     ExpectAllModes("periodic chirp", b, RunModes(b), {0.99, 0.99, 0.95});
   }
 }
 
 // A tenth of the motion: the first two modes still stand out of the noise.
 TEST(DisplacementModes, ATenthOfThePixelMotion) {
-  frfmap::BeamSpec spec = Beam();
-  spec.motion = 0.025;
-  const RenderedBeam b(spec);
+  frfmap::BeamSetup setup = Beam();
+  setup.motion = 0.025;
+  const RenderedBeam b(setup);
   const ModesResult r = RunModes(b);
   Describe("0.025 px", b, r);
   ASSERT_GE(r.modes.size(), 2u);
-  const auto& truth = b.scene.spec().modes;
+  const auto& truth = b.scene.setup().modes;
   for (std::size_t k = 0; k < 2; ++k) {
     EXPECT_NEAR(r.modes[k].frequencyHz / truth[k].frequency_hz, 1.0, 1e-3) << "mode " << k + 1;
   }
@@ -175,9 +175,9 @@ TEST(DisplacementModes, ATenthOfThePixelMotion) {
 // Windows with nothing to follow are unmeasured, not made up: inside the
 // plain stretch of the beam and on the dark background.
 TEST(DisplacementModes, NoTextureNoNumber) {
-  frfmap::BeamSpec spec = Beam();
-  spec.plain_patch = true;
-  const RenderedBeam b(spec);
+  frfmap::BeamSetup setup = Beam();
+  setup.plain_patch = true;
+  const RenderedBeam b(setup);
   const ModesResult r = RunModes(b);
   ASSERT_FALSE(r.modes.empty());
   const frfmap::BeamRect patch = b.scene.plain_patch();

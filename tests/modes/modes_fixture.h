@@ -21,7 +21,7 @@ template <class Scene>
 void WriteAndRender(const std::string& header, const Scene& scene, std::uint16_t width,
                     std::uint16_t height, std::int32_t frames, double fps,
                     std::uint32_t format = frfmap::format::kPixelFormat12BitPacked) {
-  const frfmap::CaptureSpec desc = frfmap::MakeCapture(width, height, frames, format, 500, fps);
+  const frfmap::CaptureDesc desc = frfmap::MakeCapture(width, height, frames, format, 500, fps);
   std::string error;
   const bool written = frfmap::WriteCapture(
       header, desc, [&](std::int32_t f, std::uint16_t* s) { scene.Frame(f, s); }, &error);
@@ -32,7 +32,7 @@ void WriteAndRender(const std::string& header, const Scene& scene, std::uint16_t
 }
 
 struct RenderedScene {
-  explicit RenderedScene(const frfmap::SceneSpec& scene_desc, const std::string& name = "scene")
+  explicit RenderedScene(const frfmap::SceneSetup& scene_desc, const std::string& name = "scene")
       : scene(scene_desc) {
     header = dir.file(name + ".hdr");
     WriteAndRender(header, scene, scene_desc.width, scene_desc.height, scene_desc.frames,
@@ -58,10 +58,10 @@ struct RenderedScene {
 
 // A beam scene's capture (12-bit packed or 8-bit) and cube.
 struct RenderedBeam {
-  explicit RenderedBeam(const frfmap::BeamSpec& spec, int bits = 12) : scene(spec) {
+  explicit RenderedBeam(const frfmap::BeamSetup& setup, int bits = 12) : scene(setup) {
     header = dir.file("beam.hdr");
     WriteAndRender(
-        header, scene, spec.width, spec.height, spec.frames, spec.fps,
+        header, scene, setup.width, setup.height, setup.frames, setup.fps,
         bits == 8 ? frfmap::format::kPixelFormat8Bit : frfmap::format::kPixelFormat12BitPacked);
   }
 
@@ -70,8 +70,8 @@ struct RenderedBeam {
   std::string header;
 };
 
-inline frfmap::SceneSpec SmallScene(frfmap::SceneKind kind, std::vector<frfmap::PlateMode> modes) {
-  frfmap::SceneSpec s;
+inline frfmap::SceneSetup SmallScene(frfmap::SceneKind kind, std::vector<frfmap::PlateMode> modes) {
+  frfmap::SceneSetup s;
   s.width = 96;
   s.height = 72;
   s.frames = 1000;

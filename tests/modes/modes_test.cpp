@@ -100,7 +100,7 @@ TEST(ComputeModes, RefusesWhatItCannotUse) {
   EXPECT_EQ(ComputeModes(plate.header, plate.scene.excitation(), noFps, &r),
             ModesStatus::kBadOptions);
   // A still scene: nothing above the noise.
-  frfmap::SceneSpec still = SmallScene(frfmap::SceneKind::kPlate, {});
+  frfmap::SceneSetup still = SmallScene(frfmap::SceneKind::kPlate, {});
   still.modes = {{500.0, 0.01, 1, 1, 0.0}};
   RenderedScene quiet(still, "quiet");
   EXPECT_EQ(ComputeModes(quiet.header, quiet.scene.excitation(), TestOptions(), &r, &error),

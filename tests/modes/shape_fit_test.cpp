@@ -24,17 +24,17 @@ TEST(FitShapes, EveryPixelEqualsTheDirectSolve) {
   // 71 x 43 = 3053 pixels: segments of 1024 and a partial one whose last
   // pixel is not in a block of four; a buffer of six planes for the two
   // workers makes groups of three planes and a shorter last one.
-  frfmap::SceneSpec spec = SmallScene(frfmap::SceneKind::kPlate, {});
-  spec.width = 71;
-  spec.height = 43;
-  spec.frames = 600;
-  RenderedScene s(spec);
+  frfmap::SceneSetup setup = SmallScene(frfmap::SceneKind::kPlate, {});
+  setup.width = 71;
+  setup.height = 43;
+  setup.frames = 600;
+  RenderedScene s(setup);
   const std::uint32_t pixels = 71u * 43u;
-  const std::uint32_t binsTotal = spec.frames / 2 + 1;
-  const double binHz = spec.fps / spec.frames;
+  const std::uint32_t binsTotal = setup.frames / 2 + 1;
+  const double binHz = setup.fps / setup.frames;
 
   std::vector<std::complex<float>> spectrum(binsTotal);
-  ASSERT_TRUE(frfmap::ScaledRealDft(s.scene.excitation().data(), spec.frames, spectrum.data()));
+  ASSERT_TRUE(frfmap::ScaledRealDft(s.scene.excitation().data(), setup.frames, spectrum.data()));
   // Two separate runs of bins, as the band looks after unexcited bins are
   // dropped, with a bin between them left out.
   std::vector<std::uint32_t> bins;

@@ -84,7 +84,7 @@ TEST(WindowsMemory, ComesFromGlobalMemoryStatusEx) {
 
 // A small capture below `folder` (an ANSI path), its header's path returned.
 std::string WriteSmallCapture(const std::string& folder, const char* name) {
-  frfmap::CaptureSpec desc;
+  frfmap::CaptureDesc desc;
   desc.width = 12;
   desc.height = 6;
   desc.frames = 40;
