@@ -97,30 +97,6 @@ std::string ReadSmallFile(const std::string& path) {
   return text;
 }
 
-// Source codes into the capture's pixel bytes in one pass: shifted onto
-// the 12-bit scale, then packed in pairs (12) or their top 8 bits kept (8).
-// Readers keep codes below 2^bits, so the shift never overflows 12 bits;
-// the bound is for a reader that does not.
-FRFCAM_INTEGER_CLONES void CodesToBytes(const std::uint16_t* in, std::size_t n, int shift,
-                                        bool packed, std::uint8_t* out) {
-  const int up = std::max(shift, 0), down = std::max(-shift, 0);
-  const auto sample = [&](std::size_t i) {
-    return std::min<unsigned>(static_cast<unsigned>(in[i] << up) >> down, 4095u);
-  };
-  if (!packed) {
-    for (std::size_t i = 0; i < n; ++i) out[i] = static_cast<std::uint8_t>(sample(i) >> 4);
-    return;
-  }
-  const std::size_t pairs = n / 2;
-  for (std::size_t i = 0; i < pairs; ++i) {
-    const unsigned a = sample(2 * i), b = sample(2 * i + 1);
-    out[3 * i] = static_cast<std::uint8_t>(a >> 4);
-    out[3 * i + 1] = static_cast<std::uint8_t>((a & 15u) << 4 | (b & 15u));
-    out[3 * i + 2] = static_cast<std::uint8_t>(b >> 4);
-  }
-  if (n % 2 != 0) out[3 * pairs] = static_cast<std::uint8_t>(sample(n - 1) >> 4);
-}
-
 }  // namespace
 
 bool IsSource(const std::string& path) {
@@ -266,14 +242,15 @@ bool Import(VideoSource& source, const std::string& sourceName, const std::strin
     if (!source.ReadFrame(index, codes.data(), &readError[slot])) return false;
     if (region.empty()) {
       // Whole rows are contiguous in the frame.
-      CodesToBytes(codes.data() + std::size_t{y0} * w, std::size_t{w} * h, shift, packed, out);
+      frfmap::CodesToPixelBytes(codes.data() + std::size_t{y0} * w, std::size_t{w} * h, shift,
+                                packed, out);
     } else {
       for (unsigned y = 0; y < h; ++y) {
         std::memcpy(region.data() + std::size_t{y} * w,
                     codes.data() + std::size_t{y0 + y} * info.width + x0,
                     w * sizeof(std::uint16_t));
       }
-      CodesToBytes(region.data(), region.size(), shift, packed, out);
+      frfmap::CodesToPixelBytes(region.data(), region.size(), shift, packed, out);
     }
     return true;
   };

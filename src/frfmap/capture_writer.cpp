@@ -288,15 +288,29 @@ std::uint64_t DivisionFrameBytes(const CaptureDesc& desc) {
 }
 
 void Pack12(const std::uint16_t* samples, std::size_t count, std::uint8_t* out) {
+  CodesToPixelBytes(samples, count, 0, true, out);
+}
+
+// Readers keep codes below 2^bits, so a shift never overflows 12 bits; the
+// cap is for those that do not.
+FRFCAM_INTEGER_CLONES void CodesToPixelBytes(const std::uint16_t* codes, std::size_t count,
+                                             int shift, bool packed, std::uint8_t* out) {
+  const int up = std::max(shift, 0), down = std::max(-shift, 0);
+  const auto sample = [&](std::size_t i) {
+    return std::min<unsigned>(static_cast<unsigned>(codes[i] << up) >> down, kMaxSample);
+  };
+  if (!packed) {
+    for (std::size_t i = 0; i < count; ++i) out[i] = static_cast<std::uint8_t>(sample(i) >> 4);
+    return;
+  }
   const std::size_t pairs = count / 2;
   for (std::size_t i = 0; i < pairs; ++i) {
-    const unsigned a = samples[2 * i];
-    const unsigned b = samples[2 * i + 1];
+    const unsigned a = sample(2 * i), b = sample(2 * i + 1);
     out[3 * i] = static_cast<std::uint8_t>(a >> 4);
     out[3 * i + 1] = static_cast<std::uint8_t>(((a & 15u) << 4) | (b & 15u));
     out[3 * i + 2] = static_cast<std::uint8_t>(b >> 4);
   }
-  if (count % 2 != 0) out[3 * pairs] = static_cast<std::uint8_t>(samples[count - 1] >> 4);
+  if (count % 2 != 0) out[3 * pairs] = static_cast<std::uint8_t>(sample(count - 1) >> 4);
 }
 
 void PackCapRow(const std::uint16_t* samples, std::uint32_t width, std::uint8_t* out) {
@@ -371,14 +385,7 @@ bool WriteCapture(const std::string& header_path, const CaptureDesc& desc,
             [&](std::int32_t f, std::uint8_t* pixel_bytes,
                 std::string* why) -> const std::uint8_t* {
               if (!source(f, samples.data(), why)) return nullptr;
-              ClampSamples(samples.data(), pixels);
-              if (packed) {
-                Pack12(samples.data(), pixels, pixel_bytes);
-              } else {
-                for (std::size_t i = 0; i < pixels; ++i) {
-                  pixel_bytes[i] = static_cast<std::uint8_t>(samples[i] >> 4);
-                }
-              }
+              CodesToPixelBytes(samples.data(), pixels, 0, packed, pixel_bytes);
               return pixel_bytes;
             },
             error);

@@ -86,6 +86,13 @@ std::uint64_t DivisionFrameBytes(const CaptureDesc& desc);
 // the last sample fits.
 void Pack12(const std::uint16_t* samples, std::size_t count, std::uint8_t* out);
 
+// Codes onto the 12-bit scale and into a division file's pixel bytes in one
+// pass: each code shifted left by `shift` (right for a negative shift),
+// capped at 4095, then packed as Pack12 does (`packed`) or cut to its top 8
+// bits (8-bit captures, `count` bytes).
+void CodesToPixelBytes(const std::uint16_t* codes, std::size_t count, int shift, bool packed,
+                       std::uint8_t* out);
+
 // Packs one ".cap" row of `width` samples into ceil(width / 5) big-endian
 // 64-bit words, five 12-bit samples per word from the most significant end
 // (bits 59..48 first; the top four bits and missing samples zero).
