@@ -4,6 +4,8 @@
 
 #include <cstdio>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "commands.h"
 
@@ -11,10 +13,17 @@ namespace frfcam::cli {
 
 namespace {
 
+void Append(png_structp png, png_bytep data, png_size_t length) {
+  static_cast<std::string*>(png_get_io_ptr(png))
+      ->append(reinterpret_cast<const char*>(data), length);
+}
+
+void NoFlush(png_structp) {}
+
 // libpng reports errors by longjmp, so this part holds nothing with a
-// destructor.
-bool WriteRows(std::FILE* file, png_bytep* rows, unsigned width, unsigned height, int color_type,
-               png_textp text, int text_count) {
+// destructor; `out` is only appended to through the write callback.
+bool EncodeRows(std::string* out, png_bytep* rows, unsigned width, unsigned height, int color_type,
+                png_textp text, int text_count) {
   png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
   png_infop info = png != nullptr ? png_create_info_struct(png) : nullptr;
   if (png == nullptr || info == nullptr) {
@@ -25,7 +34,7 @@ bool WriteRows(std::FILE* file, png_bytep* rows, unsigned width, unsigned height
     png_destroy_write_struct(&png, &info);
     return false;
   }
-  png_init_io(png, file);
+  png_set_write_fn(png, out, &Append, &NoFlush);
   png_set_IHDR(png, info, width, height, 8, color_type, PNG_INTERLACE_NONE,
                PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
   if (text_count > 0) png_set_text(png, info, text, text_count);
@@ -36,11 +45,8 @@ bool WriteRows(std::FILE* file, png_bytep* rows, unsigned width, unsigned height
   return true;
 }
 
-void WritePng(const std::string& path, const std::uint8_t* pixels, unsigned width, unsigned height,
-              unsigned channels, const PngText& text) {
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "wb"),
-                                                       &std::fclose);
-  if (!file) throw CommandError("cannot create " + path);
+bool EncodePng(const std::uint8_t* pixels, unsigned width, unsigned height, unsigned channels,
+               const PngText& text, std::string* out) {
   std::vector<png_bytep> rows(height);
   for (unsigned y = 0; y < height; ++y) {
     rows[y] = const_cast<png_bytep>(pixels + static_cast<std::size_t>(y) * width * channels);
@@ -54,14 +60,33 @@ void WritePng(const std::string& path, const std::uint8_t* pixels, unsigned widt
     chunks[i].text_length = text[i].second.size();
   }
   const int color_type = channels == 3 ? PNG_COLOR_TYPE_RGB : PNG_COLOR_TYPE_GRAY;
-  if (!WriteRows(file.get(), rows.data(), width, height, color_type, chunks.data(),
-                 static_cast<int>(chunks.size())) ||
+  out->clear();
+  return EncodeRows(out, rows.data(), width, height, color_type, chunks.data(),
+                    static_cast<int>(chunks.size()));
+}
+
+void WritePng(const std::string& path, const std::uint8_t* pixels, unsigned width, unsigned height,
+              unsigned channels, const PngText& text) {
+  std::string bytes;
+  if (!EncodePng(pixels, width, height, channels, text, &bytes)) {
+    throw CommandError("cannot encode " + path);
+  }
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "wb"),
+                                                       &std::fclose);
+  if (!file) throw CommandError("cannot create " + path);
+  if (std::fwrite(bytes.data(), 1, bytes.size(), file.get()) != bytes.size() ||
       std::fflush(file.get()) != 0) {
     throw CommandError("cannot write " + path);
   }
 }
 
 }  // namespace
+
+std::string GrayPng(const std::uint8_t* pixels, unsigned width, unsigned height) {
+  std::string bytes;
+  if (!EncodePng(pixels, width, height, 1, {}, &bytes)) throw CommandError("cannot encode a PNG");
+  return bytes;
+}
 
 void WriteGrayPng(const std::string& path, const std::uint8_t* pixels, unsigned width,
                   unsigned height) {

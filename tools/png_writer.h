@@ -10,6 +10,11 @@ namespace frfcam::cli {
 
 using PngText = std::vector<std::pair<std::string, std::string>>;
 
+// The PNG file's bytes of an 8-bit grayscale image, exactly what
+// WriteGrayPng writes (so that a served map equals a written one); throws
+// CommandError when libpng fails.
+std::string GrayPng(const std::uint8_t* pixels, unsigned width, unsigned height);
+
 // Writes an 8-bit grayscale image of width x height bytes (raster order);
 // throws CommandError on failure.
 void WriteGrayPng(const std::string& path, const std::uint8_t* pixels, unsigned width,
