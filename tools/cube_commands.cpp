@@ -18,6 +18,7 @@
 #include "frfmap/cube_files.h"
 #include "frfmap/fft.h"
 #include "frfmap/layout.h"
+#include "map_image.h"
 #include "platform/platform.h"
 #include "png_writer.h"
 
@@ -45,29 +46,6 @@ struct MapOptions {
   std::string reference;
   std::string output;
 };
-
-// The gain that maps the 99.5th percentile of a bin's (referenced)
-// magnitudes to 255: unit gain first, then scaled until that percentile
-// lies in 128..254.
-float AutomaticGain(::FrfMapCalcs* c, int bin, unsigned w, unsigned h) {
-  std::vector<unsigned char> probe(static_cast<std::size_t>(w) * h);
-  float g = 1.0f;
-  for (int round = 0; round < 8; ++round) {
-    if (ReadFRFMap(c, bin, g, probe.data()) != 0) {
-      throw CommandError("cannot read bin " + std::to_string(bin) + " from the cube files");
-    }
-    std::vector<unsigned char> sorted(probe);
-    const std::size_t at = sorted.size() * 995 / 1000;
-    std::nth_element(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(at),
-                     sorted.end());
-    const int v = sorted[at];
-    if (v >= 128 && v < 255) return g * 255.0f / static_cast<float>(v);
-    g *= v == 0 ? 256.0f : (v == 255 ? 1.0f / 16.0f : 200.0f / static_cast<float>(v));
-    if (!std::isfinite(g) || g == 0.0f) break;
-  }
-  // An all-zero (or all-saturated) bin keeps the last gain that was tried.
-  return std::isfinite(g) && g > 0.0f ? g : 1.0f;
-}
 
 std::string Hz(double v) {
   char buf[32];
@@ -130,20 +108,10 @@ void RunMap(const MapOptions& o) {
     SetReference(calcs.c, reference.data(), static_cast<int>(reference.size()));
   }
 
-  float gain = static_cast<float>(o.gain);
-  const char* how = "";
-  if (gain == 0.0f) {
-    const int from = o.gain_from >= 0 ? o.gain_from : bin;
-    gain = AutomaticGain(calcs.c, from, w, h);
-    how = o.gain_from >= 0 ? " (automatic, of bin " : " (automatic)";
-  }
-
-  std::vector<unsigned char> map(static_cast<std::size_t>(w) * h);
-  const int result = ReadFRFMap(calcs.c, bin, gain, map.data());
-  if (result != 0) {
-    throw CommandError("cannot read bin " + std::to_string(bin) +
-                       " from the cube files (render the capture again)");
-  }
+  const MapImage image = ComputeMap(calcs.c, bin, static_cast<float>(o.gain), o.gain_from, w, h);
+  const float gain = image.gain;
+  const char* how = o.gain != 0 ? "" : (o.gain_from >= 0 ? " (automatic, of bin " : " (automatic)");
+  const std::vector<unsigned char>& map = image.pixels;
   WriteGrayPng(o.output, map.data(), w, h);
   std::printf("wrote %s: bin %d", o.output.c_str(), bin);
   if (fps > 0) std::printf(" (%.2f Hz)", bin * fps / frames);
