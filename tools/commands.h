@@ -29,6 +29,7 @@ void RegisterCubeCommands(CLI::App& app);       // render, map, delete
 void RegisterStabilityCommands(CLI::App& app);  // stability, synth-frf
 void RegisterModesCommand(CLI::App& app);       // modes
 void RegisterImportCommand(CLI::App& app);      // import
+void RegisterViewCommand(CLI::App& app);        // view (builds with an HTTP server)
 
 // The capture header to use for `path`: `path` itself when it is a capture
 // header, else the import of the recording it names, made once and kept

@@ -41,6 +41,9 @@ int main(int argc, char** argv) {
   frfcam::cli::RegisterStabilityCommands(app);
   frfcam::cli::RegisterModesCommand(app);
   frfcam::cli::RegisterImportCommand(app);
+#if defined(FRFCAM_HAVE_VIEW)
+  frfcam::cli::RegisterViewCommand(app);
+#endif
   try {
     // No arguments is a mistake (shells and scripts must see a failure), so
     // the usage goes to stderr; "help [COMMAND]" asks for it.
