@@ -18,6 +18,7 @@
 #include "frfmap/cube_check.h"
 #include "map_image.h"
 #include "png_writer.h"
+#include "view/page_files.h"
 
 namespace frfcam::cli {
 
@@ -60,10 +61,6 @@ void Refuse(httplib::Response& res, int status, const std::string& why) {
   res.status = status;
   res.set_content(why + "\n", "text/plain; charset=utf-8");
 }
-
-constexpr const char* kPage =
-    "<!doctype html><html><head><meta charset=\"utf-8\"><title>frfcam view</title></head>"
-    "<body><p>frfcam view</p></body></html>";
 
 }  // namespace
 
@@ -256,9 +253,20 @@ ViewServer::ViewServer(const ViewOptions& options) : state_(std::make_unique<Sta
         }
         Refuse(res, 409, why);
       });
-  s.server.Get("/", [](const httplib::Request&, httplib::Response& res) {
-    res.set_content(kPage, "text/html; charset=utf-8");
-  });
+  // The page's files at fixed paths: nothing is looked up by name.
+  for (const PageFile* f = kPageFiles; f->name != nullptr; ++f) {
+    const std::string path = std::string("/") + f->name;
+    std::string content(reinterpret_cast<const char*>(f->data), f->size);
+    // The page asks for its script and style with the token too.
+    for (std::size_t at; (at = content.find("__TOKEN__")) != std::string::npos;) {
+      content.replace(at, 9, s.token);
+    }
+    const auto serve = [f, content](const httplib::Request&, httplib::Response& res) {
+      res.set_content(content, f->type);
+    };
+    s.server.Get(path, serve);
+    if (path == "/index.html") s.server.Get("/", serve);
+  }
   s.server.Get("/api/info", [&s](const httplib::Request&, httplib::Response& res) { s.Info(res); });
   s.server.Get("/api/map.png",
                [&s](const httplib::Request& req, httplib::Response& res) { s.Map(req, res); });
