@@ -22,4 +22,15 @@ bool ReadCubeSpectrum(const std::string& header_path, const frfmap::CaptureHeade
                       std::uint32_t x, std::uint32_t y, std::complex<float>* out,
                       std::string* error);
 
+// The mean magnitude, at every bin, of the pixels of the rectangle
+// [x0, x1) x [y0, y1) on a grid of at most `side` x `side` of them (all of a
+// small rectangle, evenly spread over a large one). With `divide_by`, each
+// value is divided by divide_by[bin] first. Writes frames / 2 + 1 values to
+// `out` and the pixels used to *pixels. False with a reason in *error when
+// the rectangle is empty or outside the image, or the cube cannot be read.
+bool ReadCubeMeanMagnitude(const std::string& header_path, const frfmap::CaptureHeader& header,
+                           std::uint32_t x0, std::uint32_t y0, std::uint32_t x1, std::uint32_t y1,
+                           unsigned side, const std::complex<double>* divide_by, double* out,
+                           unsigned* pixels, std::string* error);
+
 }  // namespace frfcam

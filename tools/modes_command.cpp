@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "chart_data.h"
 #include "chart_svg.h"
 #include "commands.h"
 #include "cube_render.h"
@@ -270,6 +271,7 @@ void RunModes(const ModesCliOptions& o) {
   chart.selectedHz = r.chart.selectedHz;
   chart.title = "Stabilisation chart: " + std::filesystem::path(o.header).filename().string();
   WriteTextFile(o.output + "/chart.svg", StabilisationChartSvg(chart));
+  WriteTextFile(o.output + "/chart.json", ChartJson(chart));
   const double writing =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 
@@ -309,11 +311,12 @@ void RunModes(const ModesCliOptions& o) {
               sec(r.times.reading), sec(r.times.poleFit), sec(r.times.residues), writing);
   if (r.kind == modes::ShapeKind::kDisplacement) {
     std::printf(
-        "wrote modes.csv, chart.svg, mode_K.{npy,png,gif} and mode_K_disp.{npy,png} and "
+        "wrote modes.csv, chart.{svg,json}, mode_K.{npy,png,gif} and mode_K_disp.{npy,png} and "
         "mode_K_motion.gif (displacement in %s per reference unit) into %s\n",
         o.scale > 0.0 ? "mm" : "px", o.output.c_str());
   } else {
-    std::printf("wrote modes.csv, chart.svg and mode_K.{npy,png,gif} into %s\n", o.output.c_str());
+    std::printf("wrote modes.csv, chart.{svg,json} and mode_K.{npy,png,gif} into %s\n",
+                o.output.c_str());
   }
   if (!o.writeUff.empty()) {
     std::printf("wrote %s: %zu windows' displacement FRFs, their nodes and the mode shapes\n",

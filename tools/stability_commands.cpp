@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "chart_data.h"
 #include "chart_raster.h"
 #include "chart_svg.h"
 #include "commands.h"
@@ -238,25 +239,7 @@ void RunChart(const ChartOptions& o) {
   }
   std::string why;
   if (!formats::CanWriteFile(o.output, &why)) throw CommandError(why);
-  std::uint64_t bytes = 0;
-  if (!platform::FileSize(o.record, &bytes)) throw CommandError(o.record + ": no such file");
-  std::ifstream in(platform::PathFromUtf8(o.record), std::ios::binary);
-  talproto::stabChartData record;
-  if (!in || !record.ParseFromIstream(&in)) {
-    throw CommandError(o.record + ": not a stability record (written by 'frfcam stability')");
-  }
-  ChartInput chart;
-  for (const auto& info : record.orderinfo()) {
-    ChartInput::Order order;
-    order.order = static_cast<int>(info.order_num());
-    order.s.assign(info.s().begin(), info.s().end());
-    order.f.assign(info.f().begin(), info.f().end());
-    order.d.assign(info.d().begin(), info.d().end());
-    order.o.assign(info.o().begin(), info.o().end());
-    chart.orders.push_back(std::move(order));
-  }
-  chart.selectedHz.assign(record.selected_poles().begin(), record.selected_poles().end());
-  chart.title = o.record;
+  ChartInput chart = ReadRecordChart(o.record, nullptr);
   if (!o.frf.empty()) {
     StabilityOptions input;
     input.input = o.frf;

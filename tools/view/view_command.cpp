@@ -9,6 +9,7 @@
 #include "cube_render.h"
 #include "frfmap/capture_header.h"
 #include "frfmap/cube_check.h"
+#include "platform/browser.h"
 #include "view/view_server.h"
 
 namespace frfcam::cli {
@@ -19,7 +20,7 @@ std::atomic<bool> g_stop{false};
 
 extern "C" void StopServing(int) { g_stop.store(true); }
 
-void RunView(ViewOptions o, const std::string& workDir) {
+void RunView(ViewOptions o, const std::string& workDir, bool openBrowser) {
   o.header = CaptureFor(o.header, workDir);
   frfmap::CaptureHeader header;
   if (!header.Load(o.header)) throw CommandError(o.header + " is not a capture header");
@@ -35,6 +36,10 @@ void RunView(ViewOptions o, const std::string& workDir) {
   const std::string url = server.Start();
   std::printf("%s\n", url.c_str());
   std::fflush(stdout);
+  if (openBrowser && !platform::OpenInBrowser(url)) {
+    std::fprintf(stderr, "frfcam: open the address above in a browser\n");
+  }
+  std::fprintf(stderr, "frfcam: serving %s until Ctrl-C\n", o.header.c_str());
   auto* previousInt = std::signal(SIGINT, StopServing);
   auto* previousTerm = std::signal(SIGTERM, StopServing);
   while (!g_stop.load()) std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -57,7 +62,7 @@ void RegisterViewCommand(CLI::App& app) {
   v->add_option("--port", o.port, "Port (default: a free one)")->check(CLI::Range(0, 65535));
   v->add_option("--work-dir", workDir, "Folder for the import of a recording");
   v->add_flag("--no-browser", noBrowser, "Do not open a browser");
-  v->callback([] { RunView(o, workDir); });
+  v->callback([] { RunView(o, workDir, !noBrowser); });
 }
 
 }  // namespace frfcam::cli

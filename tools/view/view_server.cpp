@@ -6,17 +6,21 @@
 #include <cmath>
 #include <complex>
 #include <cstdio>
+#include <filesystem>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <thread>
 #include <vector>
 
+#include "chart_data.h"
 #include "commands.h"
 #include "cube_render.h"
 #include "cube_state.h"
 #include "frfmap/capture_header.h"
 #include "frfmap/cube_check.h"
 #include "map_image.h"
+#include "platform/platform.h"
 #include "png_writer.h"
 #include "view/page_files.h"
 
@@ -50,17 +54,80 @@ bool ParseDouble(const std::string& text, double* value) {
   return r.ec == std::errc() && r.ptr == end && !text.empty() && std::isfinite(*value);
 }
 
-std::string Number(double v) {
-  if (!std::isfinite(v)) return "null";
-  char buf[32];
-  std::snprintf(buf, sizeof buf, "%.9g", v);
-  return buf;
-}
+std::string Number(double v) { return JsonNumber(v); }
 
 void Refuse(httplib::Response& res, int status, const std::string& why) {
   res.status = status;
   res.set_content(why + "\n", "text/plain; charset=utf-8");
 }
+
+// A whole file of at most `limit` bytes; nullopt when it cannot be read.
+std::optional<std::string> ReadWholeFile(const std::string& path, std::uint64_t limit) {
+  platform::File f;
+  std::uint64_t size = 0;
+  if (!f.Open(path, platform::File::Mode::kRead) || !f.Size(&size) || size > limit) {
+    return std::nullopt;
+  }
+  std::string bytes(static_cast<std::size_t>(size), '\0');
+  if (f.ReadAt(0, bytes.data(), bytes.size()) != bytes.size()) return std::nullopt;
+  return bytes;
+}
+
+// A row of modes.csv as `frfcam modes` writes it.
+struct ModeRow {
+  int mode = 0;
+  double frequencyHz = 0.0, damping = 0.0, mpc = 0.0;
+  std::string shape;
+};
+
+// The rows of `dir`/modes.csv; throws CommandError when it is not there or
+// not that table.
+std::vector<ModeRow> ReadModesCsv(const std::string& dir) {
+  const std::string path = dir + "/modes.csv";
+  const auto text = ReadWholeFile(path, 16u << 20);
+  if (!text) throw CommandError("--modes " + dir + ": no modes.csv (the output of frfcam modes)");
+  std::vector<ModeRow> rows;
+  std::size_t at = 0, line = 0;
+  while (at < text->size()) {
+    std::size_t end = text->find('\n', at);
+    if (end == std::string::npos) end = text->size();
+    const std::string row = text->substr(at, end - at);
+    at = end + 1;
+    if (line++ == 0) {
+      if (row.rfind("mode,frequency_hz,damping_ratio", 0) != 0) {
+        throw CommandError(path + ": not the mode table of frfcam modes");
+      }
+      continue;
+    }
+    if (row.empty()) continue;
+    ModeRow m;
+    char shape[32] = "";
+    if (std::sscanf(row.c_str(), "%d,%lf,%lf,%lf,%31[a-z]", &m.mode, &m.frequencyHz, &m.damping,
+                    &m.mpc, shape) < 4 ||
+        m.mode != static_cast<int>(rows.size()) + 1) {
+      throw CommandError(path + ": line " + std::to_string(line) + " is not a mode");
+    }
+    m.shape = shape;
+    rows.push_back(m);
+  }
+  return rows;
+}
+
+// What the viewer serves of a mode, by name: only these files, in the
+// modes folder, under names built from the mode's number.
+struct ModeFile {
+  const char* name;    // in the request: /api/mode/K/NAME
+  const char* suffix;  // the file: mode_K SUFFIX
+  const char* type;
+};
+constexpr ModeFile kModeFiles[] = {
+    {"shape.png", ".png", "image/png"},
+    {"shape.gif", ".gif", "image/gif"},
+    {"shape.npy", ".npy", "application/octet-stream"},
+    {"disp.png", "_disp.png", "image/png"},
+    {"disp.npy", "_disp.npy", "application/octet-stream"},
+    {"motion.gif", "_motion.gif", "image/gif"},
+};
 
 }  // namespace
 
@@ -82,6 +149,11 @@ struct ViewServer::State {
   std::vector<float> reference;
   std::vector<std::complex<double>> referenceSpectrum;  // scaled 1/F like the cube
   std::string token;
+  std::string recordChart;  // JSON, when a record was given
+  std::vector<RecordMode> recordModes;
+  // The capture's mean spectrum, without and with the reference, once asked.
+  std::mutex meanMutex;
+  std::string meanSpectrum[2];
   httplib::Server server;
   std::thread thread;
 
@@ -168,6 +240,11 @@ struct ViewServer::State {
     bool withReference = false;
     std::string why;
     if (!ReferenceParam(req, &withReference, &why)) return Refuse(res, 400, why);
+    // The library's read gives no word for a cube file that is gone, so the
+    // cube is checked first (a few file sizes and the completion record).
+    if (frfmap::CheckCube(options.header, header, &why) != frfmap::CubeState::kReady) {
+      return Refuse(res, 409, why);
+    }
     Lease lease(*this, withReference);
     const MapImage image =
         ComputeMap(lease.get(), static_cast<int>(bin), static_cast<float>(gain), -1, width, height);
@@ -192,17 +269,164 @@ struct ViewServer::State {
                           static_cast<std::uint32_t>(y), values.data(), &why)) {
       return Refuse(res, 409, why);
     }
-    std::string f = "[", re = "[", im = "[";
+    const std::string f = FrequencyArray();
+    std::string re = "[", im = "[";
     for (unsigned k = 0; k < bins; ++k) {
       std::complex<double> v(values[k].real(), values[k].imag());
       if (withReference) v /= referenceSpectrum[k];
       const char* sep = k + 1 < bins ? "," : "]";
-      f += Number(fps > 0 ? k * fps / frames : k) + sep;
       re += Number(v.real()) + sep;
       im += Number(v.imag()) + sep;
     }
     res.set_content("{\"frequency_hz\":" + f + ",\"re\":" + re + ",\"im\":" + im + "}",
                     "application/json");
+  }
+
+  std::string FrequencyArray() const {
+    std::string f = "[";
+    for (unsigned k = 0; k < bins; ++k) {
+      f += Number(fps > 0 ? k * fps / frames : k) + (k + 1 < bins ? "," : "]");
+    }
+    return f;
+  }
+
+  // The mean magnitude spectrum of the image or of a rectangle x0,y0 (its
+  // first pixel) to x1,y1 (past its last).
+  void MeanSpectrum(const httplib::Request& req, httplib::Response& res) {
+    bool withReference = false;
+    std::string why;
+    if (!ReferenceParam(req, &withReference, &why)) return Refuse(res, 400, why);
+    long r[4] = {0, 0, static_cast<long>(width), static_cast<long>(height)};
+    const char* names[4] = {"x0", "y0", "x1", "y1"};
+    int given = 0;
+    for (int i = 0; i < 4; ++i) {
+      if (!req.has_param(names[i])) continue;
+      ++given;
+      const long hi = static_cast<long>(i % 2 == 0 ? width : height);
+      if (!ParseInt(req.get_param_value(names[i]), 0, hi, &r[i])) {
+        return Refuse(
+            res, 400,
+            std::string(names[i]) + " must be a whole number in 0.." + std::to_string(hi));
+      }
+    }
+    if (given != 0 && given != 4) return Refuse(res, 400, "give all of x0, y0, x1, y1 or none");
+    if (r[0] >= r[2] || r[1] >= r[3]) {
+      return Refuse(res, 400, "the rectangle is empty (x0 < x1 and y0 < y1 are needed)");
+    }
+    const bool whole = r[0] == 0 && r[1] == 0 && r[2] == width && r[3] == height;
+    if (whole) {
+      std::lock_guard<std::mutex> lock(meanMutex);
+      if (!meanSpectrum[withReference].empty()) {
+        return res.set_content(meanSpectrum[withReference], "application/json");
+      }
+    }
+    std::vector<double> mean(bins);
+    unsigned pixels = 0;
+    const auto u = [&r](int i) { return static_cast<std::uint32_t>(r[i]); };
+    if (!ReadCubeMeanMagnitude(options.header, header, u(0), u(1), u(2), u(3), 48,
+                               withReference ? referenceSpectrum.data() : nullptr, mean.data(),
+                               &pixels, &why)) {
+      return Refuse(res, 409, why);
+    }
+    std::string json = "{\"frequency_hz\":" + FrequencyArray() + ",\"mean_magnitude\":[";
+    for (unsigned k = 0; k < bins; ++k) json += Number(mean[k]) + (k + 1 < bins ? "," : "]");
+    json += ",\"pixels\":" + std::to_string(pixels) + ",\"rectangle\":[" + std::to_string(r[0]) +
+            "," + std::to_string(r[1]) + "," + std::to_string(r[2]) + "," + std::to_string(r[3]) +
+            "]}";
+    if (whole) {
+      std::lock_guard<std::mutex> lock(meanMutex);
+      meanSpectrum[withReference] = json;
+    }
+    res.set_content(json, "application/json");
+  }
+
+  // Which of --modes and --record a request means: `source` names one, and
+  // without it the modes folder comes first.
+  bool Source(const httplib::Request& req, bool* fromRecord, std::string* why) const {
+    const bool haveModes = !options.modesDir.empty(), haveRecord = !options.record.empty();
+    if (req.has_param("source")) {
+      const std::string v = req.get_param_value("source");
+      if (v != "modes" && v != "record") {
+        *why = "source must be modes or record";
+        return false;
+      }
+      *fromRecord = v == "record";
+    } else {
+      *fromRecord = !haveModes;
+    }
+    if (*fromRecord ? !haveRecord : !haveModes) {
+      *why = *fromRecord ? "no record was given to frfcam view (--record)"
+                         : "no modes folder was given to frfcam view (--modes)";
+      return false;
+    }
+    return true;
+  }
+
+  void Modes(const httplib::Request& req, httplib::Response& res) const {
+    bool fromRecord = false;
+    std::string why;
+    if (!Source(req, &fromRecord, &why)) return Refuse(res, 404, why);
+    std::string json =
+        std::string("{\"source\":\"") + (fromRecord ? "record" : "modes") + "\",\"modes\":[";
+    if (fromRecord) {
+      for (std::size_t k = 0; k < recordModes.size(); ++k) {
+        json += (k ? ",{\"mode\":" : "{\"mode\":") + std::to_string(k + 1) +
+                ",\"frequency_hz\":" + Number(recordModes[k].frequencyHz) +
+                ",\"damping_ratio\":" + Number(recordModes[k].damping) + ",\"files\":[]}";
+      }
+    } else {
+      const std::vector<ModeRow> rows = ReadModesCsv(options.modesDir);
+      for (std::size_t k = 0; k < rows.size(); ++k) {
+        const ModeRow& m = rows[k];
+        std::string files;
+        for (const ModeFile& f : kModeFiles) {
+          if (platform::IsRegularFile(ModePath(m.mode, f))) {
+            files += (files.empty() ? "\"" : ",\"") + std::string(f.name) + "\"";
+          }
+        }
+        json += (k ? ",{\"mode\":" : "{\"mode\":") + std::to_string(m.mode) +
+                ",\"frequency_hz\":" + Number(m.frequencyHz) +
+                ",\"damping_ratio\":" + Number(m.damping) + ",\"mpc\":" + Number(m.mpc) +
+                ",\"shape\":" + JsonString(m.shape) + ",\"files\":[" + files + "]}";
+      }
+    }
+    res.set_content(json + "]}", "application/json");
+  }
+
+  void Chart(const httplib::Request& req, httplib::Response& res) const {
+    bool fromRecord = false;
+    std::string why;
+    if (!Source(req, &fromRecord, &why)) return Refuse(res, 404, why);
+    if (fromRecord) return res.set_content(recordChart, "application/json");
+    const auto json = ReadWholeFile(options.modesDir + "/chart.json", 64u << 20);
+    if (!json) {
+      return Refuse(res, 404, "no chart.json in " + options.modesDir + " (run frfcam modes again)");
+    }
+    res.set_content(*json, "application/json");
+  }
+
+  std::string ModePath(int mode, const ModeFile& f) const {
+    return options.modesDir + "/mode_" + std::to_string(mode) + f.suffix;
+  }
+
+  void ModeFileOf(const httplib::Request& req, httplib::Response& res) const {
+    if (options.modesDir.empty()) {
+      return Refuse(res, 404, "no modes folder was given to frfcam view (--modes)");
+    }
+    long mode = 0;
+    if (!ParseInt(req.matches[1].str(), 1, 100000, &mode)) {
+      return Refuse(res, 404, "no such mode");
+    }
+    for (const ModeFile& f : kModeFiles) {
+      if (req.matches[2].str() != f.name) continue;
+      const auto bytes = ReadWholeFile(ModePath(static_cast<int>(mode), f), 1u << 30);
+      if (!bytes) {
+        return Refuse(res, 404, "mode " + std::to_string(mode) + " has no " + f.name);
+      }
+      res.set_header("Cache-Control", "no-store");
+      return res.set_content(*bytes, f.type);
+    }
+    Refuse(res, 404, "a mode has shape.png, shape.gif, shape.npy, disp.png, disp.npy, motion.gif");
   }
 };
 
@@ -234,6 +458,10 @@ ViewServer::ViewServer(const ViewOptions& options) : state_(std::make_unique<Sta
       }
       s.referenceSpectrum[k] = sum / static_cast<double>(s.frames);
     }
+  }
+  if (!options.modesDir.empty()) ReadModesCsv(options.modesDir);  // refuse a wrong folder now
+  if (!options.record.empty()) {
+    s.recordChart = ChartJson(ReadRecordChart(options.record, &s.recordModes));
   }
   s.token = RandomToken();
 
@@ -272,6 +500,16 @@ ViewServer::ViewServer(const ViewOptions& options) : state_(std::make_unique<Sta
                [&s](const httplib::Request& req, httplib::Response& res) { s.Map(req, res); });
   s.server.Get("/api/spectrum",
                [&s](const httplib::Request& req, httplib::Response& res) { s.Spectrum(req, res); });
+  s.server.Get("/api/mean_spectrum", [&s](const httplib::Request& req, httplib::Response& res) {
+    s.MeanSpectrum(req, res);
+  });
+  s.server.Get("/api/modes",
+               [&s](const httplib::Request& req, httplib::Response& res) { s.Modes(req, res); });
+  s.server.Get("/api/chart",
+               [&s](const httplib::Request& req, httplib::Response& res) { s.Chart(req, res); });
+  s.server.Get(
+      R"(/api/mode/(\d{1,6})/([a-z]+\.[a-z]+))",
+      [&s](const httplib::Request& req, httplib::Response& res) { s.ModeFileOf(req, res); });
 }
 
 ViewServer::~ViewServer() { Stop(); }

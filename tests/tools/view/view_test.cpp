@@ -7,6 +7,7 @@
 #include <atomic>
 #include <complex>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -14,6 +15,7 @@
 
 #include "cube_state.h"
 #include "frfmap/capture_header.h"
+#include "frfmap/naming.h"
 #include "support/test_support.h"
 #include "view/view_server.h"
 
@@ -29,11 +31,23 @@ struct Served {
   int port = 0;
   std::string token;
 
-  explicit Served(bool withReference = false) {
+  // With `modes`, also the output of `frfcam modes` and a stability record
+  // of the synthetic FRF table.
+  explicit Served(bool withReference = false, bool modes = false) {
     EXPECT_EQ(Cli("synth " + header + " --width 40 --height 30 --frames 128 --fps 1000").status, 0);
     EXPECT_EQ(Cli("render " + header).status, 0);
     ViewOptions o;
     o.header = header;
+    if (modes) {
+      o.modesDir = dir.file("modes");
+      o.record = dir.file("rec.pb");
+      EXPECT_EQ(Cli("modes " + header + " --reference " + dir.file("p_reference.txt") + " -o " +
+                    o.modesDir)
+                    .status,
+                0);
+      EXPECT_EQ(Cli("synth-frf " + dir.file("f.csv")).status, 0);
+      EXPECT_EQ(Cli("stability " + dir.file("f.csv") + " -o " + o.record).status, 0);
+    }
     if (withReference) {
       std::string text;
       for (int t = 0; t < 128; ++t) text += std::to_string(1.0 + 0.5 * ((t * 7) % 5)) + "\n";
@@ -121,6 +135,104 @@ TEST(View, MapsAreThoseOfTheMapCommandAndSpectraThoseOfTheCube) {
     at = static_cast<std::size_t>(end - body.c_str()) + 1;
   }
   EXPECT_NE(body.find("\"frequency_hz\":[0,7.8125,"), std::string::npos) << body.substr(0, 80);
+}
+
+// The mean over a rectangle small enough to be taken whole is the mean of
+// its pixels' magnitudes; the image's own is the default.
+TEST(View, MeanSpectraAreThoseOfTheirPixels) {
+  Served s;
+  frfmap::CaptureHeader header;
+  ASSERT_TRUE(header.Load(s.header));
+  std::vector<double> want(65, 0.0);
+  std::vector<std::complex<float>> one(65);
+  std::string why;
+  for (unsigned y = 4; y < 8; ++y) {
+    for (unsigned x = 10; x < 15; ++x) {
+      ASSERT_TRUE(ReadCubeSpectrum(s.header, header, x, y, one.data(), &why)) << why;
+      for (int k = 0; k < 65; ++k) want[k] += std::abs(one[k]) / 20.0;
+    }
+  }
+  const auto r = s.Get("/api/mean_spectrum?x0=10&y0=4&x1=15&y1=8");
+  ASSERT_EQ(r->status, 200) << r->body;
+  std::size_t at = r->body.find("\"mean_magnitude\":[") + 18;
+  for (int k = 0; k < 65; ++k) {
+    char* end = nullptr;
+    EXPECT_NEAR(std::strtod(r->body.c_str() + at, &end), want[k], 1e-6 * want[k] + 1e-9) << k;
+    at = static_cast<std::size_t>(end - r->body.c_str()) + 1;
+  }
+  EXPECT_NE(r->body.find("\"pixels\":20,\"rectangle\":[10,4,15,8]"), std::string::npos);
+  const auto whole = s.Get("/api/mean_spectrum");
+  ASSERT_EQ(whole->status, 200);
+  EXPECT_NE(whole->body.find("\"pixels\":1200,\"rectangle\":[0,0,40,30]"), std::string::npos);
+  for (const char* q :
+       {"x0=1&y0=1&x1=1&y1=5", "x0=0&y0=0&x1=41&y1=5", "x0=3", "x0=a&y0=0&x1=2&y1=2"}) {
+    SCOPED_TRACE(q);
+    EXPECT_EQ(s.Get(std::string("/api/mean_spectrum?") + q)->status, 400);
+  }
+}
+
+// What --modes and --record give: the table, the chart, each mode's files,
+// and nothing else of the folder.
+TEST(View, ModesAndRecordComeFromTheirFilesOnly) {
+  Served s(false, true);
+  const auto modes = s.Get("/api/modes");
+  ASSERT_EQ(modes->status, 200) << modes->body;
+  EXPECT_NE(modes->body.find("{\"source\":\"modes\",\"modes\":[{\"mode\":1,\"frequency_hz\":60.0"),
+            std::string::npos)
+      << modes->body;
+  EXPECT_NE(modes->body.find("\"files\":[\"shape.png\",\"shape.gif\",\"shape.npy\"]"),
+            std::string::npos);
+  const auto chart = s.Get("/api/chart");
+  ASSERT_EQ(chart->status, 200);
+  EXPECT_TRUE(chart->body == test::ReadFile(s.dir.file("modes/chart.json")));
+  EXPECT_EQ(chart->body.find("\"sum_magnitude\":[]"), std::string::npos);  // the summed FRF
+  const auto gif = s.Get("/api/mode/2/shape.gif");
+  ASSERT_EQ(gif->status, 200);
+  EXPECT_EQ(gif->get_header_value("Content-Type"), "image/gif");
+  EXPECT_TRUE(gif->body == test::ReadFile(s.dir.file("modes/mode_2.gif")));
+
+  // The record: its selected modes and its chart (without a magnitude).
+  const auto rec = s.Get("/api/modes?source=record");
+  ASSERT_EQ(rec->status, 200);
+  EXPECT_EQ(rec->body.rfind("{\"source\":\"record\",\"modes\":[{\"mode\":1,", 0), 0u) << rec->body;
+  const auto recChart = s.Get("/api/chart?source=record");
+  ASSERT_EQ(recChart->status, 200);
+  EXPECT_NE(recChart->body.find("\"orders\":[{\"order\":"), std::string::npos);
+  EXPECT_NE(recChart->body.find("\"sum_magnitude\":[]"), std::string::npos);
+
+  std::ofstream(s.dir.file("modes/secret.txt")) << "no";
+  for (const char* q :
+       {"/api/mode/0/shape.png", "/api/mode/4/shape.png", "/api/mode/1/disp.png",
+        "/api/mode/1/secret.txt", "/api/mode/1/../modes.csv", "/api/mode/1/mode_1.png",
+        "/api/mode/-1/shape.png", "/api/mode/1234567/shape.png", "/api/chart?source=elsewhere"}) {
+    SCOPED_TRACE(q);
+    const auto r = s.Get(q);
+    EXPECT_GE(r->status, 400);
+    EXPECT_LT(r->status, 500);
+  }
+  // Without them, the same requests say what is missing.
+  Served bare;
+  EXPECT_EQ(bare.Get("/api/modes")->status, 404);
+  EXPECT_EQ(bare.Get("/api/chart?source=record")->status, 404);
+  EXPECT_EQ(bare.Get("/api/mode/1/shape.png")->status, 404);
+}
+
+// A cube cut short or removed under the viewer gives refusals, and the
+// server goes on answering.
+TEST(View, ACubeCutUnderTheViewerGivesErrors) {
+  Served s;
+  ASSERT_EQ(s.Get("/api/map.png?bin=60")->status, 200);  // a reader is open on the cube
+  const std::string cube = frfmap::DataFilePath(s.header, frfmap::DataFile::kCube, 1);
+  std::filesystem::resize_file(cube, 100);
+  EXPECT_EQ(s.Get("/api/spectrum?x=3&y=3")->status, 409);
+  EXPECT_EQ(s.Get("/api/mean_spectrum")->status, 409);
+  EXPECT_EQ(s.Get("/api/map.png?bin=60")->status, 409);
+  std::filesystem::remove(cube);
+  for (const char* q : {"/api/map.png?bin=3", "/api/spectrum?x=3&y=3", "/api/mean_spectrum"}) {
+    SCOPED_TRACE(q);
+    EXPECT_EQ(s.Get(q)->status, 409);
+  }
+  EXPECT_EQ(s.Get("/api/info")->status, 200);
 }
 
 TEST(View, ManyClientsAtOnceAreAllAnswered) {
