@@ -22,6 +22,40 @@ std::string CubePath(const std::string& header_path, unsigned file) {
   return frfmap::DataFilePath(header_path, frfmap::DataFile::kCube, file);
 }
 
+// Reads of a cube's values bin by bin, opening each cube file as the bins
+// reach it.
+class BinReader {
+ public:
+  BinReader(const std::string& header_path, const frfmap::CubeLayout& layout)
+      : header_path_(header_path), layout_(layout) {}
+
+  // `size` bytes at byte `offset` of bin `bin`'s plane; false with a reason
+  // in *error when the file cannot be opened or is cut short.
+  bool Read(std::uint32_t bin, std::uint64_t offset, void* data, std::size_t size,
+            std::string* error) {
+    const frfmap::FileOffset at = layout_.Locate(bin);
+    if (at.file != open_file_) {
+      if (!f_.Open(CubePath(header_path_, at.file), platform::File::Mode::kRead)) {
+        *error = CubePath(header_path_, at.file) + ": cannot be opened";
+        return false;
+      }
+      open_file_ = at.file;
+    }
+    if (f_.ReadAt(at.offset + offset, data, size) != size) {
+      *error = CubePath(header_path_, at.file) + ": bin " + std::to_string(bin) +
+               " is cut short; render the capture again";
+      return false;
+    }
+    return true;
+  }
+
+ private:
+  const std::string& header_path_;
+  const frfmap::CubeLayout& layout_;
+  platform::File f_;
+  unsigned open_file_ = 0;
+};
+
 }  // namespace
 
 bool ReadCubePlane(const std::string& header_path, const frfmap::CaptureHeader& header,
@@ -31,18 +65,7 @@ bool ReadCubePlane(const std::string& header_path, const frfmap::CaptureHeader& 
     *error = "bin " + std::to_string(bin) + " is not in the cube";
     return false;
   }
-  const frfmap::FileOffset at = layout.Locate(bin);
-  platform::File f;
-  const std::string path = CubePath(header_path, at.file);
-  if (!f.Open(path, platform::File::Mode::kRead)) {
-    *error = path + ": cannot be opened";
-    return false;
-  }
-  if (f.ReadAt(at.offset, out, layout.plane_bytes) != layout.plane_bytes) {
-    *error = path + ": bin " + std::to_string(bin) + " is cut short; render the capture again";
-    return false;
-  }
-  return true;
+  return BinReader(header_path, layout).Read(bin, 0, out, layout.plane_bytes, error);
 }
 
 bool ReadCubeSpectrum(const std::string& header_path, const frfmap::CaptureHeader& header,
@@ -51,22 +74,9 @@ bool ReadCubeSpectrum(const std::string& header_path, const frfmap::CaptureHeade
   const frfmap::CubeLayout layout = LayoutOf(header);
   const std::uint64_t pixel =
       (static_cast<std::uint64_t>(y) * header.width() + x) * frfmap::kSpectrumValueBytes;
-  platform::File f;
-  unsigned open_file = 0;
+  BinReader reader(header_path, layout);
   for (std::uint32_t bin = 0; bin < layout.bins; ++bin) {
-    const frfmap::FileOffset at = layout.Locate(bin);
-    const std::string path = CubePath(header_path, at.file);
-    if (at.file != open_file) {
-      if (!f.Open(path, platform::File::Mode::kRead)) {
-        *error = path + ": cannot be opened";
-        return false;
-      }
-      open_file = at.file;
-    }
-    if (f.ReadAt(at.offset + pixel, &out[bin], sizeof(out[bin])) != sizeof(out[bin])) {
-      *error = path + ": bin " + std::to_string(bin) + " is cut short; render the capture again";
-      return false;
-    }
+    if (!reader.Read(bin, pixel, &out[bin], sizeof(out[bin]), error)) return false;
   }
   return true;
 }
@@ -89,28 +99,13 @@ bool ReadCubeMeanMagnitude(const std::string& header_path, const frfmap::Capture
   const std::uint32_t columns = (x1 - first + sx - 1) / sx;
   const std::uint32_t span = (columns - 1) * sx + 1;
   std::vector<std::complex<float>> row(span);
-  platform::File f;
-  unsigned open_file = 0;
+  BinReader reader(header_path, layout);
   for (std::uint32_t bin = 0; bin < layout.bins; ++bin) {
-    const frfmap::FileOffset at = layout.Locate(bin);
-    const std::string path = CubePath(header_path, at.file);
-    if (at.file != open_file) {
-      if (!f.Open(path, platform::File::Mode::kRead)) {
-        *error = path + ": cannot be opened";
-        return false;
-      }
-      open_file = at.file;
-    }
     double sum = 0.0;
     for (const std::uint32_t y : rows) {
       const std::uint64_t offset =
-          at.offset +
           (static_cast<std::uint64_t>(y) * header.width() + first) * frfmap::kSpectrumValueBytes;
-      const std::size_t bytes = span * sizeof(row[0]);
-      if (f.ReadAt(offset, row.data(), bytes) != bytes) {
-        *error = path + ": bin " + std::to_string(bin) + " is cut short; render the capture again";
-        return false;
-      }
+      if (!reader.Read(bin, offset, row.data(), span * sizeof(row[0]), error)) return false;
       for (std::uint32_t i = 0; i < span; i += sx) sum += std::abs(row[i]);
     }
     double mean = sum / (static_cast<double>(rows.size()) * columns);
