@@ -7,7 +7,7 @@ WIN_BUILD ?= build-win64
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 60
 
-.PHONY: all deps build build-asan build-tsan demo test test-release test-asan test-tsan bench format clean \
+.PHONY: all deps build build-tool build-asan build-tsan demo test test-release test-asan test-tsan bench format clean \
 	wheel deps-windows windows test-windows \
 	build-fuzz fuzz fuzz-replay
 
@@ -28,7 +28,13 @@ build-tsan: deps
 	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFRFCAM_TSAN=ON -DFRFCAM_BUILD_BENCH=OFF
 	cmake --build $(TSAN_BUILD) -j $(JOBS) --target test_frfmap
 
-demo: build
+# The demo needs the tool alone: the tests, benchmarks and Python module are
+# built by `make test`, after it.
+build-tool: deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
+	cmake --build $(BUILD) -j $(JOBS) --target frfcam_cli
+
+demo: build-tool
 	bash scripts/demo $(BUILD)
 
 test-release: build

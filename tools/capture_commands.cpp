@@ -346,6 +346,9 @@ void RunInfo(const std::string& path) {
   }
   frfmap::CaptureHeader h;
   if (!h.Load(path)) throw CommandError("cannot read header " + path);
+  if (const std::string problem = h.Problem(); !problem.empty()) {
+    throw CommandError(path + " is not a capture header: " + problem);
+  }
 
   const std::int32_t frames = h.frame_count();
   const std::uint32_t fpd = h.frames_per_division();

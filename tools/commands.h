@@ -24,6 +24,11 @@ struct ExitWith {
 // number, or when there is no value at all.
 std::vector<float> ReadReference(const std::string& path);
 
+// Checks for numeric options whose refusals read as people write numbers
+// (CLI11's own print the range's end, the largest double, in full).
+const CLI::Validator& NonNegative();
+const CLI::Validator& Positive();
+
 void RegisterCaptureCommands(CLI::App& app);    // synth, info
 void RegisterCubeCommands(CLI::App& app);       // render, map, delete
 void RegisterStabilityCommands(CLI::App& app);  // stability, synth-frf

@@ -1,7 +1,9 @@
 // render: turns a capture into its cube; map: writes the FRF map of one bin
 // as a PNG; delete: removes cube files below a folder.
 #include <algorithm>
+#include <cctype>
 #include <cmath>
+#include <complex>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -26,11 +28,23 @@ namespace frfcam::cli {
 
 namespace {
 
-void RunRender(const std::string& header) {
+struct RenderOptions {
+  std::string header;
+  bool force = false;
+  bool clean_on_cancel = false;
+};
+
+void RunRender(const RenderOptions& o) {
+  frfmap::CaptureHeader header;
+  if (header.Load(o.header) && !o.force &&
+      frfmap::CheckCube(o.header, header) == frfmap::CubeState::kReady) {
+    std::printf("%s: the cube is complete already; --force renders it again\n", o.header.c_str());
+    return;
+  }
   Calcs calcs;
-  OpenCapture(calcs.c, header);
+  OpenCapture(calcs.c, o.header);
   InterruptScope interrupt;
-  const RenderSummary r = RenderWithProgress(calcs.c, "");
+  const RenderSummary r = RenderWithProgress(calcs.c, o.header, "", o.clean_on_cancel);
   const double bytes = 8.0 * r.width * r.height * r.bins;
   std::printf("rendered %ux%u pixels, %u bins (%.1f MB of cube) in %.2f s: %.0f MB/s\n", r.width,
               r.height, r.bins, bytes / 1e6, r.seconds, bytes / 1e6 / r.seconds);
@@ -41,8 +55,10 @@ struct MapOptions {
   int bin = -1;
   double freq = -1;
   double fps = 0;
-  double gain = 0;     // 0: scale so that the brightest pixels just saturate
-  int gain_from = -1;  // the automatic gain of this bin instead of the map's own
+  std::string gain;       // "": shared by the band's maps; "auto": the map's own; or a number
+  std::string gain_from;  // a bin, or a frequency with "Hz"
+  double gain_from_freq = -1;
+  std::string band;  // LO:HI in Hz, where the shared gain is sought
   std::string reference;
   std::string output;
 };
@@ -53,85 +69,161 @@ std::string Hz(double v) {
   return buf;
 }
 
+// A frequency's nearest bin, refused past the Nyquist frequency.
+int BinOf(double hz, double fps, int frames, const char* option) {
+  if (!(fps > 0) || !std::isfinite(fps)) {
+    throw CommandError(std::string(option) + " needs --fps (the header holds no frame rate)");
+  }
+  const double nyquist = fps / 2.0;
+  if (!(hz >= 0) || !(hz <= nyquist * (1.0 + 1e-12))) {
+    throw CommandError(std::string(option) + " " + Hz(hz) + " is outside 0.." + Hz(nyquist) +
+                       " (up to half the frame rate)");
+  }
+  return static_cast<int>(std::min<long>(std::lround(hz * frames / fps), frames / 2));
+}
+
+// The number in `text` with nothing after it but `suffix` (which may be
+// absent); false when there is none.
+bool ParseNumber(const std::string& text, double* value, bool* had_suffix, const char* suffix) {
+  const char* begin = text.c_str();
+  char* end = nullptr;
+  *value = std::strtod(begin, &end);
+  if (end == begin || !std::isfinite(*value)) return false;
+  std::string rest(end);
+  rest.erase(0, rest.find_first_not_of(' '));
+  *had_suffix = !rest.empty();
+  if (rest.empty()) return true;
+  std::string lower;
+  for (const char c : rest) lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return lower == suffix;
+}
+
 void RunMap(const MapOptions& o) {
   std::uint64_t size = 0;
   if (!platform::FileSize(o.header, &size)) {
     throw CommandError("cannot read header " + o.header + ": no such file");
   }
   frfmap::CaptureHeader header;
-  if (!header.Load(o.header)) throw CommandError(o.header + " is not a capture header");
+  if (!header.Load(o.header) || !header.Problem().empty()) {
+    throw CommandError(o.header + " is not a capture header: " + header.Problem());
+  }
   Calcs calcs;
   OpenCapture(calcs.c, o.header);
   unsigned w = 0, h = 0, bins = 0;
   GetCubeDims(calcs.c, &w, &h, &bins);
   const int frames = header.frame_count();
   const double fps = o.fps > 0 ? o.fps : header.float_field();
+  const auto at = [&](int k) {
+    return fps > 0 ? " (" + Hz(k * fps / frames) + ")" : std::string();
+  };
 
-  int bin = o.bin;
-  if (bin < 0) {
-    if (!(fps > 0) || !std::isfinite(fps)) {
-      throw CommandError("--freq needs --fps (the header holds no frame rate)");
-    }
-    const double nyquist = fps / 2.0;
-    if (!(o.freq <= nyquist * (1.0 + 1e-12))) {
-      throw CommandError("--freq " + Hz(o.freq) + " is past the Nyquist frequency " + Hz(nyquist) +
-                         " (half the frame rate)");
-    }
-    bin = static_cast<int>(std::min<double>(std::lround(o.freq * frames / fps), bins - 1));
-  }
+  const int bin = o.bin >= 0 ? o.bin : BinOf(o.freq, fps, frames, "--freq");
   if (bin < 0 || static_cast<unsigned>(bin) >= bins) {
     std::string range =
         "bin " + std::to_string(bin) + " is outside the cube's bins 0.." + std::to_string(bins - 1);
     if (fps > 0) range += " (0.." + Hz(fps / 2.0) + ")";
     throw CommandError(range);
   }
-  if (o.gain_from >= 0 && static_cast<unsigned>(o.gain_from) >= bins) {
-    throw CommandError("--gain-from " + std::to_string(o.gain_from) +
-                       " is outside the cube's bins 0.." + std::to_string(bins - 1));
+
+  // The gain: a number, the map's own automatic gain, or the automatic gain
+  // of one bin that a set of maps shares (given, or the band's strongest).
+  float gain = 0.0f;
+  int gain_bin = -1;
+  std::string how;
+  if (o.gain == "auto") {
+    how = " (automatic, of this map)";
+  } else if (!o.gain.empty()) {
+    double g = 0;
+    bool suffix = false;
+    if (!ParseNumber(o.gain, &g, &suffix, "") || suffix || !(g > 0) || g > 1e30) {
+      throw CommandError("--gain " + o.gain + ": give a number above 0, or auto");
+    }
+    gain = static_cast<float>(g);
+  } else if (o.gain_from_freq >= 0) {
+    gain_bin = BinOf(o.gain_from_freq, fps, frames, "--gain-from-freq");
+  } else if (!o.gain_from.empty()) {
+    double v = 0;
+    bool in_hz = false;
+    if (!ParseNumber(o.gain_from, &v, &in_hz, "hz") || v < 0 || (!in_hz && v != std::floor(v))) {
+      throw CommandError("--gain-from " + o.gain_from +
+                         ": give a bin, or a frequency in Hz (150Hz)");
+    }
+    gain_bin = in_hz ? BinOf(v, fps, frames, "--gain-from") : static_cast<int>(std::min(v, 1e9));
+    if (static_cast<unsigned>(gain_bin) >= bins) {
+      throw CommandError("--gain-from " + o.gain_from + " is outside the cube's bins 0.." +
+                         std::to_string(bins - 1));
+    }
   }
+
   // A cube that was never rendered, or whose render stopped, is not data.
   std::string why;
   if (frfmap::CheckCube(o.header, header, &why) != frfmap::CubeState::kReady) {
+    std::string missing;
+    if (!FrameDataPresent(o.header, header, &missing)) RequireFrameData(o.header);
     throw CommandError(why);
   }
   std::string cannot;
   if (!formats::CanWriteFile(o.output, &cannot)) throw CommandError(cannot);
 
   std::vector<float> reference;
+  std::vector<std::complex<double>> reference_spectrum;
   if (!o.reference.empty()) {
     reference = ReadReference(o.reference);
     if (static_cast<int>(reference.size()) != frames) {
-      std::fprintf(stderr,
-                   "frfcam: warning: the reference has %zu samples, the capture %d frames\n",
-                   reference.size(), frames);
+      throw CommandError(o.reference + ": " + std::to_string(reference.size()) +
+                         " samples, but the capture has " + std::to_string(frames) +
+                         " frames (one per frame is needed)");
     }
     SetReference(calcs.c, reference.data(), static_cast<int>(reference.size()));
+    reference_spectrum = ReferenceSpectrum(reference, frames);
   }
 
-  const MapImage image = ComputeMap(calcs.c, bin, static_cast<float>(o.gain), o.gain_from, w, h);
-  const float gain = image.gain;
-  const char* how = o.gain != 0 ? "" : (o.gain_from >= 0 ? " (automatic, of bin " : " (automatic)");
-  const std::vector<unsigned char>& map = image.pixels;
-  WriteGrayPng(o.output, map.data(), w, h);
-  std::printf("wrote %s: bin %d", o.output.c_str(), bin);
-  if (fps > 0) std::printf(" (%.2f Hz)", bin * fps / frames);
-  std::printf(", gain %g%s", gain, how);
-  if (o.gain_from >= 0 && o.gain == 0) std::printf("%d)", o.gain_from);
+  if (o.gain.empty() && gain_bin < 0) {
+    int first = 1, last = static_cast<int>(bins) - 1;
+    std::string band = "all bins above 0 Hz";
+    if (!o.band.empty()) {
+      double lo = 0, hi = 0;
+      char tail = 0;
+      if (std::sscanf(o.band.c_str(), "%lf:%lf%c", &lo, &hi, &tail) != 2 || !(lo < hi)) {
+        throw CommandError("--band " + o.band + ": expected LO:HI in Hz, LO below HI");
+      }
+      first = BinOf(lo, fps, frames, "--band");
+      last = BinOf(hi, fps, frames, "--band");
+      band = Hz(lo) + ".." + Hz(hi);
+    }
+    gain_bin = StrongestBin(o.header, std::max(first, 0), last, reference_spectrum);
+    how = " (shared: the automatic gain of bin " + std::to_string(gain_bin) + at(gain_bin) +
+          ", the strongest of " + band + ")";
+  } else if (gain_bin >= 0) {
+    how = " (shared: the automatic gain of bin " + std::to_string(gain_bin) + at(gain_bin) + ")";
+  }
+
+  const MapImage image = ComputeMap(calcs.c, bin, gain, gain_bin, w, h);
+  WriteGrayPng(o.output, image.pixels.data(), w, h);
   // The scale: the magnitude (of value / reference) that maps to white.
-  std::printf(", 255 = |%s| %.6g, %ux%u\n", reference.empty() ? "X" : "X/R", 255.0 / gain, w, h);
+  std::printf("wrote %s: bin %d%s, gain %g%s, 255 = |%s| %.6g, %ux%u\n", o.output.c_str(), bin,
+              at(bin).c_str(), image.gain, how.c_str(), reference.empty() ? "X" : "X/R",
+              255.0 / image.gain, w, h);
 }
 
 }  // namespace
 
 void RegisterCubeCommands(CLI::App& app) {
   auto* render = app.add_subcommand("render", "Render a capture's cube (per-pixel spectra)");
-  static std::string render_header, render_work;
-  render
-      ->add_option("capture", render_header, "Capture header file, or a recording (imported once)")
+  static RenderOptions ro;
+  static std::string render_work;
+  render->add_option("capture", ro.header, "Capture header file, or a recording (imported once)")
       ->required();
   render->add_option("--work-dir", render_work,
                      "Folder for the import of a recording (default: beside it)");
-  render->callback([] { RunRender(CaptureFor(render_header, render_work)); });
+  render->add_flag("--force", ro.force, "Render again a cube that is complete");
+  render->add_flag("--clean-on-cancel", ro.clean_on_cancel,
+                   "Remove the cube files when Ctrl-C cancels the render");
+  render->callback([] {
+    RenderOptions o = ro;
+    o.header = CaptureFor(ro.header, render_work);
+    RunRender(o);
+  });
 
   static MapOptions map;
   auto* m = app.add_subcommand("map", "Write the FRF map of one frequency bin as a PNG");
@@ -140,17 +232,28 @@ void RegisterCubeCommands(CLI::App& app) {
   static std::string map_work;
   m->add_option("--work-dir", map_work,
                 "Folder for the import of a recording (default: beside it)");
-  auto* bin = m->add_option("--bin", map.bin, "Frequency bin")->check(CLI::NonNegativeNumber);
-  auto* freq = m->add_option("--freq", map.freq, "Frequency in Hz (nearest bin)")
-                   ->check(CLI::NonNegativeNumber);
+  auto* bin = m->add_option("--bin", map.bin, "Frequency bin")->check(NonNegative());
+  auto* freq =
+      m->add_option("--freq", map.freq, "Frequency in Hz (nearest bin)")->check(NonNegative());
   bin->excludes(freq);
-  m->add_option("--fps", map.fps, "Frame rate (default: the header's)")->check(CLI::PositiveNumber);
-  auto* gain = m->add_option("--gain", map.gain, "Gain on the magnitudes (default: automatic)");
-  auto* gain_from =
-      m->add_option("--gain-from", map.gain_from,
-                    "Automatic gain of this bin, so that a set of maps shares one scale")
-          ->check(CLI::NonNegativeNumber);
-  gain->excludes(gain_from);
+  m->add_option("--fps", map.fps, "Frame rate (default: the header's)")->check(Positive());
+  auto* gain = m->add_option("--gain", map.gain,
+                             "Gain on the magnitudes, or auto for this map's own automatic gain "
+                             "(default: the automatic gain of the band's strongest bin, shared by "
+                             "every map of the band)");
+  auto* gain_from = m->add_option("--gain-from", map.gain_from,
+                                  "Shared gain: the automatic gain of this bin, or of a "
+                                  "frequency given with Hz (150Hz)");
+  auto* gain_from_freq =
+      m->add_option("--gain-from-freq", map.gain_from_freq,
+                    "Shared gain: the automatic gain of the bin nearest this frequency (Hz)")
+          ->check(NonNegative());
+  auto* band = m->add_option("--band", map.band,
+                             "LO:HI in Hz: where the default gain's strongest bin is sought "
+                             "(default: every bin above 0 Hz)");
+  gain->excludes(gain_from)->excludes(gain_from_freq)->excludes(band);
+  gain_from->excludes(gain_from_freq)->excludes(band);
+  gain_from_freq->excludes(band);
   m->add_option("--reference", map.reference,
                 "Reference signal: one float per line, as many as frames");
   m->add_option("-o,--output", map.output, "PNG file to write")->required();

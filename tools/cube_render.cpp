@@ -7,6 +7,11 @@
 #include <cstdio>
 
 #include "commands.h"
+#include "cube_state.h"
+#include "frfmap/capture_header.h"
+#include "frfmap/cube_files.h"
+#include "frfmap/layout.h"
+#include "frfmap/naming.h"
 #include "platform/platform.h"
 
 namespace frfcam::cli {
@@ -87,7 +92,42 @@ ProgressDisplay::~ProgressDisplay() {
 }
 void ProgressDisplay::Show(int percent) { frfcam::cli::Show(percent); }
 
-RenderSummary RenderWithProgress(::FrfMapCalcs* c, const char* label) {
+void RequireFrameData(const std::string& header) {
+  frfmap::CaptureHeader h;
+  if (!h.Load(header)) throw CommandError("cannot read header " + header);
+  std::string missing;
+  if (!FrameDataPresent(header, h, &missing)) {
+    throw CommandError("the frame data of " + header + " is missing: " + missing +
+                       " is not there (a header's frames are read from the folder " +
+                       frfmap::DataFolder(header) +
+                       " beside it; keep the header beside its data folder)");
+  }
+}
+
+namespace {
+
+// The bytes of the cube files of `header` on disk.
+std::uint64_t CubeBytes(const std::string& header) {
+  std::uint64_t total = 0;
+  for (unsigned n = 1; n <= frfmap::kMaxFileNumber; ++n) {
+    std::uint64_t size = 0;
+    if (!platform::FileSize(frfmap::DataFilePath(header, frfmap::DataFile::kCube, n), &size)) break;
+    total += size;
+  }
+  return total;
+}
+
+std::string Megabytes(std::uint64_t bytes) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.1f MB", static_cast<double>(bytes) / 1e6);
+  return buf;
+}
+
+}  // namespace
+
+RenderSummary RenderWithProgress(::FrfMapCalcs* c, const std::string& header, const char* label,
+                                 bool clean_on_cancel) {
+  RequireFrameData(header);
   RenderSummary summary;
   GetCubeDims(c, &summary.width, &summary.height, &summary.bins);
   g_display = {label, ::isatty(2) != 0, -1};
@@ -101,12 +141,27 @@ RenderSummary RenderWithProgress(::FrfMapCalcs* c, const char* label) {
   switch (result) {
     case FRFCAM_RENDER_OK:
       return summary;
-    case FRFCAM_RENDER_CANCELLED:
-      std::fprintf(stderr, "frfcam: render cancelled after %.2f s; the cube is incomplete\n",
-                   summary.seconds);
+    case FRFCAM_RENDER_CANCELLED: {
+      const std::string folder = frfmap::DataFolder(header);
+      if (clean_on_cancel) {
+        const std::uint64_t bytes = CubeBytes(header);
+        const std::size_t n = frfmap::DeleteCubeFiles(folder);
+        std::fprintf(stderr,
+                     "frfcam: render cancelled after %.2f s; removed its %zu cube file%s (%s)\n",
+                     summary.seconds, n, n == 1 ? "" : "s", Megabytes(bytes).c_str());
+      } else {
+        std::fprintf(stderr,
+                     "frfcam: render cancelled after %.2f s; the cube is incomplete and its files "
+                     "(%s) are left in %s: 'frfcam delete %s' removes them, 'frfcam render %s' "
+                     "renders it again\n",
+                     summary.seconds, Megabytes(CubeBytes(header)).c_str(), folder.c_str(),
+                     folder.c_str(), header.c_str());
+      }
       throw ExitWith{130};
+    }
     case FRFCAM_RENDER_WRITE_FAILED:
-      throw CommandError("writing the cube files failed (disk full or file size limit?)");
+      throw CommandError("writing the cube files into " + frfmap::DataFolder(header) +
+                         " failed (disk full or file size limit?)");
     default:
       throw CommandError("not enough memory to render");
   }

@@ -49,10 +49,19 @@ struct RenderSummary {
 // with progress on stderr behind `label` ("" for none): a bar on a
 // terminal, a line per ten percent otherwise. 100 % is shown only once the
 // render returned success, since the library counts a block when it is
-// transformed and its last writes can still fail. Ctrl-C (within an
-// InterruptScope) cancels: a line, then ExitWith{130}. A failed write or
-// allocation is a CommandError.
-RenderSummary RenderWithProgress(::FrfMapCalcs* c, const char* label);
+// transformed and its last writes can still fail.
+//
+// Missing frame data is a CommandError before anything is written. Ctrl-C
+// (within an InterruptScope) cancels: a line saying what the cancelled cube
+// left on disk and how to remove it (or, with `clean_on_cancel`, its cube
+// files are removed), then ExitWith{130}. A failed write or allocation is a
+// CommandError.
+RenderSummary RenderWithProgress(::FrfMapCalcs* c, const std::string& header, const char* label,
+                                 bool clean_on_cancel = false);
+
+// Throws CommandError naming the first frame data file of the capture
+// `header` that is missing, and the folder where it was looked for.
+void RequireFrameData(const std::string& header);
 
 // The same display of progress for other long jobs: Show(0..100) behind
 // `label`, and a line end (on a terminal) once done.

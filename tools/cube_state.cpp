@@ -58,6 +58,29 @@ class BinReader {
 
 }  // namespace
 
+bool FrameDataPresent(const std::string& header_path, const frfmap::CaptureHeader& header,
+                      std::string* missing) {
+  std::vector<std::string> paths;
+  if (header.single_file()) {
+    paths.push_back(frfmap::DataFilePath(header_path, frfmap::DataFile::kSingle, 0));
+  } else if (header.frames_per_division() > 0 && header.frame_count() > 0) {
+    const std::uint64_t files =
+        (static_cast<std::uint64_t>(header.frame_count()) + header.frames_per_division() - 1) /
+        header.frames_per_division();
+    for (std::uint64_t d = 1; d <= std::min<std::uint64_t>(files, frfmap::kMaxFileNumber); ++d) {
+      paths.push_back(
+          frfmap::DataFilePath(header_path, frfmap::DataFile::kDivision, static_cast<unsigned>(d)));
+    }
+  }
+  for (const std::string& path : paths) {
+    if (!platform::IsRegularFile(path)) {
+      *missing = path;
+      return false;
+    }
+  }
+  return true;
+}
+
 bool ReadCubePlane(const std::string& header_path, const frfmap::CaptureHeader& header,
                    std::uint32_t bin, std::complex<float>* out, std::string* error) {
   const frfmap::CubeLayout layout = LayoutOf(header);

@@ -11,6 +11,11 @@
 
 namespace frfcam {
 
+// Whether every frame data file of the capture is there (the division
+// files, or the single file); false with the first missing path in *missing.
+bool FrameDataPresent(const std::string& header_path, const frfmap::CaptureHeader& header,
+                      std::string* missing);
+
 // Copies bin `bin`'s plane (width x height values, raster order) into `out`.
 // False with a reason in *error when it cannot be read whole.
 bool ReadCubePlane(const std::string& header_path, const frfmap::CaptureHeader& header,

@@ -148,7 +148,7 @@ void RegisterImportCommand(CLI::App& app) {
   c->add_option("--frames", o.frames, "Frames FIRST:LAST to take (0-based, inclusive)");
   c->add_option("--roi", o.roi, "Region X,Y,W,H to take, in pixels");
   c->add_option("--fps", o.fps, "Frame rate (default: the source's; image sequences need it)")
-      ->check(CLI::PositiveNumber);
+      ->check(Positive());
   c->add_option("--bits", o.bits, "Capture depth: 8 or 12 (default: 8 for 8-bit sources)")
       ->check(CLI::IsMember({8, 12}));
   c->callback([] { RunImport(o); });

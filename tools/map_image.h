@@ -3,6 +3,8 @@
 // the viewer, so that both give the same image for the same request.
 #pragma once
 
+#include <complex>
+#include <string>
 #include <vector>
 
 #include "frfcam/frfcam.h"
@@ -24,5 +26,19 @@ float AutomaticGain(::FrfMapCalcs* c, int bin, unsigned width, unsigned height);
 // when the cube cannot be read.
 MapImage ComputeMap(::FrfMapCalcs* c, int bin, float gain, int gain_from, unsigned width,
                     unsigned height);
+
+// The DFT of a reference signal over `frames` samples (missing samples are
+// zero, extra ones ignored), scaled by 1/frames as the cube is: bins
+// 0..frames/2.
+std::vector<std::complex<double>> ReferenceSpectrum(const std::vector<float>& reference,
+                                                    int frames);
+
+// The bin in [first, last] whose mean magnitude over the image (of X, or of
+// X/R with `reference_spectrum`) is largest: where a set of maps takes the
+// gain they share. With a reference, only bins where it has at least 1 % of
+// its largest magnitude count (elsewhere X/R divides by almost nothing).
+// Throws CommandError when the cube cannot be read.
+int StrongestBin(const std::string& header_path, int first, int last,
+                 const std::vector<std::complex<double>>& reference_spectrum);
 
 }  // namespace frfcam::cli

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <memory>
 #include <numbers>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,7 @@
 #include "frfmap/cube_check.h"
 #include "modes/modes.h"
 #include "modes_uff.h"
+#include "platform/platform.h"
 #include "png_writer.h"
 
 namespace frfcam::cli {
@@ -67,7 +69,24 @@ void RenderIfNeeded(const std::string& header, const frfmap::CaptureHeader& load
   std::fflush(stdout);
   Calcs calcs;
   OpenCapture(calcs.c, header);
-  RenderWithProgress(calcs.c, "rendering the cube: ");
+  RenderWithProgress(calcs.c, header, "rendering the cube: ");
+}
+
+// Removes what an earlier run of `modes` wrote into `dir`: modes.csv,
+// chart.svg, chart.json and mode_K.npy/.png/.gif, mode_K_disp.npy/.png and
+// mode_K_motion.gif. Nothing else is touched. Returns how many went.
+std::size_t RemovePreviousOutputs(const std::string& dir) {
+  static const std::regex kOurs(
+      R"((modes\.csv|chart\.(svg|json)|mode_[0-9]+(\.npy|\.png|\.gif|_disp\.npy|_disp\.png|_motion\.gif)))");
+  std::size_t removed = 0;
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(platform::PathFromUtf8(dir), ec)) {
+    const std::string name = entry.path().filename().string();
+    if (!std::regex_match(name, kOurs) || !platform::IsRegularFile(entry.path())) continue;
+    std::error_code gone;
+    if (std::filesystem::remove(entry.path(), gone)) ++removed;
+  }
+  return removed;
 }
 
 // The shape turned to its dominant phase, and the value that maps to the
@@ -228,7 +247,13 @@ void RunModes(const ModesCliOptions& o) {
 
   modes::ModesResult r;
   std::string error;
-  switch (modes::ComputeModes(o.header, reference, options, &r, &error)) {
+  modes::ModesStatus status;
+  {
+    ProgressDisplay display("fitting the modes: ");
+    options.progress = [&display](int percent) { display.Show(percent); };
+    status = modes::ComputeModes(o.header, reference, options, &r, &error);
+  }
+  switch (status) {
     case modes::ModesStatus::kOk:
       break;
     case modes::ModesStatus::kCancelled:
@@ -239,6 +264,9 @@ void RunModes(const ModesCliOptions& o) {
   }
 
   const auto t0 = std::chrono::steady_clock::now();
+  // The folder then holds this run's outputs only: a previous run's mode 3
+  // beside a table of two modes would read as a third mode.
+  const std::size_t removed = RemovePreviousOutputs(o.output);
   const char* kind = modes::ShapeKindName(r.kind);
   std::string csv = "mode,frequency_hz,damping_ratio,mpc,shape\n";
   for (std::size_t k = 0; k < r.modes.size(); ++k) {
@@ -309,15 +337,19 @@ void RunModes(const ModesCliOptions& o) {
   }
   std::printf("\ntimes: reading %.2f s, pole fit %.2f s, residues %.2f s, writing %.2f s\n",
               sec(r.times.reading), sec(r.times.poleFit), sec(r.times.residues), writing);
-  if (r.kind == modes::ShapeKind::kDisplacement) {
-    std::printf(
-        "wrote modes.csv, chart.{svg,json}, mode_K.{npy,png,gif} and mode_K_disp.{npy,png} and "
-        "mode_K_motion.gif (displacement in %s per reference unit) into %s\n",
-        o.scale > 0.0 ? "mm" : "px", o.output.c_str());
-  } else {
-    std::printf("wrote modes.csv, chart.{svg,json} and mode_K.{npy,png,gif} into %s\n",
-                o.output.c_str());
+  std::string wrote = "modes.csv, chart.svg, chart.json";
+  if (r.modes.size() == 1) {
+    wrote += ", mode_1.{npy,png,gif}";
+  } else if (!r.modes.empty()) {
+    wrote += ", mode_1.{npy,png,gif} .. mode_" + std::to_string(r.modes.size()) + ".{npy,png,gif}";
   }
+  if (!r.modes.empty() && r.kind == modes::ShapeKind::kDisplacement) {
+    wrote += std::string(" and per mode _disp.{npy,png}, _motion.gif (displacement in ") +
+             (o.scale > 0.0 ? "mm" : "px") + " per reference unit)";
+  }
+  std::printf("wrote %s into %s", wrote.c_str(), o.output.c_str());
+  if (removed > 0) std::printf(" (removed %zu file(s) of the previous run)", removed);
+  std::printf("\n");
   if (!o.writeUff.empty()) {
     std::printf("wrote %s: %zu windows' displacement FRFs, their nodes and the mode shapes\n",
                 o.writeUff.c_str(), r.windowFrfs.size());
@@ -337,12 +369,12 @@ void RegisterModesCommand(CLI::App& app) {
   m->add_option("--reference", o->reference,
                 "Reference signal: one float per line, as many as frames")
       ->required();
-  m->add_option("--fps", o->fps, "Frame rate (default: the header's)")->check(CLI::PositiveNumber);
+  m->add_option("--fps", o->fps, "Frame rate (default: the header's)")->check(Positive());
   m->add_option("--band", o->band, "Band LO:HI in Hz (default: all bins above 0)");
   m->add_option("--orders", o->orders, "Model order range LOW:HIGH")->capture_default_str();
   m->add_option("--stride", o->stride,
                 "Grid step of the pole-fit pixels (default: at least 10000 pixels)")
-      ->check(CLI::PositiveNumber);
+      ->check(Positive());
   m->add_option("--min-stable", o->minStable,
                 "Orders a pole must recur in to be selected (its own included)")
       ->capture_default_str()
@@ -353,7 +385,7 @@ void RegisterModesCommand(CLI::App& app) {
       ->capture_default_str();
   m->add_option("--scale", o->scale,
                 "Millimetres per pixel: displacement and UFF coordinates in mm instead of px")
-      ->check(CLI::PositiveNumber);
+      ->check(Positive());
   m->add_option("--write-uff", o->writeUff,
                 "Also write the displacement measurement as a universal file: nodes (2411), "
                 "mode shapes (55) and FRFs (58) of a grid of windows");

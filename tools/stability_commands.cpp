@@ -76,6 +76,11 @@ void ParseOrders(const std::string& text, int* minOrder, int* maxOrder) {
   } catch (const std::logic_error&) {
     throw CommandError("--orders: expected LOW:HIGH (for example 2:60), got '" + text + "'");
   }
+  if (*minOrder < 1 || *maxOrder <= *minOrder) {
+    throw CommandError("--orders " + text +
+                       ": give LOW:HIGH with LOW at least 1 and HIGH above LOW (two orders or "
+                       "more, for example 2:60)");
+  }
 }
 
 std::string Lower(std::string s) {
@@ -412,16 +417,6 @@ void RunStability(StabilityOptions o) {
     throw CommandError("--reference-column " + std::to_string(o.referenceColumn) + ": " + o.input +
                        " has " + std::to_string(channels) + " channel(s)");
   }
-  std::printf("%zu line(s) of %d channel(s) from %s, orders %d..%d, record fit to channel %d\n",
-              lines, channels, o.input.c_str(), s.minOrder, s.maxOrder, o.referenceColumn);
-  for (const std::string& note : in.notes) std::printf("  %s\n", note.c_str());
-  if (!in.names.empty()) {
-    std::printf("  channel  response / reference\n");
-    for (std::size_t c = 0; c < in.names.size(); ++c) {
-      std::printf("  %7zu  %s\n", c + 1, in.names[c].c_str());
-    }
-  }
-  std::fflush(stdout);
 
   AnalysisRequest request;
   request.omega.resize(static_cast<Eigen::Index>(lines));
@@ -437,12 +432,23 @@ void RunStability(StabilityOptions o) {
   std::string problem = CheckAnalysis(request);
   if (problem.empty()) problem = CheckLinesForOrders(request);
   if (!problem.empty()) throw CommandError(o.input + ": " + problem);
+  std::printf("%zu line(s) of %d channel(s) from %s, orders %d..%d, record fit to channel %d\n",
+              lines, channels, o.input.c_str(), s.minOrder, s.maxOrder, o.referenceColumn);
+  for (const std::string& note : in.notes) std::printf("  %s\n", note.c_str());
+  if (!in.names.empty()) {
+    std::printf("  channel  response / reference\n");
+    for (std::size_t c = 0; c < in.names.size(); ++c) {
+      std::printf("  %7zu  %s\n", c + 1, in.names[c].c_str());
+    }
+  }
+  std::fflush(stdout);
   const auto start = std::chrono::steady_clock::now();
   const Analysis a = RunAnalysis(request);
   const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
                       std::chrono::steady_clock::now() - start)
                       .count();
-  std::printf("took %lldms to run.\n", static_cast<long long>(ms));
+  std::printf("fitted orders %d..%d in %.2f s\n", s.minOrder, s.maxOrder,
+              static_cast<double>(ms) / 1000.0);
 
   if (!formats::WriteFileWhole(o.output, a.record.SerializeAsString(), &why)) {
     throw CommandError(why);
@@ -547,8 +553,12 @@ void RegisterStabilityCommands(CLI::App& app) {
   stab->add_option("--write-uff", so->writeUff,
                    "also write the fitted FRFs of every channel as UFF dataset 58");
   stab->add_flag("--binary-uff", so->binaryUff, "write --write-uff as binary 58b");
-  stab->add_flag("--flag1", so->flag1, "estimator option 1");
-  stab->add_flag("--flag2", so->flag2, "estimator option 2");
+  stab->add_flag("--flag1", so->flag1,
+                 "also fit the reference column's numerator at the highest order, and store that "
+                 "model FRF in the record (frfnum)");
+  stab->add_flag("--flag2", so->flag2,
+                 "fit the common denominator with the reference column once more as an extra "
+                 "channel, weighting it above the others in the poles");
   stab->footer(kInputFormats);
   stab->callback([so] { RunStability(*so); });
 
@@ -578,7 +588,7 @@ void RegisterStabilityCommands(CLI::App& app) {
       ->check(CLI::Range(1, 1000));
   synth->add_option("--noise", sy->noise, "relative noise level (0.002 = 0.2 %)")
       ->capture_default_str()
-      ->check(CLI::NonNegativeNumber);
+      ->check(NonNegative());
   synth->add_option("--seed", sy->seed, "noise seed")->capture_default_str();
   synth->callback([sy] { RunSynth(*sy); });
 }

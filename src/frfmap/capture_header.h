@@ -38,6 +38,12 @@ struct CaptureHeader {
   // are zero. False when it cannot be opened (or is not a regular file; the
   // open never blocks), when the header is left unchanged.
   bool Load(const std::string& path);
+
+  // Why these bytes cannot describe a capture (an empty image, no frames, no
+  // frames per division file, or more pixels and frames than the numbered
+  // cube files hold), in a few words; empty when they can. Any file of 2998
+  // bytes or more loads, so readers ask this before trusting it.
+  std::string Problem() const;
 };
 
 }  // namespace frfcam::frfmap

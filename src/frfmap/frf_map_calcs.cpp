@@ -32,8 +32,7 @@ int FrfMapCalcs::OpenCube(const std::string& header_path) {
   if (!reader_.Open(header_path)) return kOpenBadCapture;
   const CaptureHeader& h = reader_.header();
   const std::int32_t frames = h.frame_count();
-  if (h.width() == 0 || h.height() == 0 || frames < 1) return kOpenBadCapture;
-  if (!h.single_file() && h.frames_per_division() == 0) return kOpenBadCapture;
+  if (!h.Problem().empty()) return kOpenBadCapture;
   const auto bins = static_cast<std::uint32_t>(frames / 2 + 1);
   const CubeLayout layout = CubeLayout::For(h.pixels(), bins);
   if (layout.bins_per_file == 0 || layout.FileCount() > kMaxFileNumber) return kOpenBadCapture;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <mutex>
 #include <new>
 #include <numbers>
 
@@ -30,6 +31,25 @@ ModesStatus Fail(ModesStatus status, const std::string& message, std::string* er
   if (error != nullptr) *error = message;
   return status;
 }
+
+// The caller's progress callback, one call at a time and only rising.
+class Progress {
+ public:
+  explicit Progress(const std::function<void(int)>& f) : f_(f) {}
+  void operator()(double percent) {
+    if (!f_) return;
+    const int p = static_cast<int>(std::clamp(percent, 0.0, 100.0));
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (p <= last_) return;
+    last_ = p;
+    f_(p);
+  }
+
+ private:
+  const std::function<void(int)>& f_;
+  std::mutex mutex_;
+  int last_ = -1;
+};
 
 bool Cancelled(const ModesOptions& o) {
   return o.cancel != nullptr && o.cancel->load(std::memory_order_relaxed);
@@ -304,7 +324,13 @@ ModesStatus Compute(const std::string& headerPath, const std::vector<float>& ref
   // consecutive rows, into a plane-sized buffer per worker and hands it on
   // line by line.
   std::atomic<bool> shortRead{false};
+  Progress progress(options.progress);
+  progress(0);
+  // Reading takes the band up to 45 %: the windows' pass to 40, the
+  // brightness grid's (when read) the rest.
+  double passFrom = 0.0, passTo = 40.0;
   const auto pass = [&](const std::vector<char>& needed, const auto& use) {
+    std::atomic<Index> read{0};
     std::vector<std::pair<unsigned, unsigned>> runs;  // first row, count
     for (unsigned y = 0; y < height; ++y) {
       if (!needed[y]) continue;
@@ -329,8 +355,12 @@ ModesStatus Compute(const std::string& headerPath, const std::vector<float>& ref
               }
             }
             use(plane.data(), b);
+            progress(passFrom + (passTo - passFrom) * static_cast<double>(++read) /
+                                    static_cast<double>(lines));
           }
         });
+    passFrom = passTo;
+    passTo = 45.0;
   };
   {
     std::vector<char> needed(height, 0);
@@ -435,6 +465,7 @@ ModesStatus Compute(const std::string& headerPath, const std::vector<float>& ref
   result.times.reading = t1 - t0;
   // 2. Poles.
   if (Cancelled(options)) return Fail(ModesStatus::kCancelled, "cancelled", error);
+  progress(45);
   const stability::EstimationResult estimation =
       stability::Estimate(omega, stability::ComplexVector(), h, {sel.minOrder, sel.maxOrder},
                           sel.frequencyTolerance, sel.dampingTolerance, false, false);
@@ -466,8 +497,10 @@ ModesStatus Compute(const std::string& headerPath, const std::vector<float>& ref
 
   // 3. Shapes.
   ShapeFit fit;
+  progress(55);
   switch (FitShapes(cube, pixels, band, omega, r, poles.frequency, poles.damping,
-                    options.chunkBytes, options.cancel, &fit)) {
+                    options.chunkBytes, options.cancel, &fit,
+                    [&](double share) { progress(55.0 + 44.0 * share); })) {
     case ShapeFitStatus::kOk:
       break;
     case ShapeFitStatus::kShortCube:
@@ -520,6 +553,7 @@ ModesStatus Compute(const std::string& headerPath, const std::vector<float>& ref
   }
   result.times.flow = Clock::now() - t3;
   *out = std::move(result);
+  progress(100);
   return ModesStatus::kOk;
 }
 

@@ -33,6 +33,7 @@
 #include <chrono>
 #include <complex>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -93,6 +94,10 @@ struct ModesOptions {
   // Bytes of planes per streamed product (the working set of step 3).
   std::size_t chunkBytes = std::size_t{64} << 20;
   const std::atomic<bool>* cancel = nullptr;  // polled between chunks
+  // Told the share done, 0..100, rising: reading the band up to 45, the
+  // pole fit up to 55, the shapes up to 100. Called one call at a time, but
+  // from whichever worker thread finished a piece.
+  std::function<void(int percent)> progress;
 
   // The selection defaults for pixel FRFs: orders 2..40.
   static stability::SelectionSettings DefaultModesSelection() {

@@ -124,7 +124,8 @@ ShapeFitStatus FitShapes(frfmap::CubeFileSet& cube, std::uint32_t pixels,
                          const std::vector<std::complex<double>>& referenceAtBin,
                          const stability::RealVector& modeHz,
                          const stability::RealVector& modeDamping, std::size_t chunkBytes,
-                         const std::atomic<bool>* cancel, ShapeFit* out) {
+                         const std::atomic<bool>* cancel, ShapeFit* out,
+                         const std::function<void(double)>& done) {
   const auto lines = static_cast<Index>(bins.size());
   const Index p = pixels;
 
@@ -189,9 +190,10 @@ ShapeFitStatus FitShapes(frfmap::CubeFileSet& cube, std::uint32_t pixels,
   const Index group = std::clamp<Index>(static_cast<Index>(chunkBytes / workers / segmentBytes), 1,
                                         std::min<Index>(lines, 8));
   std::atomic<bool> shortRead{false}, stopped{false}, noMemory{false};
+  const Index tasks = (p + segment - 1) / segment;
+  std::atomic<Index> finished{0};
   tbb::parallel_for(
-      tbb::blocked_range<Index>(0, (p + segment - 1) / segment, 1),
-      [&](const tbb::blocked_range<Index>& range) {
+      tbb::blocked_range<Index>(0, tasks, 1), [&](const tbb::blocked_range<Index>& range) {
         std::vector<std::complex<float>> buffer;
         try {
           buffer.resize(static_cast<std::size_t>(group * segment));
@@ -241,6 +243,7 @@ ShapeFitStatus FitShapes(frfmap::CubeFileSet& cube, std::uint32_t pixels,
                               energyWeight[first + b], tail.data(), energy.data() + r0 + done);
             }
           }
+          if (done) done(static_cast<double>(++finished) / static_cast<double>(tasks));
         }
       });
   if (noMemory.load()) return ShapeFitStatus::kOutOfMemory;

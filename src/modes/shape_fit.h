@@ -13,6 +13,7 @@
 #include <atomic>
 #include <complex>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "frfmap/cube_files.h"
@@ -35,12 +36,15 @@ enum class ShapeFitStatus { kOk, kShortCube, kCancelled, kOutOfMemory };
 // bins: the band's bins in increasing order; omega: their
 // angular frequencies; referenceAtBin: R at those bins (non-zero);
 // chunkBytes: the read buffer (at least one plane);
-// modeHz / modeDamping: the fixed poles. `cube` must be in read mode.
+// modeHz / modeDamping: the fixed poles; done (when set): told the share of
+// the reading finished, from the worker that finished a piece, possibly
+// several at once. `cube` must be in read mode.
 ShapeFitStatus FitShapes(frfmap::CubeFileSet& cube, std::uint32_t pixels,
                          const std::vector<std::uint32_t>& bins, const stability::RealVector& omega,
                          const std::vector<std::complex<double>>& referenceAtBin,
                          const stability::RealVector& modeHz,
                          const stability::RealVector& modeDamping, std::size_t chunkBytes,
-                         const std::atomic<bool>* cancel, ShapeFit* out);
+                         const std::atomic<bool>* cancel, ShapeFit* out,
+                         const std::function<void(double)>& done = {});
 
 }  // namespace frfcam::modes

@@ -30,7 +30,7 @@ void RunView(ViewOptions o, const std::string& workDir, bool openBrowser) {
     Calcs calcs;
     OpenCapture(calcs.c, o.header);
     InterruptScope interrupt;
-    RenderWithProgress(calcs.c, "rendering");
+    RenderWithProgress(calcs.c, o.header, "rendering ");
   }
   ViewServer server(o);
   const std::string url = server.Start();

@@ -110,7 +110,7 @@ TEST(View, MapsAreThoseOfTheMapCommandAndSpectraThoseOfTheCube) {
   for (const std::string gain : {"", "250"}) {
     const std::string png = s.dir.file("m" + gain + ".png");
     ASSERT_EQ(
-        Cli("map " + s.header + " --bin 19 -o " + png + (gain.empty() ? "" : " --gain " + gain))
+        Cli("map " + s.header + " --bin 19 -o " + png + " --gain " + (gain.empty() ? "auto" : gain))
             .status,
         0);
     const auto r = s.Get("/api/map.png?bin=19" + (gain.empty() ? "" : "&gain=" + gain));
