@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "cube_render.h"
 #include "cube_state.h"
+#include "figure_svg.h"
 #include "formats/output_file.h"
 #include "frfcam/frfcam.h"
 #include "frfmap/capture_header.h"
@@ -21,6 +22,7 @@
 #include "map_image.h"
 #include "platform/platform.h"
 #include "png_writer.h"
+#include "svg_raster.h"
 
 namespace frfcam::cli {
 
@@ -45,12 +47,44 @@ struct MapOptions {
   int gain_from = -1;  // the automatic gain of this bin instead of the map's own
   std::string reference;
   std::string output;
+  bool figure = false;  // a titled figure with a colour bar instead of the bare map
 };
 
 std::string Hz(double v) {
   char buf[32];
   std::snprintf(buf, sizeof buf, "%.6g Hz", v);
   return buf;
+}
+
+// The map with its frequency, a grey bar from 0 to white's magnitude
+// (255 / gain) and the quantity; `hz` < 0 when the frame rate is unknown.
+void WriteMapFigure(const std::string& path, const std::vector<unsigned char>& map, unsigned w,
+                    unsigned h, float gain, int bin, double hz, bool referenced) {
+  ImageFigure f;
+  char title[96];
+  if (hz >= 0) {
+    std::snprintf(title, sizeof title, "FRF map at %.2f Hz (bin %d)", hz, bin);
+  } else {
+    std::snprintf(title, sizeof title, "FRF map at bin %d", bin);
+  }
+  f.title = title;
+  f.quantity = referenced ? "|X/R| [counts per reference unit]" : "|X| [counts]";
+  char sub[120];
+  std::snprintf(sub, sizeof sub, "grey level = %s x gain %g; white = %.4g or more",
+                referenced ? "|X/R|" : "|X|", gain, 255.0 / gain);
+  f.subtitle = sub;
+  f.pixels = map;
+  f.width = w;
+  f.height = h;
+  f.barColours = {{0, 0, 0}, {255, 255, 255}};
+  f.barLow = 0.0;
+  f.barHigh = 255.0 / gain;
+  WriteFigurePng(
+      path, ImageFigureSvg(f),
+      {{"Title", f.title},
+       {"Description", std::string(title) + " of " + std::to_string(w) + "x" + std::to_string(h) +
+                           " pixels: " + f.quantity + ", " + sub + " (colour bar on the right)"},
+       {"Software", "frfcam map"}});
 }
 
 void RunMap(const MapOptions& o) {
@@ -94,6 +128,7 @@ void RunMap(const MapOptions& o) {
   if (frfmap::CheckCube(o.header, header, &why) != frfmap::CubeState::kReady) {
     throw CommandError(why);
   }
+  if (o.figure) RequireSvgRaster("map --figure");
   std::string cannot;
   if (!formats::CanWriteFile(o.output, &cannot)) throw CommandError(cannot);
 
@@ -112,7 +147,12 @@ void RunMap(const MapOptions& o) {
   const float gain = image.gain;
   const char* how = o.gain != 0 ? "" : (o.gain_from >= 0 ? " (automatic, of bin " : " (automatic)");
   const std::vector<unsigned char>& map = image.pixels;
-  WriteGrayPng(o.output, map.data(), w, h);
+  if (o.figure) {
+    WriteMapFigure(o.output, map, w, h, gain, bin, fps > 0 ? bin * fps / frames : -1.0,
+                   !reference.empty());
+  } else {
+    WriteGrayPng(o.output, map.data(), w, h);
+  }
   std::printf("wrote %s: bin %d", o.output.c_str(), bin);
   if (fps > 0) std::printf(" (%.2f Hz)", bin * fps / frames);
   std::printf(", gain %g%s", gain, how);
@@ -154,6 +194,9 @@ void RegisterCubeCommands(CLI::App& app) {
   m->add_option("--reference", map.reference,
                 "Reference signal: one float per line, as many as frames");
   m->add_option("-o,--output", map.output, "PNG file to write")->required();
+  m->add_flag("--figure", map.figure,
+              "Write a figure: the map with its frequency, a colour bar with values and the "
+              "quantity (default: the bare 8-bit map)");
   m->callback([] {
     if (map.bin < 0 && map.freq < 0) throw CommandError("map needs --bin or --freq");
     MapOptions o = map;
