@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -52,9 +53,27 @@ double TickStep(double span, int count) {
   return 10.0 * p;
 }
 
-std::string StabilisationChartSvg(const ChartInput& c) {
-  constexpr double kW = 900, kH = 560, kLeft = 70, kRight = 70, kTop = 40, kBottom = 60;
-  const double plotW = kW - kLeft - kRight, plotH = kH - kTop - kBottom;
+namespace {
+
+// One style for the classes wherever a chart is drawn (this SVG, the
+// viewer's page and the Python plot), so a reader learns it once.
+constexpr const char* kStableColour = "#1f5fbf";
+constexpr const char* kFrequencyColour = "#2a9d3a";
+constexpr const char* kDampingColour = "#e07b00";
+constexpr const char* kNewColour = "#999999";
+constexpr const char* kSelectedColour = "#dd2222";
+constexpr const char* kMagnitudeColour = "#b0b0b0";
+
+// Rough advance of a sans-serif character at font size 1, for laying out
+// text without measuring it: generous, so estimates err towards space.
+constexpr double kCharWidth = 0.6;
+
+}  // namespace
+
+std::string StabilisationChartSvg(const ChartInput& c, double kW, double kH) {
+  constexpr double kLeft = 70, kRight = 70, kBottom = 50;
+  constexpr double kTitleBand = 30, kLegendBand = 22, kLabelRow = 14, kMaxLabelRows = 4;
+  const double plotW = kW - kLeft - kRight;
 
   double fLo = c.lineHz.empty() ? 0.0 : *std::min_element(c.lineHz.begin(), c.lineHz.end());
   double fHi = c.lineHz.empty() ? 1.0 : *std::max_element(c.lineHz.begin(), c.lineHz.end());
@@ -77,8 +96,50 @@ std::string StabilisationChartSvg(const ChartInput& c) {
   }
   if (!(fHi > fLo)) fHi = fLo + 1.0;
   if (oHi <= oLo) oHi = oLo + 1;
-  const double oMin = oLo - 0.5, oMax = oHi + 0.5;
   const auto X = [&](double f) { return kLeft + (f - fLo) / (fHi - fLo) * plotW; };
+
+  // Bands from the top: the title, the legend, then the selected modes'
+  // labels, staggered over as many rows as neighbours need.
+  const double legendTop = c.title.empty() ? 6.0 : kTitleBand;
+  const double labelsTop = legendTop + kLegendBand;
+  struct Label {
+    double x, width;
+    int row;
+    std::string text;
+  };
+  std::vector<Label> labels;
+  {
+    std::vector<double> sorted;
+    for (double f : c.selectedHz) {
+      if (f >= fLo && f <= fHi) sorted.push_back(f);
+    }
+    std::sort(sorted.begin(), sorted.end());
+    std::vector<double> rowEnd;
+    for (double f : sorted) {
+      char text[32];
+      std::snprintf(text, sizeof text, "%.1f Hz", f);
+      const double width = std::strlen(text) * 11 * kCharWidth;
+      const double x = std::clamp(X(f), kLeft + width / 2, kW - kRight - width / 2);
+      int row = -1;
+      for (std::size_t r = 0; r < rowEnd.size() && row < 0; ++r) {
+        if (rowEnd[r] + 4 <= x - width / 2) row = static_cast<int>(r);
+      }
+      if (row < 0 && rowEnd.size() < kMaxLabelRows) {
+        row = static_cast<int>(rowEnd.size());
+        rowEnd.push_back(0.0);
+      }
+      if (row < 0) {  // crowded: the row that frees up first
+        row = static_cast<int>(std::min_element(rowEnd.begin(), rowEnd.end()) - rowEnd.begin());
+      }
+      rowEnd[row] = x + width / 2;
+      labels.push_back({x, width, row, text});
+    }
+  }
+  int rows = 0;
+  for (const auto& l : labels) rows = std::max(rows, l.row + 1);
+  const double kTop = labelsTop + rows * kLabelRow + 6;
+  const double plotH = std::max(20.0, kH - kTop - kBottom);
+  const double oMin = oLo - 0.5, oMax = oHi + 0.5;
   const auto Y = [&](double order) { return kTop + (oMax - order) / (oMax - oMin) * plotH; };
 
   std::ostringstream svg;
@@ -89,8 +150,8 @@ std::string StabilisationChartSvg(const ChartInput& c) {
       << "\" font-family=\"sans-serif\" font-size=\"12\">\n"
       << "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n";
   if (!c.title.empty()) {
-    svg << "<text x=\"" << kW / 2 << "\" y=\"22\" text-anchor=\"middle\" font-size=\"15\">"
-        << Escape(c.title) << "</text>\n";
+    svg << "<text id=\"title\" x=\"" << kW / 2
+        << "\" y=\"21\" text-anchor=\"middle\" font-size=\"15\">" << Escape(c.title) << "</text>\n";
   }
   svg << "<defs><clipPath id=\"plot\"><rect x=\"" << kLeft << "\" y=\"" << kTop << "\" width=\""
       << plotW << "\" height=\"" << plotH << "\"/></clipPath></defs>\n";
@@ -100,13 +161,14 @@ std::string StabilisationChartSvg(const ChartInput& c) {
   for (double m : c.sumMagnitude) {
     if (m > 0.0 && std::isfinite(m)) mag.push_back(m);
   }
-  if (!mag.empty() && c.sumMagnitude.size() == c.lineHz.size()) {
+  const bool magnitude = !mag.empty() && c.sumMagnitude.size() == c.lineHz.size();
+  if (magnitude) {
     const double lo = std::log10(*std::min_element(mag.begin(), mag.end()));
     double hi = std::log10(*std::max_element(mag.begin(), mag.end()));
     if (!(hi > lo)) hi = lo + 1.0;
     const auto YM = [&](double m) { return kTop + (hi - std::log10(m)) / (hi - lo) * plotH; };
-    svg << "<polyline clip-path=\"url(#plot)\" fill=\"none\" stroke=\"#b0b0b0\" "
-           "stroke-width=\"1.2\" points=\"";
+    svg << "<polyline clip-path=\"url(#plot)\" fill=\"none\" stroke=\"" << kMagnitudeColour
+        << "\" stroke-width=\"1.2\" points=\"";
     for (std::size_t i = 0; i < c.lineHz.size(); ++i) {
       const double m = c.sumMagnitude[i];
       if (m > 0.0 && std::isfinite(m)) svg << X(c.lineHz[i]) << "," << YM(m) << " ";
@@ -121,8 +183,8 @@ std::string StabilisationChartSvg(const ChartInput& c) {
   }
 
   // Axes and ticks.
-  svg << "<rect x=\"" << kLeft << "\" y=\"" << kTop << "\" width=\"" << plotW << "\" height=\""
-      << plotH << "\" fill=\"none\" stroke=\"black\"/>\n";
+  svg << "<rect id=\"frame\" x=\"" << kLeft << "\" y=\"" << kTop << "\" width=\"" << plotW
+      << "\" height=\"" << plotH << "\" fill=\"none\" stroke=\"black\"/>\n";
   const double fStep = TickStep(fHi - fLo, 8);
   for (double f = std::ceil(fLo / fStep) * fStep; f <= fHi + 1e-9 * fStep; f += fStep) {
     svg << "<line x1=\"" << X(f) << "\" y1=\"" << kTop + plotH << "\" x2=\"" << X(f) << "\" y2=\""
@@ -135,37 +197,44 @@ std::string StabilisationChartSvg(const ChartInput& c) {
         << Y(o) << "\" stroke=\"black\"/><text x=\"" << kLeft - 8 << "\" y=\"" << Y(o) + 4
         << "\" text-anchor=\"end\">" << std::lround(o) << "</text>\n";
   }
-  svg << "<text x=\"" << kLeft + plotW / 2 << "\" y=\"" << kH - 18
+  svg << "<text x=\"" << kLeft + plotW / 2 << "\" y=\"" << kTop + plotH + 38
       << "\" text-anchor=\"middle\">frequency [Hz]</text>\n"
       << "<text transform=\"translate(18," << kTop + plotH / 2
       << ") rotate(-90)\" text-anchor=\"middle\">model order</text>\n";
 
-  // Selected modes behind the symbols.
+  // Selected modes behind the symbols, their labels in the band above.
   for (double f : c.selectedHz) {
+    if (!(f >= fLo && f <= fHi)) continue;
     svg << "<line x1=\"" << X(f) << "\" y1=\"" << kTop << "\" x2=\"" << X(f) << "\" y2=\""
-        << kTop + plotH << "\" stroke=\"#d62728\" stroke-width=\"1.5\" stroke-dasharray=\"6,4\"/>"
-        << "<text x=\"" << X(f) + 3 << "\" y=\"" << kTop + 12 << "\" fill=\"#d62728\">";
-    svg.precision(1);
-    svg << f << " Hz</text>\n";
-    svg.precision(2);
+        << kTop + plotH << "\" stroke=\"" << kSelectedColour
+        << "\" stroke-width=\"1.5\" stroke-dasharray=\"6,4\"/>\n";
   }
+  svg << "<g id=\"selected-labels\" font-size=\"11\" fill=\"" << kSelectedColour
+      << "\" text-anchor=\"middle\">\n";
+  for (const auto& l : labels) {
+    svg << "<text x=\"" << l.x << "\" y=\"" << labelsTop + (l.row + 1) * kLabelRow - 3
+        << "\" data-width=\"" << l.width << "\">" << l.text << "</text>\n";
+  }
+  svg << "</g>\n";
 
   // The symbols of the four classes.
   const auto symbol = [&](char cls, double x, double y) {
     switch (cls) {
       case 's':
-        svg << "<circle cx=\"" << x << "\" cy=\"" << y << "\" r=\"3.2\" fill=\"#1f77b4\"/>";
+        svg << "<circle cx=\"" << x << "\" cy=\"" << y << "\" r=\"3.2\" fill=\"" << kStableColour
+            << "\"/>";
         break;
       case 'f':
-        svg << "<circle cx=\"" << x << "\" cy=\"" << y
-            << "\" r=\"3.2\" fill=\"none\" stroke=\"#2ca02c\" stroke-width=\"1.2\"/>";
+        svg << "<circle cx=\"" << x << "\" cy=\"" << y << "\" r=\"3.2\" fill=\"none\" stroke=\""
+            << kFrequencyColour << "\" stroke-width=\"1.2\"/>";
         break;
       case 'd':
         svg << "<path d=\"M" << x - 3.5 << " " << y << "h7M" << x << " " << y - 3.5
-            << "v7\" stroke=\"#ff7f0e\" stroke-width=\"1.3\"/>";
+            << "v7\" stroke=\"" << kDampingColour << "\" stroke-width=\"1.3\"/>";
         break;
       default:
-        svg << "<circle cx=\"" << x << "\" cy=\"" << y << "\" r=\"1.3\" fill=\"#7f7f7f\"/>";
+        svg << "<circle cx=\"" << x << "\" cy=\"" << y << "\" r=\"1.3\" fill=\"" << kNewColour
+            << "\"/>";
     }
   };
   svg << "<g clip-path=\"url(#plot)\">\n";
@@ -179,15 +248,28 @@ std::string StabilisationChartSvg(const ChartInput& c) {
   }
   svg << "</g>\n";
 
-  // Legend, above the plot on the left.
-  const char* names[] = {"stable (s)", "frequency (f)", "damping (d)", "new (o)"};
+  // Legend: one row in its own band between the title and the plot.
+  const double ly = legendTop + kLegendBand / 2;
+  svg << "<g id=\"legend\" data-top=\"" << legendTop << "\" data-bottom=\""
+      << legendTop + kLegendBand << "\">\n";
+  double x = kLeft + 6;
+  const char* names[] = {"stable", "frequency", "damping", "new"};
   const char classes[] = {'s', 'f', 'd', 'o'};
   for (int i = 0; i < 4; ++i) {
-    const double x = kLeft + 10 + i * 120;
-    symbol(classes[i], x, kTop - 12);
-    svg << "<text x=\"" << x + 8 << "\" y=\"" << kTop - 8 << "\">" << names[i] << "</text>\n";
+    symbol(classes[i], x, ly);
+    svg << "<text x=\"" << x + 8 << "\" y=\"" << ly + 4 << "\">" << names[i] << "</text>\n";
+    x += 8 + std::strlen(names[i]) * 12 * kCharWidth + 18;
   }
-  svg << "</svg>\n";
+  svg << "<line x1=\"" << x - 4 << "\" y1=\"" << ly << "\" x2=\"" << x + 10 << "\" y2=\"" << ly
+      << "\" stroke=\"" << kSelectedColour << "\" stroke-width=\"1.5\" stroke-dasharray=\"4,3\"/>"
+      << "<text x=\"" << x + 14 << "\" y=\"" << ly + 4 << "\">selected</text>\n";
+  x += 14 + 8 * 12 * kCharWidth + 18;
+  if (magnitude) {
+    svg << "<line x1=\"" << x - 4 << "\" y1=\"" << ly << "\" x2=\"" << x + 10 << "\" y2=\"" << ly
+        << "\" stroke=\"" << kMagnitudeColour << "\" stroke-width=\"1.5\"/>"
+        << "<text x=\"" << x + 14 << "\" y=\"" << ly + 4 << "\">sum of |FRF|</text>\n";
+  }
+  svg << "</g>\n</svg>\n";
   return svg.str();
 }
 

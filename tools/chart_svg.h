@@ -26,13 +26,17 @@ struct ChartInput {
   std::string title;
 };
 
-// The chart as a standalone SVG document: frequency (Hz) on the x axis,
-// order on the y axis, the classes as distinct symbols (s filled circle,
-// f open circle, d plus, o small dot) with a legend, the magnitude as a
-// grey curve on a log scale against a right-hand axis, and each selected
-// mode as a vertical dashed line with its frequency. Ranges come from the
-// data; empty data give an empty chart with axes.
-std::string StabilisationChartSvg(const ChartInput& chart);
+// The chart as a standalone SVG document of width x height: frequency (Hz)
+// on the x axis, order on the y axis, the classes as distinct symbols (s
+// filled blue circle, f open green circle, d orange plus, o small grey dot),
+// the magnitude as a grey curve on a log scale against a right-hand axis,
+// and each selected mode as a red dashed vertical line. From the top: the
+// title, the legend in a band of its own, and the selected modes' frequency
+// labels, staggered over up to four rows so neighbours do not collide, all
+// above the plot. Ranges come from the data; empty data give an empty chart
+// with axes. The groups "legend" and "selected-labels" and the rect "frame"
+// carry ids so the layout can be checked.
+std::string StabilisationChartSvg(const ChartInput& chart, double width = 900, double height = 560);
 
 // A round tick step (1, 2 or 5 times a power of ten) for about `count`
 // ticks over `span`; 1 for an empty or invalid span.

@@ -13,6 +13,7 @@
 #include "commands.h"
 #include "cube_render.h"
 #include "cube_state.h"
+#include "figure_svg.h"
 #include "formats/output_file.h"
 #include "frfcam/frfcam.h"
 #include "frfmap/capture_header.h"
@@ -23,6 +24,7 @@
 #include "map_image.h"
 #include "platform/platform.h"
 #include "png_writer.h"
+#include "svg_raster.h"
 
 namespace frfcam::cli {
 
@@ -61,6 +63,7 @@ struct MapOptions {
   std::string band;  // LO:HI in Hz, where the shared gain is sought
   std::string reference;
   std::string output;
+  bool figure = false;  // a titled figure with a colour bar instead of the bare map
 };
 
 std::string Hz(double v) {
@@ -96,6 +99,37 @@ bool ParseNumber(const std::string& text, double* value, bool* had_suffix, const
   std::string lower;
   for (const char c : rest) lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return lower == suffix;
+}
+
+// The map with its frequency, a grey bar from 0 to white's magnitude
+// (255 / gain) and the quantity; `hz` < 0 when the frame rate is unknown.
+void WriteMapFigure(const std::string& path, const std::vector<unsigned char>& map, unsigned w,
+                    unsigned h, float gain, int bin, double hz, bool referenced) {
+  ImageFigure f;
+  char title[96];
+  if (hz >= 0) {
+    std::snprintf(title, sizeof title, "FRF map at %.2f Hz (bin %d)", hz, bin);
+  } else {
+    std::snprintf(title, sizeof title, "FRF map at bin %d", bin);
+  }
+  f.title = title;
+  f.quantity = referenced ? "|X/R| [counts per reference unit]" : "|X| [counts]";
+  char sub[120];
+  std::snprintf(sub, sizeof sub, "grey level = %s x gain %g; white = %.4g or more",
+                referenced ? "|X/R|" : "|X|", gain, 255.0 / gain);
+  f.subtitle = sub;
+  f.pixels = map;
+  f.width = w;
+  f.height = h;
+  f.barColours = {{0, 0, 0}, {255, 255, 255}};
+  f.barLow = 0.0;
+  f.barHigh = 255.0 / gain;
+  WriteFigurePng(
+      path, ImageFigureSvg(f),
+      {{"Title", f.title},
+       {"Description", std::string(title) + " of " + std::to_string(w) + "x" + std::to_string(h) +
+                           " pixels: " + f.quantity + ", " + sub + " (colour bar on the right)"},
+       {"Software", "frfcam map"}});
 }
 
 void RunMap(const MapOptions& o) {
@@ -162,6 +196,7 @@ void RunMap(const MapOptions& o) {
     if (!FrameDataPresent(o.header, header, &missing)) RequireFrameData(o.header);
     throw CommandError(why);
   }
+  if (o.figure) RequireSvgRaster("map --figure");
   std::string cannot;
   if (!formats::CanWriteFile(o.output, &cannot)) throw CommandError(cannot);
 
@@ -199,7 +234,12 @@ void RunMap(const MapOptions& o) {
   }
 
   const MapImage image = ComputeMap(calcs.c, bin, gain, gain_bin, w, h);
-  WriteGrayPng(o.output, image.pixels.data(), w, h);
+  if (o.figure) {
+    WriteMapFigure(o.output, image.pixels, w, h, image.gain, bin,
+                   fps > 0 ? bin * fps / frames : -1.0, !reference.empty());
+  } else {
+    WriteGrayPng(o.output, image.pixels.data(), w, h);
+  }
   // The scale: the magnitude (of value / reference) that maps to white.
   std::printf("wrote %s: bin %d%s, gain %g%s, 255 = |%s| %.6g, %ux%u\n", o.output.c_str(), bin,
               at(bin).c_str(), image.gain, how.c_str(), reference.empty() ? "X" : "X/R",
@@ -257,6 +297,9 @@ void RegisterCubeCommands(CLI::App& app) {
   m->add_option("--reference", map.reference,
                 "Reference signal: one float per line, as many as frames");
   m->add_option("-o,--output", map.output, "PNG file to write")->required();
+  m->add_flag("--figure", map.figure,
+              "Write a figure: the map with its frequency, a colour bar with values and the "
+              "quantity (default: the bare 8-bit map)");
   m->callback([] {
     if (map.bin < 0 && map.freq < 0) throw CommandError("map needs --bin or --freq");
     MapOptions o = map;

@@ -11,6 +11,7 @@
 
 #include "chart_svg.h"
 #include "commands.h"
+#include "figure_svg.h"
 #include "png_writer.h"
 
 namespace frfcam::cli {
@@ -390,8 +391,36 @@ void WriteDisplacementPng(const std::string& path, const DisplacementField& fiel
     }
   }
 
-  WriteRgbPng(path, canvas.rgb.data(), pr.w, pr.h,
-              {{"Title", field.title}, {"Scale", scale}, {"Software", "frfcam modes"}});
+  if (!field.figure) {
+    WriteRgbPng(path, canvas.rgb.data(), pr.w, pr.h,
+                {{"Title", field.title}, {"Scale", scale}, {"Software", "frfcam modes"}});
+    return;
+  }
+  ImageFigure f;
+  f.title = field.title;
+  f.subtitle = scale;
+  f.pixels = canvas.rgb;
+  f.channels = 3;
+  f.width = pr.w;
+  f.height = pr.h;
+  if (pr.anyMeasured && gain > 0) {
+    for (int i = 0; i <= 8; ++i) {
+      const Rgb c = DeformedColour(i / 8.0);
+      f.barColours.push_back({static_cast<std::uint8_t>(std::lround(c[0])),
+                              static_cast<std::uint8_t>(std::lround(c[1])),
+                              static_cast<std::uint8_t>(std::lround(c[2]))});
+    }
+    f.barHigh = pr.p99;
+    f.quantity = "grid colour: |displacement| [" + field.units + " per reference unit]";
+  }
+  WriteFigurePng(path, ImageFigureSvg(f),
+                 {{"Title", field.title},
+                  {"Scale", scale},
+                  {"Description", field.title +
+                                      "; the mean frame with the magnified deformed "
+                                      "grid; " +
+                                      scale},
+                  {"Software", "frfcam modes"}});
 }
 
 void WriteMotionGif(const std::string& path, const DisplacementField& field) {
@@ -439,7 +468,9 @@ void WriteMotionGif(const std::string& path, const DisplacementField& field) {
     const auto v = static_cast<std::uint8_t>(i);
     palette[i] = {v, v, v};
   }
-  WriteAnimatedGif(path, frames, pr.w, pr.h, palette, 4);
+  unsigned height = pr.h;
+  if (field.figure) AddCaption(&frames, pr.w, &height, palette, field.title);
+  WriteAnimatedGif(path, frames, pr.w, height, palette, 4);
 }
 
 }  // namespace frfcam::cli

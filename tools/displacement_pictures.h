@@ -25,6 +25,9 @@ struct DisplacementField {
   // fills unmeasured displacement out to about three of these. 0 guesses
   // 1/32 of the smaller image side, at least 3 px.
   double windowPx = 0.0;
+  // Figures: the PNG with the title, the magnification and a colour bar of
+  // the grid's colours, the GIF with the title in a caption strip below.
+  bool figure = false;
 };
 
 // Writes an RGB PNG: the mean frame in grey (contrast stretched between its
@@ -37,6 +40,8 @@ struct DisplacementField {
 // the smaller side (at least 4 px). tEXt chunks: "Title", "Scale" (the
 // magnification in words, or why there is none) and "Software". Throws
 // CommandError for an empty image, a missing mean frame or a failed write.
+// With field.figure the picture goes into a figure (ImageFigureSvg) with the
+// title, the scale and a bar of the grid colours from 0 to that percentile.
 void WriteDisplacementPng(const std::string& path, const DisplacementField& field);
 
 // Writes a looping 24-frame grey GIF of the mean frame warped by the
@@ -46,7 +51,8 @@ void WriteDisplacementPng(const std::string& path, const DisplacementField& fiel
 // neighbours, fading out over about three windows (0 beyond), so that
 // untextured edges move with the structure instead of tearing. The
 // magnification a puts the 99th percentile of the measured magnitude at
-// about 3 % of the smaller side (at least 2 px). Throws CommandError as
+// about 3 % of the smaller side (at least 2 px). With field.figure every
+// frame gets the title in a caption strip below. Throws CommandError as
 // WriteDisplacementPng does.
 void WriteMotionGif(const std::string& path, const DisplacementField& field);
 

@@ -16,6 +16,7 @@
 #include "commands.h"
 #include "cube_render.h"
 #include "displacement_pictures.h"
+#include "figure_svg.h"
 #include "formats/npy.h"
 #include "frfmap/capture_header.h"
 #include "frfmap/cube_check.h"
@@ -23,6 +24,7 @@
 #include "modes_uff.h"
 #include "platform/platform.h"
 #include "png_writer.h"
+#include "svg_raster.h"
 
 namespace frfcam::cli {
 
@@ -43,6 +45,7 @@ struct ModesCliOptions {
   double scale = 0.0;  // mm per px; 0: pixels
   std::string writeUff;
   std::string workDir;
+  bool figure = false;
 };
 
 // UFF exports hold the windows of a grid of at most this many.
@@ -116,8 +119,8 @@ std::uint8_t ColourIndex(double value, double scale) {
   return static_cast<std::uint8_t>(std::lround(127.5 + 127.5 * t));
 }
 
-void WriteModeFiles(const std::string& dir, int k, const modes::Mode& mode, unsigned w,
-                    unsigned h) {
+void WriteModeFiles(const std::string& dir, int k, const modes::Mode& mode, unsigned w, unsigned h,
+                    bool figure) {
   const std::string base = dir + "/mode_" + std::to_string(k);
   const formats::NpyStatus s = formats::WriteNpy(base + ".npy", {h, w}, mode.shape.data());
   if (s != formats::NpyStatus::kOk) {
@@ -142,8 +145,33 @@ void WriteModeFiles(const std::string& dir, int k, const modes::Mode& mode, unsi
   char title[120];
   std::snprintf(title, sizeof title, "mode %d: %.3f Hz, damping %.3f %%, MPC %.3f", k,
                 mode.frequencyHz, 100.0 * mode.damping, mode.mpc);
-  WriteRgbPng(base + ".png", rgb.data(), w, h,
-              {{"Title", title}, {"Scale", scale}, {"Software", "frfcam modes"}});
+  if (figure) {
+    ImageFigure f;
+    char heading[120];
+    std::snprintf(heading, sizeof heading, "mode %d: %.3f Hz, damping %.3f %%", k, mode.frequencyHz,
+                  100.0 * mode.damping);
+    f.title = heading;
+    char sub[120];
+    std::snprintf(sub, sizeof sub, "MPC %.3f; real part after turning by %.4f rad", mode.mpc,
+                  -pic.theta);
+    f.subtitle = sub;
+    f.pixels = rgb;
+    f.channels = 3;
+    f.width = w;
+    f.height = h;
+    for (int i = 0; i <= 16; ++i) f.barColours.push_back(palette[std::min(255, 16 * i)]);
+    f.barLow = -pic.scale;
+    f.barHigh = pic.scale;
+    f.quantity = "Re(shape) [residue units]";
+    WriteFigurePng(base + ".png", ImageFigureSvg(f),
+                   {{"Title", title},
+                    {"Scale", scale},
+                    {"Description", std::string(title) + "; " + scale},
+                    {"Software", "frfcam modes"}});
+  } else {
+    WriteRgbPng(base + ".png", rgb.data(), w, h,
+                {{"Title", title}, {"Scale", scale}, {"Software", "frfcam modes"}});
+  }
 
   std::vector<std::vector<std::uint8_t>> frames(kGifFrames, std::vector<std::uint8_t>(pixels));
   for (int f = 0; f < kGifFrames; ++f) {
@@ -153,13 +181,20 @@ void WriteModeFiles(const std::string& dir, int k, const modes::Mode& mode, unsi
       frames[f][p] = ColourIndex((std::complex<double>(mode.shape[p]) * phase).real(), pic.scale);
     }
   }
-  WriteAnimatedGif(base + ".gif", frames, w, h, palette, 4);
+  unsigned height = h;
+  if (figure) {
+    char caption[120];
+    std::snprintf(caption, sizeof caption, "mode %d: %.2f Hz, damping %.2f %%", k, mode.frequencyHz,
+                  100.0 * mode.damping);
+    AddCaption(&frames, w, &height, palette, caption);
+  }
+  WriteAnimatedGif(base + ".gif", frames, w, height, palette, 4);
 }
 
 // mode_K_disp.npy (2 x H x W complex64: x then y, in px or mm per unit of
 // reference, NaN where unmeasured) and its two pictures.
 void WriteDisplacementFiles(const std::string& dir, int k, const modes::Mode& mode,
-                            const modes::ModesResult& r, double mmPerPx) {
+                            const modes::ModesResult& r, double mmPerPx, bool figure) {
   const std::string base = dir + "/mode_" + std::to_string(k);
   const std::size_t pixels = static_cast<std::size_t>(r.width) * r.height;
   const float unit = mmPerPx > 0.0 ? static_cast<float>(mmPerPx) : 1.0f;
@@ -191,6 +226,7 @@ void WriteDisplacementFiles(const std::string& dir, int k, const modes::Mode& mo
                 k, mode.frequencyHz, 100.0 * mode.damping, mode.mpc);
   field.title = title;
   field.windowPx = 2.0 * r.flowRadius + 1.0;
+  field.figure = figure;
   WriteDisplacementPng(base + "_disp.png", field);
   WriteMotionGif(base + "_motion.gif", field);
 }
@@ -236,6 +272,7 @@ void RunModes(const ModesCliOptions& o) {
                        " samples, but the capture has " + std::to_string(header.frame_count()) +
                        " frames");
   }
+  if (o.figure) RequireSvgRaster("modes --figure");
   std::error_code ec;
   std::filesystem::create_directories(o.output, ec);
   if (ec || !std::filesystem::is_directory(o.output)) {
@@ -277,9 +314,9 @@ void RunModes(const ModesCliOptions& o) {
   }
   WriteTextFile(o.output + "/modes.csv", csv);
   for (std::size_t k = 0; k < r.modes.size(); ++k) {
-    WriteModeFiles(o.output, static_cast<int>(k + 1), r.modes[k], r.width, r.height);
+    WriteModeFiles(o.output, static_cast<int>(k + 1), r.modes[k], r.width, r.height, o.figure);
     if (!r.modes[k].dispX.empty()) {
-      WriteDisplacementFiles(o.output, static_cast<int>(k + 1), r.modes[k], r, o.scale);
+      WriteDisplacementFiles(o.output, static_cast<int>(k + 1), r.modes[k], r, o.scale, o.figure);
     }
   }
   if (!o.writeUff.empty()) {
@@ -393,6 +430,9 @@ void RegisterModesCommand(CLI::App& app) {
       ->required();
   m->add_option("--work-dir", o->workDir,
                 "Folder for the import of a recording (default: beside it)");
+  m->add_flag("--figure", o->figure,
+              "Mode pictures as figures: title with frequency and damping, a signed colour bar "
+              "with values; the GIFs get a caption (default: the bare pictures)");
   m->callback([o] {
     ModesCliOptions resolved = *o;
     resolved.header = CaptureFor(o->header, o->workDir);

@@ -88,6 +88,12 @@ std::string GrayPng(const std::uint8_t* pixels, unsigned width, unsigned height)
   return bytes;
 }
 
+std::string RgbPng(const std::uint8_t* rgb, unsigned width, unsigned height) {
+  std::string bytes;
+  if (!EncodePng(rgb, width, height, 3, {}, &bytes)) throw CommandError("cannot encode a PNG");
+  return bytes;
+}
+
 void WriteGrayPng(const std::string& path, const std::uint8_t* pixels, unsigned width,
                   unsigned height) {
   WritePng(path, pixels, width, height, 1, {});

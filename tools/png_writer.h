@@ -15,6 +15,10 @@ using PngText = std::vector<std::pair<std::string, std::string>>;
 // CommandError when libpng fails.
 std::string GrayPng(const std::uint8_t* pixels, unsigned width, unsigned height);
 
+// The PNG file's bytes of an 8-bit RGB image (3 bytes a pixel), for
+// embedding in a figure; throws CommandError when libpng fails.
+std::string RgbPng(const std::uint8_t* rgb, unsigned width, unsigned height);
+
 // Writes an 8-bit grayscale image of width x height bytes (raster order);
 // throws CommandError on failure.
 void WriteGrayPng(const std::string& path, const std::uint8_t* pixels, unsigned width,

@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "chart_data.h"
-#include "chart_raster.h"
 #include "chart_svg.h"
 #include "commands.h"
 #include "formats/npz.h"
@@ -24,6 +23,7 @@
 #include "stability/synthetic.h"
 #include "stability_analysis.h"
 #include "stability_csv.h"
+#include "svg_raster.h"
 
 namespace frfcam::cli {
 
@@ -242,6 +242,7 @@ void RunChart(const ChartOptions& o) {
       height < 150 || width > 8000 || height > 8000) {
     throw CommandError("--size " + o.size + ": expected WIDTHxHEIGHT, 200x150 to 8000x8000");
   }
+  if (ext == ".png") RequireSvgRaster("a PNG chart");
   std::string why;
   if (!formats::CanWriteFile(o.output, &why)) throw CommandError(why);
   ChartInput chart = ReadRecordChart(o.record, nullptr);
@@ -263,13 +264,14 @@ void RunChart(const ChartOptions& o) {
       throw CommandError(why);
     }
   } else {
-    const std::vector<std::uint8_t> rgb = StabilisationChartRgb(chart, width, height);
+    const std::vector<std::uint8_t> rgb =
+        RasteriseSvg(StabilisationChartSvg(chart, width, height), width, height);
     WriteRgbPng(o.output, rgb.data(), width, height,
                 {{"Title", "Stabilisation chart of " + o.record},
                  {"Description",
-                  "x: frequency [Hz], y: model order; s filled blue circle, f open "
-                  "green circle, d orange plus, o grey dot; selected modes dashed "
-                  "red; grey: sum of |FRF| (log scale)"}});
+                  "x: frequency [Hz], y: model order; stable: filled blue circle, "
+                  "frequency: open green circle, damping: orange plus, new: grey dot; "
+                  "selected modes dashed red; grey: sum of |FRF| (log scale)"}});
   }
   std::printf("wrote %s: %zu order(s), %zu selected mode(s)%s\n", o.output.c_str(),
               chart.orders.size(), chart.selectedHz.size(),

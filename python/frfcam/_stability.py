@@ -162,16 +162,21 @@ def read_record(path: PathLike) -> StabilityResult:
     return _result(_native.read_record(fspath(path, "record path")), None, None)
 
 
-_SYMBOLS = {"s": ("o", "tab:green", "stable"), "f": ("x", "tab:blue", "frequency"),
-            "d": ("+", "tab:orange", "damping"), "o": (".", "tab:gray", "new")}
+# One style for the classes wherever a chart is drawn (this plot, the
+# command line's SVG and PNG, the viewer): marker, colour, filled, label.
+_SYMBOLS = {"s": ("o", "#1f5fbf", True, "stable"), "f": ("o", "#2a9d3a", False, "frequency"),
+            "d": ("+", "#e07b00", True, "damping"), "o": (".", "#999999", True, "new")}
+_SELECTED_COLOUR = "#dd2222"
+_MAGNITUDE_COLOUR = "#b0b0b0"
 
 
 def plot_stability(result: StabilityResult, ax: Any = None, *, magnitude: bool = True) -> Any:
     """Draws the stabilisation chart on matplotlib axes (new ones when ax is
     None) and returns the axes: model order over frequency, one symbol per
-    class (s: circle, f: x, d: +, o: dot), the summed FRF magnitude (and the
-    fitted one, dashed) on a second, logarithmic axis behind them, and the
-    selected modes as vertical lines."""
+    class in the command line's style (s: filled blue circle, f: open green
+    circle, d: orange plus, o: small grey dot), the summed FRF magnitude (and
+    the fitted one, dashed) in grey on a second, logarithmic axis behind
+    them, and the selected modes as dashed red vertical lines."""
     import matplotlib.pyplot as plt  # imported here: only plotting needs it
 
     if ax is None:
@@ -181,20 +186,21 @@ def plot_stability(result: StabilityResult, ax: Any = None, *, magnitude: bool =
         behind.set_zorder(ax.get_zorder() - 1)
         ax.patch.set_visible(False)
         behind.semilogy(result.frequencies_hz, np.abs(result.frf_matrix).sum(axis=1),
-                        color="0.6", lw=1, label="sum |FRF|")
+                        color=_MAGNITUDE_COLOUR, lw=1, label="sum |FRF|")
         if np.isfinite(result.synthesised).all():
             behind.semilogy(result.frequencies_hz, np.abs(result.synthesised).sum(axis=1),
                             color="0.3", lw=1, ls="--", label="sum |fit|")
         behind.set_ylabel("FRF magnitude")
     for cls in CLASSES:
         rows = result.chart_of(cls)
-        marker, color, label = _SYMBOLS[cls]
+        marker, color, filled, label = _SYMBOLS[cls]
+        colours = {"color": color} if filled else {"facecolors": "none", "edgecolors": color}
         ax.scatter(rows["frequency"], rows["order"], marker=marker, s=18 if cls != "o" else 6,
-                   color=color, label=f"{cls}: {label}", linewidths=1)
+                   label=f"{cls}: {label}", linewidths=1, **colours)
     for f in result.selected_frequency:
-        ax.axvline(f, color="tab:red", lw=1, alpha=0.7)
+        ax.axvline(f, color=_SELECTED_COLOUR, lw=1, ls="--")
     if result.modes:
-        ax.plot([], [], color="tab:red", lw=1, label="selected")
+        ax.plot([], [], color=_SELECTED_COLOUR, lw=1, ls="--", label="selected")
     ax.set_xlabel("frequency [Hz]")
     ax.set_ylabel("model order")
     ax.legend(loc="upper left", fontsize="small", framealpha=0.8)

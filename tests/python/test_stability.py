@@ -74,6 +74,33 @@ class Stability(unittest.TestCase):
         self.assertGreater(os.path.getsize(out), 1000)
         plt.close("all")
 
+    def test_plot_classes_look_as_on_the_command_line_chart(self):
+        import re
+        import matplotlib
+        matplotlib.use("Agg")
+        import matplotlib.colors
+        import matplotlib.pyplot as plt
+        svg_path = os.path.join(self.dir.name, "chart.svg")
+        subprocess.run([CLI, "chart", self.record, "-o", svg_path], check=True,
+                       stdout=subprocess.DEVNULL)
+        with open(svg_path) as f:
+            legend = re.search(r'<g id="legend".*?</g>', f.read(), re.S).group(0)
+        # The legend draws s, f, d, o in that order: filled, stroked, stroked, filled.
+        symbols = re.findall(r'<(?:circle|path) [^>]*?(?:fill|stroke)="(#[0-9a-f]{6})"', legend)
+        self.assertEqual(len(symbols), 4, legend)
+        cli = dict(zip("sfdo", symbols))
+        ax = frfcam.plot_stability(self.result)
+        for collection in ax.collections:
+            cls = collection.get_label()[0]
+            drawn = {matplotlib.colors.to_hex(c) for c in
+                     list(collection.get_facecolors()) + list(collection.get_edgecolors())}
+            self.assertIn(cli[cls], drawn, cls)
+        selected = re.search(r'stroke="(#[0-9a-f]{6})"[^>]*stroke-dasharray', legend).group(1)
+        marked = [l for l in ax.lines if len(l.get_xdata())
+                  and l.get_xdata()[0] in self.result.selected_frequency]
+        self.assertEqual(matplotlib.colors.to_hex(marked[0].get_color()), selected)
+        plt.close("all")
+
     def test_command_line_uses_the_same_defaults(self):
         """The significance filter's choice is tested in the library; here the
         package exposes it and the command line makes the same one."""
