@@ -19,11 +19,6 @@ struct ExitWith {
   int code;
 };
 
-// A reference signal file: one float per line (blank lines skipped). Throws
-// CommandError naming the file and line of the first value that is not a
-// number, or when there is no value at all.
-std::vector<float> ReadReference(const std::string& path);
-
 void RegisterCaptureCommands(CLI::App& app);    // synth, info
 void RegisterCubeCommands(CLI::App& app);       // render, map, delete
 void RegisterStabilityCommands(CLI::App& app);  // stability, synth-frf

@@ -21,6 +21,7 @@
 #include "map_image.h"
 #include "platform/platform.h"
 #include "png_writer.h"
+#include "reference_file.h"
 
 namespace frfcam::cli {
 
@@ -99,7 +100,10 @@ void RunMap(const MapOptions& o) {
 
   std::vector<float> reference;
   if (!o.reference.empty()) {
-    reference = ReadReference(o.reference);
+    double fpsFromTimes = 0;
+    reference = ReadReference(o.reference, &fpsFromTimes);
+    WarnIfReferenceRateDiffers(o.reference, fpsFromTimes, fps,
+                               o.fps > 0 ? "--fps gives" : "the header gives");
     if (static_cast<int>(reference.size()) != frames) {
       std::fprintf(stderr,
                    "frfcam: warning: the reference has %zu samples, the capture %d frames\n",

@@ -33,8 +33,10 @@ constexpr double kTwoPi = 2.0 * std::numbers::pi;
 
 constexpr const char* kInputFormats =
     "Input, by extension:\n"
-    "  .csv  an optional header row, then one row per spectral line:\n"
+    "  .csv  up to two header rows, then one row per spectral line:\n"
     "        frequency_hz,ch1_re,ch1_im,ch2_re,ch2_im,...\n"
+    "        separated by ',', or ';' (then 1,5 reads as 1.5), tabs or blanks;\n"
+    "        '#' starts a comment\n"
     "  .uff, .unv  universal file, datasets 58 / 58b: the FRFs (function type 4,\n"
     "        or the types of --function-type) that share the first one's\n"
     "        abscissa, or those of the --response nodes\n"
