@@ -1,5 +1,6 @@
 // Text inputs as people have them (comments, units rows, `;` with decimal
-// commas, tabs, time columns) read as the plain files do.
+// commas, tabs, time columns) read as the plain files do, and synth-frf's
+// universal file read back by stability.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,6 +8,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "support/test_support.h"
 
@@ -23,6 +25,19 @@ std::string ModesTable(const std::string& out) {
   if (at == std::string::npos) return "none in:\n" + out;
   const auto from = out.rfind('\n', at) + 1;
   return out.substr(from, out.find("record written") - from);
+}
+
+// The frequencies of that table.
+std::vector<double> ModeFrequencies(const std::string& out) {
+  std::istringstream table(ModesTable(out));
+  std::string line;
+  std::vector<double> hz;
+  int mode = 0;
+  double f = 0;
+  while (std::getline(table, line)) {
+    if (std::sscanf(line.c_str(), "%d %lf", &mode, &f) == 2) hz.push_back(f);
+  }
+  return hz;
 }
 
 std::string Replace(std::string s, char from, char to) {
@@ -102,6 +117,30 @@ TEST(TextInputs, ReferenceWithTimesIsItsValuesAndItsRateIsChecked) {
   EXPECT_NE(off.err.find("give 990 samples/s, the header gives 1000 frames/s"), std::string::npos)
       << off.err;
   EXPECT_EQ(test::ReadFile(dir.file("c.png")), test::ReadFile(dir.file("a.png")));
+}
+
+TEST(TextInputs, SynthFrfWritesAUniversalFileThatStabilityReads) {
+  test::ScratchDir dir;
+  ASSERT_EQ(Cli("synth-frf " + dir.file("f.csv") + " --lines 300 --channels 3").status, 0);
+  const CommandResult uff = Cli("synth-frf " + dir.file("f.uff") + " --lines 300 --channels 3");
+  ASSERT_EQ(uff.status, 0) << uff.err;
+  EXPECT_EQ(test::ReadFile(dir.file("f.uff")).substr(0, 13), "    -1\n    58");
+
+  const CommandResult fromCsv = Cli("stability " + dir.file("f.csv") + " -o " + dir.file("a.pb"));
+  const CommandResult fromUff = Cli("stability " + dir.file("f.uff") + " -o " + dir.file("b.pb"));
+  ASSERT_EQ(fromUff.status, 0) << fromUff.err;
+  EXPECT_NE(fromUff.out.find("3 +Z"), std::string::npos) << fromUff.out;
+  // The file's abscissa (start and step) has six digits, so the modes move
+  // by a few mHz.
+  const std::vector<double> want = ModeFrequencies(fromCsv.out), got = ModeFrequencies(fromUff.out);
+  ASSERT_EQ(want.size(), 5u) << fromCsv.out;
+  ASSERT_EQ(got.size(), want.size()) << fromUff.out;
+  for (std::size_t k = 0; k < want.size(); ++k) EXPECT_NEAR(got[k], want[k], 0.01) << k;
+
+  const CommandResult npz = Cli("synth-frf " + dir.file("f.npz"));
+  EXPECT_EQ(npz.status, 1);
+  EXPECT_EQ(npz.err, "frfcam: " + dir.file("f.npz") +
+                         ": synth-frf writes .csv, or .uff/.unv (UFF dataset 58)\n");
 }
 
 }  // namespace
