@@ -1,5 +1,6 @@
-"""Builds the native module with the project's CMake build and puts it, with
-the shared libraries it needs beyond the base system, into the wheel.
+"""Builds the native module and the command-line tool with the project's
+CMake build and puts them, with the shared libraries they need beyond the
+base system, into the wheel.
 
 FRFCAM_BUILD_DIR names the CMake build folder to use (default: build-wheel
 at the top of the source tree); it is configured when needed.
@@ -45,7 +46,7 @@ class CMakeBuild(build_ext):
                                    "-DFRFCAM_BUILD_BENCH=OFF",
                                    f"-DPython_EXECUTABLE={sys.executable}"])
         subprocess.check_call(["cmake", "--build", build_dir, "--target", "frfcam_native",
-                               "-j", str(os.cpu_count() or 2)])
+                               "frfcam_cli", "-j", str(os.cpu_count() or 2)])
         built = os.path.join(build_dir, "python", "frfcam")
         module = next(os.path.join(built, f) for f in os.listdir(built)
                       if f.startswith("_native.") and f.endswith(".so"))
@@ -54,7 +55,12 @@ class CMakeBuild(build_ext):
         shutil.copyfile(module, target)
         libs = os.path.join(os.path.dirname(target), "_libs")
         os.makedirs(libs, exist_ok=True)
-        for lib in linked_libraries(module):
+        # The command-line tool, run by the `frfcam` console script.
+        tool = os.path.join(build_dir, "frfcam")
+        bin_dir = os.path.join(os.path.dirname(target), "_bin")
+        os.makedirs(bin_dir, exist_ok=True)
+        shutil.copy(tool, os.path.join(bin_dir, "frfcam"))  # keeps the executable bits
+        for lib in set(linked_libraries(module)) | set(linked_libraries(tool)):
             shutil.copyfile(lib, os.path.join(libs, os.path.basename(lib)))
 
 

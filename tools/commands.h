@@ -19,11 +19,6 @@ struct ExitWith {
   int code;
 };
 
-// A reference signal file: one float per line (blank lines skipped). Throws
-// CommandError naming the file and line of the first value that is not a
-// number, or when there is no value at all.
-std::vector<float> ReadReference(const std::string& path);
-
 // Checks for numeric options whose refusals read as people write numbers
 // (CLI11's own print the range's end, the largest double, in full).
 const CLI::Validator& NonNegative();

@@ -24,6 +24,7 @@
 #include "map_image.h"
 #include "platform/platform.h"
 #include "png_writer.h"
+#include "reference_file.h"
 #include "svg_raster.h"
 
 namespace frfcam::cli {
@@ -203,11 +204,17 @@ void RunMap(const MapOptions& o) {
   std::vector<float> reference;
   std::vector<std::complex<double>> reference_spectrum;
   if (!o.reference.empty()) {
-    reference = ReadReference(o.reference);
+    double fpsFromTimes = 0;
+    reference = ReadReference(o.reference, &fpsFromTimes);
+    WarnIfReferenceRateDiffers(o.reference, fpsFromTimes, fps,
+                               o.fps > 0 ? "--fps gives" : "the header gives");
     if (static_cast<int>(reference.size()) != frames) {
       throw CommandError(o.reference + ": " + std::to_string(reference.size()) +
                          " samples, but the capture has " + std::to_string(frames) +
                          " frames (one per frame is needed)");
+    }
+    if (std::all_of(reference.begin(), reference.end(), [](float v) { return v == 0.0f; })) {
+      throw CommandError(o.reference + ": every sample is zero; a reference divides the spectra");
     }
     SetReference(calcs.c, reference.data(), static_cast<int>(reference.size()));
     reference_spectrum = ReferenceSpectrum(reference, frames);

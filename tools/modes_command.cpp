@@ -24,6 +24,7 @@
 #include "modes_uff.h"
 #include "platform/platform.h"
 #include "png_writer.h"
+#include "reference_file.h"
 #include "svg_raster.h"
 
 namespace frfcam::cli {
@@ -266,7 +267,10 @@ void RunModes(const ModesCliOptions& o) {
   if (!o.writeUff.empty()) options.exportWindows = kUffWindows;
   options.stride = o.stride;
   options.cancel = InterruptScope::cancelled();
-  const std::vector<float> reference = ReadReference(o.reference);
+  double fpsFromTimes = 0;
+  const std::vector<float> reference = ReadReference(o.reference, &fpsFromTimes);
+  WarnIfReferenceRateDiffers(o.reference, fpsFromTimes, options.fps,
+                             o.fps > 0 ? "--fps gives" : "the header gives");
   if (static_cast<std::int64_t>(reference.size()) != header.frame_count()) {
     throw CommandError(o.reference + ": " + std::to_string(reference.size()) +
                        " samples, but the capture has " + std::to_string(header.frame_count()) +

@@ -1,29 +1,64 @@
-#include <fstream>
+#include "reference_file.h"
 
-#include "commands.h"
+#include <cmath>
+#include <cstdio>
+#include <memory>
+
+#include "text_table.h"
 
 namespace frfcam::cli {
 
-std::vector<float> ReadReference(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) throw CommandError("cannot read reference file " + path);
-  std::vector<float> values;
-  std::string line;
-  int number = 0;
-  while (std::getline(in, line)) {
-    ++number;
-    if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-    try {
-      std::size_t used = 0;
-      values.push_back(std::stof(line, &used));
-      if (line.find_first_not_of(" \t\r", used) != std::string::npos)
-        throw std::invalid_argument("");
-    } catch (const std::exception&) {
-      throw CommandError(path + ":" + std::to_string(number) + ": not a number: " + line);
-    }
+std::vector<float> ReadReference(const std::string& path) { return ReadReference(path, nullptr); }
+
+std::vector<float> ReadReference(const std::string& path, double* fpsFromTimes) {
+  std::unique_ptr<TextTableReader> reader;
+  try {
+    reader = std::make_unique<TextTableReader>(path);
+  } catch (const TextTableError&) {
+    throw TextTableError("cannot read reference file " + path);
   }
-  if (values.empty()) throw CommandError(path + ": no values");
+  std::vector<float> values;
+  std::vector<double> row;
+  double firstTime = 0, lastTime = 0;
+  bool times = false;
+  while (reader->Next(&row)) {
+    if (values.empty()) {
+      if (row.size() > 2) {
+        throw TextTableError(reader->Where() + std::to_string(row.size()) +
+                             " values; expected one value a line, or a time and a value");
+      }
+      times = row.size() == 2;
+      firstTime = row[0];
+    } else if (times && !(row[0] > lastTime)) {
+      char text[80];
+      std::snprintf(text, sizeof text, "the time does not increase (%.9g after %.9g)", row[0],
+                    lastTime);
+      throw TextTableError(reader->Where() + text);
+    }
+    lastTime = row[0];
+    const float value = static_cast<float>(row.back());
+    if (!std::isfinite(value)) {
+      throw TextTableError(reader->Where() + "the value is too large for a float");
+    }
+    values.push_back(value);
+  }
+  if (values.empty()) throw TextTableError(path + ": no values");
+  if (fpsFromTimes != nullptr) {
+    *fpsFromTimes = times && values.size() > 1
+                        ? static_cast<double>(values.size() - 1) / (lastTime - firstTime)
+                        : 0.0;
+  }
   return values;
+}
+
+void WarnIfReferenceRateDiffers(const std::string& path, double fpsFromTimes, double fps,
+                                const char* source) {
+  if (!(fpsFromTimes > 0) || !(fps > 0)) return;
+  if (std::abs(fpsFromTimes - fps) <= 1e-3 * fps) return;
+  std::fprintf(stderr,
+               "frfcam: warning: the times of %s give %.6g samples/s, %s %.6g frames/s; "
+               "the reference is taken one value per frame\n",
+               path.c_str(), fpsFromTimes, source, fps);
 }
 
 }  // namespace frfcam::cli

@@ -33,8 +33,10 @@ constexpr double kTwoPi = 2.0 * std::numbers::pi;
 
 constexpr const char* kInputFormats =
     "Input, by extension:\n"
-    "  .csv  an optional header row, then one row per spectral line:\n"
+    "  .csv  up to two header rows, then one row per spectral line:\n"
     "        frequency_hz,ch1_re,ch1_im,ch2_re,ch2_im,...\n"
+    "        separated by ',', or ';' (then 1,5 reads as 1.5), tabs or blanks;\n"
+    "        '#' starts a comment\n"
     "  .uff, .unv  universal file, datasets 58 / 58b: the FRFs (function type 4,\n"
     "        or the types of --function-type) that share the first one's\n"
     "        abscissa, or those of the --response nodes\n"
@@ -477,7 +479,38 @@ struct SynthOptions {
   unsigned seed = 1;
 };
 
+// The synthetic FRFs as UFF functions: channel c is the response of node
+// c + 1 (+Z) to a unit force at the reference.
+std::vector<formats::Uff58> SynthAsUff(const FrfTable& table) {
+  std::vector<formats::Uff58> out;
+  const bool even = EvenlySpaced(table.frequencyHz);
+  for (std::size_t c = 0; c < table.channels.size(); ++c) {
+    formats::Uff58 f;
+    f.idLines = {"frfcam synth-frf: five-mode system", "channel " + std::to_string(c + 1), "NONE",
+                 "NONE", "NONE"};
+    f.functionId = static_cast<int>(c + 1);
+    f.responseEntity = "response";
+    f.responseNode = static_cast<long long>(c + 1);
+    f.responseDirection = 3;
+    f.referenceEntity = "reference";
+    f.referenceNode = 0;
+    f.referenceDirection = 0;
+    f.evenAbscissa = even;
+    f.numerator = {0, 0, 0, 0, "Response", "response unit"};
+    f.denominator = {0, 0, 0, 0, "Force", "force unit"};
+    f.x = table.frequencyHz;
+    f.y = table.channels[c];
+    out.push_back(std::move(f));
+  }
+  return out;
+}
+
 void RunSynth(const SynthOptions& o) {
+  const std::string ext = Extension(o.output);
+  const bool uff = ext == ".uff" || ext == ".unv";
+  if (!uff && ext != ".csv") {
+    throw CommandError(o.output + ": synth-frf writes .csv, or .uff/.unv (UFF dataset 58)");
+  }
   stability::SyntheticSystem system =
       stability::DefaultFiveModeSystem(o.lines, o.channels, o.noise);
   system.seed = o.seed;
@@ -497,7 +530,14 @@ void RunSynth(const SynthOptions& o) {
     auto& channel = table.channels[static_cast<std::size_t>(c)];
     channel.assign(frfs.matrix.col(c).data(), frfs.matrix.col(c).data() + frfs.matrix.rows());
   }
-  WriteFrfCsv(o.output, table);
+  if (uff) {
+    std::string why;
+    if (!formats::WriteUff58File(o.output, SynthAsUff(table), false, &why)) {
+      throw CommandError(why);
+    }
+  } else {
+    WriteFrfCsv(o.output, table);
+  }
 
   std::printf("%s: %d line(s) from %g to %g Hz, %d channel(s), noise %g %%\n", o.output.c_str(),
               system.numLines, system.fMinHz, system.fMaxHz, system.numChannels,
@@ -581,7 +621,8 @@ void RegisterStabilityCommands(CLI::App& app) {
   auto sy = std::make_shared<SynthOptions>();
   CLI::App* synth = app.add_subcommand(
       "synth-frf", "Write the FRFs of a known five-mode system as a table for `stability`");
-  synth->add_option("output", sy->output, "CSV file to write")->required();
+  synth->add_option("output", sy->output, "file to write: .csv, or .uff/.unv (dataset 58)")
+      ->required();
   synth->add_option("--lines", sy->lines, "spectral lines (10 to 500 Hz)")
       ->capture_default_str()
       ->check(CLI::Range(2, 10000000));

@@ -1,6 +1,7 @@
-// The FRF table of the stability commands as a CSV file: an optional header
-// row, then one row per spectral line: the frequency in Hz, followed by the
-// real and the imaginary part of each channel's FRF at that line.
+// The FRF table of the stability commands as a CSV file: optional header
+// rows, then one row per spectral line: the frequency in Hz, followed by the
+// real and the imaginary part of each channel's FRF at that line. Comments,
+// separators and decimal commas as text_table.h reads them.
 #pragma once
 
 #include <complex>
@@ -19,21 +20,14 @@ struct FrfTable {
   std::vector<std::string> names;
 };
 
-// Rows longer than this are refused before they are held: a table has one
-// spectral line per row, so such a row is a wrong file, not data.
-inline constexpr std::uint64_t kMaxCsvRowBytes = 16ull << 20;
-// No number needs more characters than this.
-inline constexpr std::size_t kMaxCsvFieldBytes = 256;
-
 struct CsvInfo {
-  bool header = false;  // the first row held names (and was skipped)
+  bool header = false;  // rows of names came before the numbers (and were skipped)
 };
 
-// Reads the table as a stream (memory grows with the values, not the text).
-// The first row is a header when any of its fields is not a number; a first
-// row of numbers is data. Blank lines are skipped and fields may be padded
-// with blanks. Throws CommandError naming the file and the line of the first
-// problem (a row longer than kMaxCsvRowBytes is one).
+// Reads the table a row at a time (memory grows with the values, not the
+// text). Up to two rows before the first row of numbers are headers (names,
+// units). Throws CommandError naming the file and the line of the first
+// problem (a row longer than kMaxTextRowBytes is one).
 FrfTable ReadFrfCsv(const std::string& path, CsvInfo* info = nullptr);
 
 // Writes the table with full double precision under the header

@@ -35,6 +35,7 @@ The package is built for Debian's interpreter (/usr/bin/python3).
 from ._cube import Capture, Cube, RenderCancelled, delete_cube, spectrum_of
 from ._import import import_video
 from ._modes import ModesResult, modes
+from ._reference import read_reference
 from ._stability import (CLASSES, DEFAULTS, StabilityResult, compute_stability, plot_stability,
                          read_record)
 from ._uff import UffFunction, read_uff58, uff_frf_matrix, write_uff58
@@ -43,5 +44,5 @@ __version__ = "0.1.0"
 
 __all__ = ["Capture", "Cube", "RenderCancelled", "delete_cube", "spectrum_of", "import_video",
            "CLASSES", "DEFAULTS",
-           "ModesResult", "modes", "StabilityResult", "compute_stability", "plot_stability", "read_record",
+           "ModesResult", "modes", "read_reference", "StabilityResult", "compute_stability", "plot_stability", "read_record",
            "UffFunction", "read_uff58", "write_uff58", "uff_frf_matrix", "__version__"]

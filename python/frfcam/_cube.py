@@ -191,7 +191,9 @@ class Cube:
 
     def set_reference(self, signal: Optional[npt.ArrayLike]) -> None:
         """Sets (or with None clears) the reference signal, one value per
-        frame, against which maps and frf() are taken."""
+        frame, against which maps and frf() are taken. ValueError for an
+        all-zero signal; maps and frf() raise it at a bin where the
+        reference's spectrum is zero."""
         if signal is None:
             self._native.clear_reference()
             self._signal = None
@@ -228,6 +230,7 @@ class Cube:
         one from set_reference() (if any) applies.
         """
         k = self._choose_bin(bin, freq)
+        self._reference_value(k, reference)  # refuses a reference that is zero at k
         if reference is not None:
             g = None if gain is None else gain
             if g is None:
@@ -272,17 +275,28 @@ class Cube:
         if a.size != self.capture.frames:
             raise ValueError(f"the reference has {a.size} samples, the capture "
                              f"{self.capture.frames} frames")
-        return np.ascontiguousarray(a, dtype=np.float32)
+        a = np.ascontiguousarray(a, dtype=np.float32)
+        if not np.any(a):
+            raise ValueError("the reference is all zeros: there is no excitation to divide by")
+        return a
 
     def _reference_value(self, k: int, reference: Optional[npt.ArrayLike]) -> Optional[complex]:
+        """The reference spectrum at bin k (None without a reference);
+        ValueError where it is zero, since dividing by it gives inf or NaN.
+        Zero is below the spectrum's peak by the float32 transform's own
+        rounding (1e-6), so a line the signal does not excite counts."""
         if reference is not None:
             spectrum = _native.spectrum_of(self._reference_array(reference))
         elif self._native.has_reference:
             spectrum = self._native.reference_spectrum()
         else:
             return None
-        value = spectrum[k] if k < len(spectrum) else 0
-        return None if value == 0 else value
+        peak = float(np.abs(spectrum).max()) if len(spectrum) else 0.0
+        value = complex(spectrum[k]) if k < len(spectrum) else 0j
+        if not abs(value) > 1e-6 * peak:
+            raise ValueError(f"the reference spectrum is zero at bin {k} (|R| {abs(value):.3g}, "
+                             f"its peak {peak:.3g}): the FRF is undefined there")
+        return value
 
     def _choose_bin(self, bin: Optional[int], freq: Optional[float]) -> int:
         if (bin is None) == (freq is None):

@@ -11,7 +11,8 @@ import numpy.typing as npt
 
 from . import _native
 from ._cube import Capture, PathLike, Progress, fspath
-from ._stability import CLASSES, _orders
+from ._reference import read_reference
+from ._stability import CLASSES, _modes_at, _orders
 
 CHART_DTYPE = np.dtype([("order", np.int32), ("class", "U1"), ("frequency", np.float64)])
 
@@ -62,16 +63,16 @@ class ModesResult:
     def count(self) -> int:
         return int(self.frequency_hz.size)
 
+    def __repr__(self) -> str:
+        h, w = np.shape(self.mean_image)[-2:]
+        return (f"ModesResult({_modes_at(self.frequency_hz)}; {self.kind} shapes {w}x{h}; "
+                f"{self.channels} of {self.grid_pixels} grid pixels above the noise)")
 
-def _reference(reference: Union[PathLike, npt.ArrayLike], frames: int) -> npt.NDArray[np.float32]:
+
+def _reference(reference: Union[PathLike, npt.ArrayLike], frames: int,
+               fps: float) -> npt.NDArray[np.float32]:
     if isinstance(reference, (str, os.PathLike)):
-        path = fspath(reference, "reference path")
-        if not os.path.exists(path):
-            raise FileNotFoundError(f"reference file {path}: no such file")
-        try:
-            a = np.loadtxt(path, dtype=np.float64, ndmin=1)
-        except ValueError as e:
-            raise ValueError(f"{path}: not one number per line ({e})") from None
+        a = read_reference(reference, fps=fps)
     else:
         a = np.asarray(reference)
     if a.ndim != 1 or a.size == 0:
@@ -82,6 +83,8 @@ def _reference(reference: Union[PathLike, npt.ArrayLike], frames: int) -> npt.ND
         raise ValueError(f"the reference has {a.size} samples, the capture {frames} frames")
     if not np.all(np.isfinite(a)):
         raise ValueError("the reference holds NaN or infinite values")
+    if not np.any(a):
+        raise ValueError("the reference is all zeros: there is no excitation to divide by")
     return np.ascontiguousarray(a, dtype=np.float32)
 
 
@@ -114,7 +117,7 @@ def modes(capture: Union[Capture, PathLike], reference: Union[PathLike, npt.Arra
     capture (the same computation as `frfcam modes`).
 
     capture: a Capture or the path of its header. reference: the excitation,
-    one value per frame, as an array or a text file with one value a line.
+    one value per frame, as an array or a text file (read_reference()).
     fps overrides the header's frame rate; band (low_hz, high_hz) limits the
     lines (default: every bin above 0); orders (low, high) is the model order
     range; stride is the grid step of the pole-fit pixels (default: at least
@@ -136,7 +139,7 @@ def modes(capture: Union[Capture, PathLike], reference: Union[PathLike, npt.Arra
     if low < 1 or high <= low or high > 200:
         raise ValueError(f"orders {orders!r}: needs whole numbers 1 <= low < high <= 200")
     band_lo, band_hi = _band(band)
-    signal = _reference(reference, capture.frames)
+    signal = _reference(reference, capture.frames, rate)
     step = _positive_int(stride, "stride")
     stable = _positive_int(min_stable, "min_stable")
     if shapes not in ("auto", "displacement", "brightness"):

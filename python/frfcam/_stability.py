@@ -19,6 +19,15 @@ CHART_DTYPE = np.dtype([("order", np.int32), ("class", "U1"), ("frequency", np.f
                         ("damping", np.float64)])
 
 
+def _modes_at(frequency_hz: np.ndarray, shown: int = 4) -> str:
+    """'3 modes at 37.1, 62.4, 120 Hz', the list cut short after `shown`."""
+    f = np.asarray(frequency_hz).ravel()
+    if f.size == 0:
+        return "no modes"
+    listed = ", ".join(f"{v:.4g}" for v in f[:shown]) + (", ..." if f.size > shown else "")
+    return f"{f.size} mode{'s' if f.size != 1 else ''} at {listed} Hz"
+
+
 @dataclass
 class StabilityResult:
     """What compute_stability() (or read_record()) gives; frequencies in Hz,
@@ -58,6 +67,13 @@ class StabilityResult:
     @property
     def modes(self) -> int:
         return int(self.selected_frequency.size)
+
+    def __repr__(self) -> str:
+        orders = f"orders {self.orders.min()}..{self.orders.max()}" if self.orders.size else "no orders"
+        shape = np.shape(self.synthesised)
+        size = (f"{shape[0]} lines x {shape[1]} channel{'s' if shape[1] != 1 else ''}"
+                if len(shape) == 2 else "no fit")
+        return f"StabilityResult({_modes_at(self.selected_frequency)}; {orders}; {size})"
 
     def chart_of(self, cls: str) -> np.ndarray:
         """The chart rows of one class."""

@@ -20,6 +20,10 @@ _DIRECTIONS = {0: "scalar", 1: "+X", 2: "+Y", 3: "+Z", 4: "+RX", 5: "+RY", 6: "+
                -1: "-X", -2: "-Y", -3: "-Z", -4: "-RX", -5: "-RY", -6: "-RZ"}
 
 
+_TYPES = {1: "time history", 2: "auto spectrum", 3: "cross spectrum", FRF: "FRF",
+          5: "transmissibility", 6: "coherence", 9: "PSD"}
+
+
 def _axis(label: str = "NONE", units: str = "NONE", specific_type: int = 0) -> dict:
     return dict(specific_type=specific_type, length_exponent=0, force_exponent=0,
                 temperature_exponent=0, label=label, units=units)
@@ -61,6 +65,14 @@ class UffFunction:
     @property
     def reference(self) -> str:
         return f"{self.reference_node} {_DIRECTIONS.get(self.reference_direction, self.reference_direction)}"
+
+    def __repr__(self) -> str:
+        x = np.asarray(self.x).ravel()
+        span = f"{x[0]:g}..{x[-1]:g} {self.abscissa.get('units', '')}".rstrip() if x.size else "empty"
+        kind = "complex" if np.iscomplexobj(self.y) else "real"
+        name = _TYPES.get(self.function_type, f"type {self.function_type}")
+        return (f"UffFunction({name} {self.function_id}: {self.response} / {self.reference}, "
+                f"{x.size} {kind} points, {span})")
 
     def _as_native(self) -> dict:
         x = np.ascontiguousarray(self.x, dtype=np.float64)

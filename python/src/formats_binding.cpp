@@ -8,6 +8,7 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "bindings.h"
@@ -16,6 +17,7 @@
 #include "formats/uff.h"
 #include "frfmap/cube_files.h"
 #include "platform/platform.h"
+#include "reference_file.h"
 
 namespace py = pybind11;
 
@@ -141,6 +143,17 @@ std::size_t DeleteCube(const std::string& folder) {
   return frfmap::DeleteCubeFiles(folder);
 }
 
+// The command line's reader, so that a file reads alike in both: the values
+// (float32) and the rate of its times (0 without a time column).
+py::tuple ReadReferenceFile(const std::string& path) {
+  RequireExists(path, "reference file");
+  double fpsFromTimes = 0;
+  const std::vector<float> values = cli::ReadReference(path, &fpsFromTimes);
+  py::array_t<float> out(static_cast<py::ssize_t>(values.size()));
+  std::copy(values.begin(), values.end(), out.mutable_data());
+  return py::make_tuple(out, fpsFromTimes);
+}
+
 }  // namespace
 
 void BindFormats(py::module_& m) {
@@ -149,6 +162,7 @@ void BindFormats(py::module_& m) {
   m.def("uff_no_function_of_types", &formats::UffNoFunctionOfTypes, py::arg("present"),
         py::arg("wanted"));
   m.def("delete_cube", &DeleteCube, py::arg("folder"));
+  m.def("read_reference", &ReadReferenceFile, py::arg("path"));
 }
 
 }  // namespace frfcam::python

@@ -88,6 +88,38 @@ class RenderedCube(unittest.TestCase):
         finally:
             self.cube.set_reference(None)
 
+    def test_zero_references_raise(self):
+        one_line = np.cos(2 * np.pi * 5 * np.arange(64) / 64)  # nothing but bin 5
+        self.assertTrue(np.all(np.isfinite(self.cube.frf(bin=5, reference=one_line))))
+        for call in (lambda: self.cube.set_reference(np.zeros(64)),
+                     lambda: self.cube.frf(bin=10, reference=np.zeros(64)),
+                     lambda: self.cube.frf(bin=10, reference=one_line),
+                     lambda: self.cube.map(bin=10, gain=1.0, reference=one_line)):
+            with self.assertRaisesRegex(ValueError, "zero"):
+                call()
+        self.cube.set_reference(one_line)
+        try:
+            with self.assertRaisesRegex(ValueError, "zero at bin 10"):
+                self.cube.map(bin=10, gain=1.0)
+        finally:
+            self.cube.set_reference(None)
+
+    def test_reference_files_as_people_write_them(self):
+        # Times and values, ';' separated with decimal commas, under a header
+        # and a units row: the values, as a plain file gives them.
+        path = os.path.join(self.dir.name, "timed.csv")
+        with open(path, "w") as f:
+            f.write("time;force  # from the recorder\ns;N\n")
+            for i, v in enumerate(self.force):
+                f.write(f"{i / 1000:.4f};{float(v)!r}\n".replace(".", ","))
+        np.testing.assert_array_equal(frfcam.read_reference(path), self.force.astype(np.float32))
+        with self.assertWarnsRegex(RuntimeWarning, "give 1000 samples/s, the capture 990"):
+            frfcam.read_reference(path, fps=990)
+        with open(path, "a") as f:
+            f.write("0,1;oops\n")
+        with self.assertRaisesRegex(ValueError, f"timed.csv:{self.force.size + 3}: 'oops'"):
+            frfcam.read_reference(path)
+
     def test_misuse_raises_with_a_message(self):
         cube = self.cube
         cases = [

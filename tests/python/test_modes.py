@@ -36,6 +36,9 @@ class ModesOfSyntheticPlate(unittest.TestCase):
             self.assertGreater(np.count_nonzero(result.shapes[0]), 1000)
             self.assertTrue(set(result.chart["class"]) <= set(frfcam.CLASSES))
             self.assertEqual(result.line_hz.shape, result.sum_magnitude.shape)
+            text = repr(result)
+            self.assertTrue(text.startswith("ModesResult(3 modes at ") and "\n" not in text, text)
+            self.assertLess(len(text), 200)
 
             # The same computation as the command line, pixel for pixel, from
             # a Capture object and the reference as an array.
@@ -55,6 +58,8 @@ class ModesOfSyntheticPlate(unittest.TestCase):
                 frfcam.modes(header, reference, band=(500, 100))
             with self.assertRaisesRegex(ValueError, "shapes"):
                 frfcam.modes(header, reference, shapes="motion")
+            with self.assertRaisesRegex(ValueError, "all zeros"):
+                frfcam.modes(header, np.zeros(1000))
             self.assertEqual(result.kind, "brightness")
             self.assertIsNone(result.displacement)
 

@@ -42,6 +42,10 @@ class Stability(unittest.TestCase):
         error = np.abs(r.synthesised - self.frf).max(axis=0) / np.abs(self.frf).max(axis=0)
         self.assertTrue(np.all(error < 0.02), error)
         self.assertEqual(r.upper_residual.shape, (3,))
+        text = repr(r)
+        self.assertRegex(text, r"^StabilityResult\(5 modes at [0-9., ]+, \.\.\. Hz; orders \d+\.\.40; "
+                               rf"{self.frf.shape[0]} lines x 3 channels\)$")
+        self.assertLess(len(text), 200)
 
     def test_chart_rows_and_classes(self):
         chart = self.result.chart

@@ -43,6 +43,8 @@ class Uff(unittest.TestCase):
             self.assertEqual((back[0].response, back[0].reference, back[0].function_id),
                              ("101 +Z", "1 +Z", 7))
             self.assertEqual(back[0].numerator, functions[0].numerator)
+            self.assertEqual(repr(back[0]), "UffFunction(FRF 7: 101 +Z / 1 +Z, 10 complex points, "
+                                            "5..50 Hz)")
             self.assertEqual(back[0].ordinate_type, frfcam._uff.COMPLEX_DOUBLE)
             np.testing.assert_allclose(back[1].y, np.cos(f), rtol=1e-5)
             self.assertEqual(back[1].response, "102 -X")

@@ -22,6 +22,7 @@
 #include "map_image.h"
 #include "platform/platform.h"
 #include "png_writer.h"
+#include "reference_file.h"
 #include "view/page_files.h"
 
 namespace frfcam::cli {
@@ -445,7 +446,9 @@ ViewServer::ViewServer(const ViewOptions& options) : state_(std::make_unique<Sta
   s.bins = static_cast<unsigned>(s.frames / 2 + 1);
   s.fps = s.header.float_field();
   if (!options.reference.empty()) {
-    s.reference = ReadReference(options.reference);
+    double fpsFromTimes = 0;
+    s.reference = ReadReference(options.reference, &fpsFromTimes);
+    WarnIfReferenceRateDiffers(options.reference, fpsFromTimes, s.fps, "the header gives");
     // The reference's own spectrum, scaled as the cube is, over the
     // capture's frames (missing samples are zero).
     s.referenceSpectrum.assign(s.bins, {});
