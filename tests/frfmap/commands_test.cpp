@@ -2,11 +2,14 @@
 // and every misuse as one line on stderr and exit status 1, never a black
 // picture.
 #include <gtest/gtest.h>
+#include <png.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <regex>
 #include <string>
+#include <vector>
 
 #include "support/test_support.h"
 
@@ -132,8 +135,9 @@ TEST(Commands, MisuseIsOneLineAndWritesNothing) {
             0);
 
   ASSERT_EQ(Cli("render " + hdr).status, 0);
-  ExpectOneLineError("map " + hdr + " --freq 1e300 -o " + png, "Nyquist frequency 500 Hz");
-  ExpectOneLineError("map " + hdr + " --freq 150 --fps 1e-300 -o " + png, "past the Nyquist");
+  ExpectOneLineError("map " + hdr + " --freq 1e300 -o " + png, "is outside 0..500 Hz");
+  ExpectOneLineError("map " + hdr + " --freq 150 --fps 1e-300 -o " + png,
+                     "is outside 0..5e-301 Hz");
   ExpectOneLineError("map " + hdr + " --bin 33 -o " + png, "0..32");
   ExpectOneLineError("map " + hdr + " --bin 3 --gain-from 40 -o " + png, "--gain-from 40");
   ExpectOneLineError("map " + hdr + " --bin 3 -o /dev/full", "/dev/full");
@@ -146,24 +150,142 @@ TEST(Commands, MisuseIsOneLineAndWritesNothing) {
   ExpectOneLineError("map " + hdr + " --bin 3 -o " + png, "incomplete");
 }
 
-TEST(Commands, GainFromSharesOneScaleAcrossMaps) {
+// The maps of a capture share one gain by default, so a map off resonance
+// is dark; --gain auto scales each map on its own.
+TEST(Commands, MapsShareTheStrongestBinsGain) {
   test::ScratchDir dir;
   const std::string hdr = dir.file("p.hdr");
   ASSERT_EQ(Cli("synth " + hdr + " --width 40 --height 30 --frames 100 --fps 1000").status, 0);
   ASSERT_EQ(Cli("render " + hdr).status, 0);
-  const std::regex gain("gain ([0-9.e+-]+) \\(automatic(, of bin (\\d+))?\\), 255 = \\|X\\| ");
+  const std::regex gain(
+      "gain ([0-9.e+-]+) \\((shared: the automatic gain of bin (\\d+)|automatic)");
+  std::string out;
+  const auto run = [&](const std::string& args, std::smatch* m) {
+    const test::CommandResult r = Cli("map " + hdr + " " + args);
+    EXPECT_EQ(r.status, 0) << args << ": " << r.err;
+    out = r.out;
+    return std::regex_search(out, *m, gain);
+  };
+  const auto meanGrey = [](const std::string& png) {
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    std::vector<unsigned char> grey;
+    if (png_image_begin_read_from_file(&image, png.c_str()) != 0) {
+      image.format = PNG_FORMAT_GRAY;
+      grey.resize(PNG_IMAGE_SIZE(image));
+      png_image_finish_read(&image, nullptr, grey.data(), 0, nullptr);
+    }
+    double sum = 0;
+    for (const unsigned char v : grey) sum += v;
+    return grey.empty() ? -1.0 : sum / static_cast<double>(grey.size());
+  };
   std::smatch m;
-  const std::string own = Cli("map " + hdr + " --freq 150 -o " + dir.file("a.png")).out;
-  ASSERT_TRUE(std::regex_search(own, m, gain)) << own;
-  const std::string resonance = m[1];
-  const std::string off = Cli("map " + hdr + " --freq 400 -o " + dir.file("b.png")).out;
-  ASSERT_TRUE(std::regex_search(off, m, gain)) << off;
-  EXPECT_NE(m[1], resonance) << "an off-resonance map scaled on its own";
-  const std::string shared =
-      Cli("map " + hdr + " --freq 400 --gain-from 15 -o " + dir.file("c.png")).out;
-  ASSERT_TRUE(std::regex_search(shared, m, gain)) << shared;
-  EXPECT_EQ(m[1], resonance);
+  ASSERT_TRUE(run("--freq 150 -o " + dir.file("on.png"), &m));
+  const std::string shared = m[1], strongest = m[3];
+  ASSERT_TRUE(run("--freq 400 -o " + dir.file("off.png"), &m));
+  EXPECT_EQ(m[1], shared);
+  EXPECT_LT(meanGrey(dir.file("off.png")), 0.2 * meanGrey(dir.file("on.png")));
+  ASSERT_TRUE(run("--freq 400 --gain auto -o " + dir.file("own.png"), &m));
+  EXPECT_NE(m[1], shared) << "an off-resonance map scaled on its own";
+  ASSERT_TRUE(run("--freq 400 --gain-from-freq 150 -o " + dir.file("c.png"), &m));
   EXPECT_EQ(m[3], "15");
+  ASSERT_TRUE(run("--freq 400 --gain-from 150Hz -o " + dir.file("d.png"), &m));
+  EXPECT_EQ(m[3], "15");
+  ASSERT_TRUE(run("--freq 400 --gain-from 15 -o " + dir.file("e.png"), &m));
+  EXPECT_EQ(m[3], "15");
+  EXPECT_EQ(strongest, "6") << "the plate's first mode (60 Hz) is its strongest";
+}
+
+// What a new user trips over is named: the command, the file that is not a
+// header, the frame data that is not where the header looks, the gain, the
+// reference and the range, each in one short line, before anything runs.
+TEST(Commands, FirstMistakesSayWhatHappened) {
+  test::ScratchDir dir;
+  const test::CommandResult typo = Cli("rendr x.hdr");
+  EXPECT_EQ(typo.status, 2);
+  EXPECT_NE(typo.err.find("no command 'rendr'; did you mean 'render'?"), std::string::npos)
+      << typo.err;
+
+  const std::string text = dir.file("notes.txt");
+  std::ofstream(text) << std::string(4000, 'x');
+  ExpectOneLineError("info " + text, "is not a capture header");
+
+  const std::string hdr = dir.file("p.hdr");
+  ASSERT_EQ(Cli("synth " + hdr + " --width 40 --height 30 --frames 64 --fps 1000").status, 0);
+  fs::create_directory(dir.path() / "elsewhere");
+  const std::string moved = dir.file("elsewhere/p.hdr");
+  fs::copy_file(hdr, moved);
+  for (const std::string& cmd : {"render " + moved, "map " + moved + " --bin 3 -o x.png"}) {
+    ExpectOneLineError(cmd, "the frame data of " + moved + " is missing");
+  }
+
+  ASSERT_EQ(Cli("render " + hdr).status, 0);
+  const test::CommandResult again = Cli("render " + hdr);
+  EXPECT_EQ(again.status, 0);
+  EXPECT_NE(again.out.find("complete already; --force"), std::string::npos) << again.out;
+  EXPECT_EQ(again.err, "");
+  EXPECT_NE(Cli("render --force " + hdr).err.find("100%"), std::string::npos);
+
+  const std::string png = dir.file("m.png");
+  ExpectOneLineError("map " + hdr + " --bin 3 --gain -1 -o " + png,
+                     "give a number above 0, or auto");
+  ExpectOneLineError("map " + hdr + " --bin 3 --gain 0 -o " + png,
+                     "give a number above 0, or auto");
+  const test::CommandResult negative = Cli("map " + hdr + " --freq -5 -o " + png);
+  EXPECT_EQ(negative.status, 2);
+  EXPECT_NE(negative.err.find("-5 is negative"), std::string::npos) << negative.err;
+  EXPECT_LT(negative.err.size(), 80u) << negative.err;
+  const std::string shortRef = dir.file("short.txt");
+  std::ofstream(shortRef) << "1\n2\n3\n";
+  ExpectOneLineError("map " + hdr + " --bin 3 --reference " + shortRef + " -o " + png,
+                     "3 samples, but the capture has 64 frames");
+  const std::string zeros = dir.file("zeros.txt");
+  std::string zero;
+  for (int i = 0; i < 64; ++i) zero += "0\n";
+  std::ofstream(zeros) << zero;
+  ExpectOneLineError("map " + hdr + " --bin 3 --reference " + zeros + " -o " + png,
+                     "every sample is zero");
+  EXPECT_FALSE(fs::exists(png));
+
+  // The order range is checked before anything is printed; the fit prints
+  // the tool's own lines only.
+  const std::string csv = dir.file("f.csv");
+  ASSERT_EQ(Cli("synth-frf " + csv + " --lines 200 --channels 2").status, 0);
+  const test::CommandResult orders = Cli("stability " + csv + " --orders 60:2 -o r.pb");
+  EXPECT_EQ(orders.status, 1);
+  EXPECT_EQ(orders.out, "");
+  EXPECT_NE(orders.err.find("--orders 60:2: give LOW:HIGH"), std::string::npos) << orders.err;
+  const test::CommandResult fit = Cli("stability " + csv + " --orders 2:20 -o " + dir.file("r.pb"));
+  EXPECT_EQ(fit.status, 0) << fit.err;
+  EXPECT_EQ(fit.out.find("took"), std::string::npos) << fit.out;
+  EXPECT_NE(fit.out.find("fitted orders 2..20 in "), std::string::npos) << fit.out;
+}
+
+// Ctrl-C during a render: the line says what the cube left and how to remove
+// it; with --clean-on-cancel the cube files are gone.
+TEST(Commands, ACancelledRenderSaysWhatItLeft) {
+  FRFCAM_SKIP_ON_WINDOWS("the interrupt is sent through a POSIX shell");
+  test::ScratchDir dir;
+  const std::string hdr = dir.file("big.hdr");
+  ASSERT_EQ(Cli("synth " + hdr + " --width 256 --height 256 --frames 2000 --fps 2000").status, 0);
+  for (const bool clean : {false, true}) {
+    const std::string err = dir.file(clean ? "err2" : "err1");
+    const test::CommandResult r = test::RunCommand(
+        "bash -c '" FRFCAM_CLI " render " + hdr + (clean ? " --clean-on-cancel" : "") + " 2>" +
+        err + " & p=$!; until grep -q % " + err +
+        "; do sleep 0.02; done; kill -INT $p; wait $p; echo status $?'");
+    if (r.out.find("status 0") != std::string::npos) GTEST_SKIP() << "the render ended first";
+    EXPECT_NE(r.out.find("status 130"), std::string::npos) << r.out;
+    const std::string said = test::ReadFile(err);
+    if (clean) {
+      EXPECT_NE(said.find("removed its"), std::string::npos) << said;
+      EXPECT_FALSE(fs::exists(dir.path() / "big" / "big_0001.fft"));
+    } else {
+      EXPECT_NE(said.find("are left in " + dir.file("big") + ": 'frfcam delete"), std::string::npos)
+          << said;
+      EXPECT_TRUE(fs::exists(dir.path() / "big" / "big_0001.fft"));
+    }
+  }
 }
 
 }  // namespace

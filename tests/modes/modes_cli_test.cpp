@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <string>
 
@@ -68,17 +69,38 @@ TEST_F(ModesCli, RendersFitsAndWritesEveryOutput) {
 }
 
 // A cut cube is rendered again; a band without the first mode leaves it out.
+// What an earlier run left in the folder goes (and only that), the fit
+// reports progress, and a run that finds nothing says so and writes no mode.
 TEST_F(ModesCli, RerendersAShortCubeAndHonoursTheBand) {
   ASSERT_EQ(Cli("render " + header).status, 0);
   const std::string cube = frfmap::DataFilePath(header, frfmap::DataFile::kCube, 1);
   fs::resize_file(cube, fs::file_size(cube) / 2);
+  fs::create_directory(dir.file("out"));
+  for (const char* stale : {"mode_3.png", "mode_3.npy", "mode_9_motion.gif", "keep.txt"}) {
+    std::ofstream(dir.file(std::string("out/") + stale)) << "earlier";
+  }
   const auto r = Cli("modes " + header + " --reference " + reference + " --band 200:999 -o " +
                      dir.file("out"));
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.out.find("too short"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("2 mode(s)"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("mode_1.{npy,png,gif} .. mode_2.{npy,png,gif}"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("removed 3 file(s) of the previous run"), std::string::npos) << r.out;
+  EXPECT_NE(r.err.find("fitting the modes: "), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("100%"), std::string::npos) << r.err;
   const std::string csv = test::ReadFile(dir.file("out/modes.csv"));
   EXPECT_EQ(csv.find(",120."), std::string::npos) << csv;
+  EXPECT_FALSE(fs::exists(dir.file("out/mode_3.npy")));
+  EXPECT_FALSE(fs::exists(dir.file("out/mode_9_motion.gif")));
+  EXPECT_TRUE(fs::exists(dir.file("out/keep.txt")));
+
+  const auto none = Cli("modes " + header + " --reference " + reference +
+                        " --band 200:999 --min-stable 1000 -o " + dir.file("out"));
+  ASSERT_EQ(none.status, 0) << none.err;
+  EXPECT_NE(none.out.find("No mode passed"), std::string::npos) << none.out;
+  EXPECT_NE(none.out.find("wrote modes.csv, chart.svg, chart.json into"), std::string::npos)
+      << none.out;
+  EXPECT_FALSE(fs::exists(dir.file("out/mode_1.npy")));
 }
 
 TEST_F(ModesCli, BadInputGivesOneLineAndExitOne) {
