@@ -25,7 +25,14 @@ TEST(ChartCommand, SvgAndPngOfARecord) {
   EXPECT_NE(text.find("<svg"), std::string::npos);
   EXPECT_NE(text.find("polyline"), std::string::npos) << "the magnitude behind the chart";
   EXPECT_NE(text.find("</svg>"), std::string::npos);
+}
 
+TEST(ChartCommand, PngOfARecord) {
+  FRFCAM_SKIP_ON_WINDOWS("the Windows build has no librsvg, and refuses .png in one line");
+  test::ScratchDir dir;
+  const std::string csv = dir.file("f.csv"), record = dir.file("r.pb");
+  ASSERT_EQ(Cli("synth-frf " + csv + " --lines 400 --channels 2").status, 0);
+  ASSERT_EQ(Cli("stability " + csv + " -o " + record + " --orders 2:30").status, 0);
   const test::CommandResult png =
       Cli("chart " + record + " -o " + dir.file("c.png") + " --size 640x400");
   ASSERT_EQ(png.status, 0) << png.err;
