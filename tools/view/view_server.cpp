@@ -29,8 +29,6 @@ namespace frfcam::cli {
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
-
 std::string RandomToken() {
   std::random_device device;
   std::string token;
@@ -449,18 +447,8 @@ ViewServer::ViewServer(const ViewOptions& options) : state_(std::make_unique<Sta
     double fpsFromTimes = 0;
     s.reference = ReadReference(options.reference, &fpsFromTimes);
     WarnIfReferenceRateDiffers(options.reference, fpsFromTimes, s.fps, "the header gives");
-    // The reference's own spectrum, scaled as the cube is, over the
-    // capture's frames (missing samples are zero).
-    s.referenceSpectrum.assign(s.bins, {});
-    const std::size_t n = std::min<std::size_t>(s.reference.size(), s.frames);
-    for (unsigned k = 0; k < s.bins; ++k) {
-      std::complex<double> sum;
-      for (std::size_t t = 0; t < n; ++t) {
-        sum += static_cast<double>(s.reference[t]) *
-               std::polar(1.0, -2.0 * kPi * static_cast<double>(k) * t / s.frames);
-      }
-      s.referenceSpectrum[k] = sum / static_cast<double>(s.frames);
-    }
+    // The reference's own spectrum, scaled as the cube is, as `map` takes it.
+    s.referenceSpectrum = ReferenceSpectrum(s.reference, s.frames);
   }
   if (!options.modesDir.empty()) ReadModesCsv(options.modesDir);  // refuse a wrong folder now
   if (!options.record.empty()) {
