@@ -53,9 +53,13 @@ CommandResult RunCommand(const std::string& command) {
   CommandResult r;
   int raw = std::system(full.c_str());
 #if defined(_WIN32)
-  // -1: cmd.exe did not start, so the command never ran. Under Wine that
-  // happens now and then ("wine client error: sendmsg"); try again.
-  for (int retry = 0; raw == -1 && retry < 3; ++retry) raw = std::system(full.c_str());
+  // -1: cmd.exe did not start; 9009: cmd.exe started but could not start
+  // the program ("Can't recognize ..."). Either way the command never ran.
+  // Under Wine both happen now and then, with programs that do exist
+  // ("wine client error: sendmsg"); try again.
+  for (int retry = 0; (raw == -1 || raw == 9009) && retry < 3; ++retry) {
+    raw = std::system(full.c_str());
+  }
   r.status = raw;  // cmd.exe's exit code
 #else
   r.status = (raw != -1 && WIFEXITED(raw)) ? WEXITSTATUS(raw) : -1;
