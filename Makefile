@@ -7,7 +7,7 @@ WIN_BUILD ?= build-win64
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 60
 
-.PHONY: all deps build build-tool build-asan build-tsan demo test test-release test-asan test-tsan bench format clean \
+.PHONY: all deps deps-demo build build-tool build-asan build-tsan demo test test-release test-asan test-tsan bench format clean \
 	wheel deps-windows windows test-windows \
 	build-fuzz fuzz fuzz-replay
 
@@ -16,8 +16,16 @@ all: build
 deps:
 	@bash scripts/install-deps
 
+deps-demo:
+	@bash scripts/install-deps demo
+
+# The options are given each time: `make demo` and `make build` share the
+# build folder, and each sets what the other turned off.
+FULL_OPTIONS = -DFRFCAM_BUILD_TESTS=ON -DFRFCAM_BUILD_BENCH=ON -DFRFCAM_BUILD_PYTHON=ON
+TOOL_OPTIONS = -DFRFCAM_BUILD_TESTS=OFF -DFRFCAM_BUILD_BENCH=OFF -DFRFCAM_BUILD_PYTHON=OFF
+
 build: deps
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release $(FULL_OPTIONS)
 	cmake --build $(BUILD) -j $(JOBS)
 
 build-asan: deps
@@ -28,10 +36,11 @@ build-tsan: deps
 	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFRFCAM_TSAN=ON -DFRFCAM_BUILD_BENCH=OFF
 	cmake --build $(TSAN_BUILD) -j $(JOBS) --target test_frfmap
 
-# The demo needs the tool alone: the tests, benchmarks and Python module are
-# built by `make test`, after it.
-build-tool: deps
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
+# The demo needs the tool alone, and only the packages that build it: the
+# tests, benchmarks and Python module, and what they need, wait for
+# `make test`.
+build-tool: deps-demo
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release $(TOOL_OPTIONS)
 	cmake --build $(BUILD) -j $(JOBS) --target frfcam_cli
 
 demo: build-tool
