@@ -33,7 +33,12 @@ std::vector<float> ReadReference(const std::string& path, double* fpsFromTimes) 
       char text[80];
       std::snprintf(text, sizeof text, "the time does not increase (%.9g after %.9g)", row[0],
                     lastTime);
-      throw TextTableError(reader->Where() + text);
+      // Whole-number "times" that fall back are most likely the integer parts
+      // of one column written with decimal commas, 0,25 read as 0 and 25.
+      const bool wholeNumbers = row[0] == std::floor(row[0]) && lastTime == std::floor(lastTime);
+      throw TextTableError(
+          reader->Where() + text +
+          (wholeNumbers ? "; one value a line with decimal commas? Write points" : ""));
     }
     lastTime = row[0];
     const float value = static_cast<float>(row.back());
