@@ -63,8 +63,6 @@ TEST(CaptureReader, ReadsBackEveryFormatAndRun) {
       const std::string header = Write(dir, desc);
       CaptureReader reader;
       ASSERT_TRUE(reader.Open(header));
-      EXPECT_EQ(reader.header().width(), w);
-      EXPECT_EQ(reader.header().frame_count(), 10);
       const std::uint32_t pixels = static_cast<std::uint32_t>(w * h);
       ExpectRun(reader, desc, 0, pixels);
       for (std::uint64_t first : {1u, 2u, 3u, 5u}) {

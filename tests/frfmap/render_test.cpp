@@ -388,7 +388,6 @@ TEST(OpenCube, RefusesCapturesItCannotRenderAndForgetsTheLastOpening) {
   } bad[] = {
       {0, 0, 0, 0, 0},               // no header at all
       {0, 10, 10, 5, 2998},          // no width
-      {10, 10, 0, 5, 2998},          // no frames
       {10, 10, -4, 5, 2998},         // negative frame count
       {10, 10, 10, 0, 2998},         // no frames per division file
       {20000, 20000, 10, 5, 2998},   // a plane over 2 GiB

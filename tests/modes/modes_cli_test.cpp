@@ -9,6 +9,7 @@
 #include <string>
 
 #include "frfmap/naming.h"
+#include "support/contains.h"
 #include "support/test_support.h"
 
 namespace frfcam {
@@ -17,6 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 
 using test::Cli;
+using test::Contains;
 
 class ModesCli : public ::testing::Test {
  protected:
@@ -34,8 +36,8 @@ TEST_F(ModesCli, RendersFitsAndWritesEveryOutput) {
   const std::string out = dir.file("out/nested");
   const auto r = Cli("modes " + header + " --reference " + reference + " -o " + out);
   ASSERT_EQ(r.status, 0) << r.err << r.out;
-  EXPECT_NE(r.out.find("rendering it"), std::string::npos);  // no cube before
-  EXPECT_NE(r.out.find("3 mode(s)"), std::string::npos) << r.out;
+  EXPECT_TRUE(Contains(r.out, "rendering it"));  // no cube before
+  EXPECT_TRUE(Contains(r.out, "3 mode(s)"));
 
   const std::string csv = test::ReadFile(out + "/modes.csv");
   EXPECT_EQ(csv.substr(0, csv.find('\n')), "mode,frequency_hz,damping_ratio,mpc,shape");
@@ -58,14 +60,14 @@ TEST_F(ModesCli, RendersFitsAndWritesEveryOutput) {
     const std::string base = out + "/mode_" + std::to_string(k);
     const std::string png = test::ReadFile(base + ".png");
     EXPECT_EQ(png.substr(1, 3), "PNG");
-    EXPECT_NE(png.find("tEXtScale"), std::string::npos);
+    EXPECT_TRUE(Contains(png, "tEXtScale"));
     EXPECT_EQ(test::ReadFile(base + ".gif").substr(0, 6), "GIF89a");
   }
   EXPECT_TRUE(fs::exists(out + "/mode_3.npy"));
   EXPECT_FALSE(fs::exists(out + "/mode_4.npy"));
   const std::string svg = test::ReadFile(out + "/chart.svg");
   EXPECT_EQ(svg.substr(0, 4), "<svg");
-  EXPECT_NE(svg.find("</svg>"), std::string::npos);
+  EXPECT_TRUE(Contains(svg, "</svg>"));
 }
 
 // A cut cube is rendered again; a band without the first mode leaves it out.
@@ -82,12 +84,12 @@ TEST_F(ModesCli, RerendersAShortCubeAndHonoursTheBand) {
   const auto r = Cli("modes " + header + " --reference " + reference + " --band 200:999 -o " +
                      dir.file("out"));
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("too short"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("2 mode(s)"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("mode_1.{npy,png,gif} .. mode_2.{npy,png,gif}"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("removed 3 file(s) of the previous run"), std::string::npos) << r.out;
-  EXPECT_NE(r.err.find("fitting the modes: "), std::string::npos) << r.err;
-  EXPECT_NE(r.err.find("100%"), std::string::npos) << r.err;
+  for (const char* said : {"too short", "2 mode(s)", "mode_1.{npy,png,gif} .. mode_2.{npy,png,gif}",
+                           "removed 3 file(s) of the previous run"}) {
+    EXPECT_TRUE(Contains(r.out, said));
+  }
+  EXPECT_TRUE(Contains(r.err, "fitting the modes: "));
+  EXPECT_TRUE(Contains(r.err, "100%"));
   const std::string csv = test::ReadFile(dir.file("out/modes.csv"));
   EXPECT_EQ(csv.find(",120."), std::string::npos) << csv;
   EXPECT_FALSE(fs::exists(dir.file("out/mode_3.npy")));
@@ -97,9 +99,8 @@ TEST_F(ModesCli, RerendersAShortCubeAndHonoursTheBand) {
   const auto none = Cli("modes " + header + " --reference " + reference +
                         " --band 200:999 --min-stable 1000 -o " + dir.file("out"));
   ASSERT_EQ(none.status, 0) << none.err;
-  EXPECT_NE(none.out.find("No mode passed"), std::string::npos) << none.out;
-  EXPECT_NE(none.out.find("wrote modes.csv, chart.svg, chart.json into"), std::string::npos)
-      << none.out;
+  EXPECT_TRUE(Contains(none.out, "No mode passed"));
+  EXPECT_TRUE(Contains(none.out, "wrote modes.csv, chart.svg, chart.json into"));
   EXPECT_FALSE(fs::exists(dir.file("out/mode_1.npy")));
 }
 
@@ -116,16 +117,10 @@ TEST_F(ModesCli, BadInputGivesOneLineAndExitOne) {
   for (const Case& c : cases) {
     const auto r = Cli(c.args);
     EXPECT_EQ(r.status, 1) << c.args;
-    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+    EXPECT_TRUE(Contains(r.err, c.message));
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
   }
 }
-
-}  // namespace
-}  // namespace frfcam
-
-namespace frfcam {
-namespace {
 
 // A moving beam: displacement shapes in mm, their pictures, and a universal
 // file whose FRFs the stability command reads back.
@@ -137,27 +132,27 @@ TEST(ModesCliBeam, DisplacementOutputsAndUniversalFile) {
   const auto r = Cli("modes " + header + " --reference " + dir.file("beam_reference.txt") +
                      " --scale 0.5 --write-uff " + uff + " -o " + out);
   ASSERT_EQ(r.status, 0) << r.err << r.out;
-  EXPECT_NE(r.out.find("shapes: displacement"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("3 mode(s)"), std::string::npos) << r.out;
+  EXPECT_TRUE(Contains(r.out, "shapes: displacement"));
+  EXPECT_TRUE(Contains(r.out, "3 mode(s)"));
   const std::string csv = test::ReadFile(out + "/modes.csv");
   EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 4) << csv;
-  EXPECT_NE(csv.find(",displacement\n"), std::string::npos) << csv;
+  EXPECT_TRUE(Contains(csv, ",displacement\n"));
   for (int k = 1; k <= 3; ++k) {
     const std::string base = out + "/mode_" + std::to_string(k);
     const std::string npy = test::ReadFile(base + "_disp.npy");
-    EXPECT_NE(npy.find("'descr': '<c8'"), std::string::npos);
-    EXPECT_NE(npy.find("'shape': (2, 160, 64)"), std::string::npos) << npy.substr(0, 128);
+    EXPECT_TRUE(Contains(npy.substr(0, 128), "'descr': '<c8'"));
+    EXPECT_TRUE(Contains(npy.substr(0, 128), "'shape': (2, 160, 64)"));
     const std::string png = test::ReadFile(base + "_disp.png");
-    EXPECT_NE(png.find("per reference unit"), std::string::npos);
-    EXPECT_NE(png.find(" mm "), std::string::npos);
+    EXPECT_TRUE(Contains(png, "per reference unit"));
+    EXPECT_TRUE(Contains(png, " mm "));
     EXPECT_EQ(test::ReadFile(base + "_motion.gif").substr(0, 6), "GIF89a");
   }
   const std::string text = test::ReadFile(uff);
   EXPECT_EQ(text.find("    -1\n  2411\n"), 0u);
-  EXPECT_NE(text.find("    -1\n    55\n"), std::string::npos);
+  EXPECT_TRUE(Contains(text, "    -1\n    55\n"));
   const auto back = Cli("stability " + uff + " -o " + dir.file("beam.pb") + " --orders 2:30");
   ASSERT_EQ(back.status, 0) << back.err << back.out;
-  EXPECT_NE(back.out.find("60."), std::string::npos) << back.out;
+  EXPECT_TRUE(Contains(back.out, "60."));
 }
 
 }  // namespace

@@ -42,10 +42,7 @@ ModesResult ExpectTheScenesModes(const RenderedScene& s, const ModesOptions& opt
     EXPECT_NEAR(m.damping / truth[k].damping, 1.0, 0.10);
     EXPECT_GE(Mac(Widen(m.shape), s.TrueShape(k)), 0.98);
     EXPECT_GE(m.mpc, 0.95);
-    EXPECT_EQ(m.shape.size(), std::size_t{s.scene.desc().width} * s.scene.desc().height);
   }
-  EXPECT_GT(r.channels, 0);
-  EXPECT_LE(r.channels, r.gridPixels);
   // Light that changes in place is not taken for motion.
   EXPECT_EQ(r.kind, ShapeKind::kBrightness) << r.motionShare;
   EXPECT_TRUE(r.modes.empty() || r.modes[0].dispX.empty());

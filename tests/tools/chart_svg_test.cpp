@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "png_reader.h"
+#include "support/contains.h"
 #include "support/test_support.h"
 #include "svg_raster.h"
 
@@ -95,8 +96,8 @@ TEST(ChartPng, DrawsTheTextAtTheSizeAsked) {
   ASSERT_TRUE(ReadPng(png, &read));
   EXPECT_EQ(read.width, 640u);
   EXPECT_EQ(read.height, 400u);
-  EXPECT_NE(read.text["Title"].find("r.pb"), std::string::npos);
-  EXPECT_NE(read.text["Description"].find("model order"), std::string::npos);
+  EXPECT_TRUE(test::Contains(read.text["Title"], "r.pb"));
+  EXPECT_TRUE(test::Contains(read.text["Description"], "model order"));
   EXPECT_GT(dark(read.rgb, 0, 28), 20);
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "png_reader.h"
+#include "support/contains.h"
 #include "support/test_support.h"
 #include "svg_raster.h"
 
@@ -39,19 +40,8 @@ TEST(Figure, CaptionWritesTheSameTextUnderEveryFrame) {
   EXPECT_GT(white, dark);
 }
 
-// Width, height and colour type from a PNG's header.
-void PngHeader(const std::string& path, unsigned* w, unsigned* h, int* colourType) {
-  const std::string b = test::ReadFile(path);
-  ASSERT_GT(b.size(), 26u);
-  const auto be = [&](int at) {
-    unsigned v = 0;
-    for (int i = 0; i < 4; ++i) v = (v << 8) | static_cast<unsigned char>(b[at + i]);
-    return v;
-  };
-  *w = be(16);
-  *h = be(20);
-  *colourType = static_cast<unsigned char>(b[25]);
-}
+// A PNG's width, height, bit depth and colour type: bytes 16-25 of its header.
+std::string Ihdr(const std::string& path) { return test::ReadFile(path).substr(16, 10); }
 
 TEST(Figure, MapAndModesFiguresExplainThemselvesAndTheDefaultsStayBare) {
   if (!SvgRasterAvailable()) GTEST_SKIP() << "built without librsvg";
@@ -66,35 +56,27 @@ TEST(Figure, MapAndModesFiguresExplainThemselvesAndTheDefaultsStayBare) {
                       dir.file("ref.png"))
                 .status,
             0);
-  unsigned w = 0, h = 0;
-  int type = -1;
-  PngHeader(dir.file("bare.png"), &w, &h, &type);
-  EXPECT_EQ(w, 40u);
-  EXPECT_EQ(h, 30u);
-  EXPECT_EQ(type, 0) << "the bare map is 8-bit grey";
+  const std::string size40x30("\0\0\0\x28\0\0\0\x1e", 8);
+  EXPECT_EQ(Ihdr(dir.file("bare.png")), size40x30 + std::string("\x08\0", 2)) << "8-bit grey";
   Png fig, ref_fig;
   ASSERT_TRUE(ReadPng(dir.file("fig.png"), &fig));
   ASSERT_TRUE(ReadPng(dir.file("ref.png"), &ref_fig));
   EXPECT_GT(fig.width, 40u);
   EXPECT_GT(fig.height, 30u);
-  const std::string& says = fig.text["Description"];
-  EXPECT_NE(says.find("148.44 Hz (bin 19)"), std::string::npos) << says;
-  EXPECT_NE(says.find("|X| [counts]"), std::string::npos) << says;
-  EXPECT_NE(ref_fig.text["Description"].find("|X/R| [counts per reference unit]"),
-            std::string::npos);
+  EXPECT_TRUE(test::Contains(fig.text["Description"], "148.44 Hz (bin 19)"));
+  EXPECT_TRUE(test::Contains(fig.text["Description"], "|X| [counts]"));
+  EXPECT_TRUE(test::Contains(ref_fig.text["Description"], "|X/R| [counts per reference unit]"));
 
   ASSERT_EQ(test::Cli("modes " + header + " --reference " + ref + " -o " + dir.file("bare")).status,
             0);
   ASSERT_EQ(test::Cli("modes " + header + " --reference " + ref + " --figure -o " + dir.file("fig"))
                 .status,
             0);
-  PngHeader(dir.file("bare/mode_1.png"), &w, &h, &type);
-  EXPECT_EQ(w, 40u);
-  EXPECT_EQ(h, 30u);
+  EXPECT_EQ(Ihdr(dir.file("bare/mode_1.png")).substr(0, 8), size40x30);
   Png mode;
   ASSERT_TRUE(ReadPng(dir.file("fig/mode_1.png"), &mode));
   EXPECT_GT(mode.width, 40u);
-  EXPECT_NE(mode.text["Description"].find("damping"), std::string::npos);
+  EXPECT_TRUE(test::Contains(mode.text["Description"], "damping"));
   // A GIF's logical screen height, little-endian at bytes 8-9.
   const auto gifHeight = [](const std::string& path) {
     const std::string b = test::ReadFile(path);

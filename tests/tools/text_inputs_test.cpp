@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "support/contains.h"
 #include "support/test_support.h"
 
 namespace frfcam {
@@ -17,6 +18,7 @@ namespace {
 
 using test::Cli;
 using test::CommandResult;
+using test::Contains;
 
 // What stability printed from the table of selected modes to the record's
 // name: the same text for the same data.
@@ -68,7 +70,7 @@ TEST(TextInputs, CsvWithCommentsUnitsAndOtherSeparatorsGivesTheSameModes) {
   for (const char* name : {"european.csv", "tabs.csv"}) {
     const CommandResult got = Cli("stability " + dir.file(name) + " -o " + dir.file("b.pb"));
     ASSERT_EQ(got.status, 0) << name << ": " << got.err;
-    EXPECT_NE(got.out.find("300 line(s) of 2 channel(s)"), std::string::npos) << got.out;
+    EXPECT_TRUE(Contains(got.out, "300 line(s) of 2 channel(s)"));
     EXPECT_EQ(ModesTable(got.out), ModesTable(want.out)) << name;
   }
 
@@ -76,8 +78,7 @@ TEST(TextInputs, CsvWithCommentsUnitsAndOtherSeparatorsGivesTheSameModes) {
   std::ofstream(dir.file("names.csv")) << "f,re,im\nHz,,\nwhat,is,this\n1,2,3\n";
   const CommandResult names = Cli("stability " + dir.file("names.csv") + " -o " + dir.file("c.pb"));
   EXPECT_EQ(names.status, 1);
-  EXPECT_NE(names.err.find("names.csv:3: 'what' is not a number (column 1)"), std::string::npos)
-      << names.err;
+  EXPECT_TRUE(Contains(names.err, "names.csv:3: 'what' is not a number (column 1)"));
 }
 
 TEST(TextInputs, ReferenceWithTimesIsItsValuesAndItsRateIsChecked) {
@@ -114,8 +115,7 @@ TEST(TextInputs, ReferenceWithTimesIsItsValuesAndItsRateIsChecked) {
   const CommandResult off = map("slow.txt", "c.png");
   ASSERT_EQ(off.status, 0) << off.err;
   EXPECT_EQ(std::count(off.err.begin(), off.err.end(), '\n'), 1) << off.err;
-  EXPECT_NE(off.err.find("give 990 samples/s, the header gives 1000 frames/s"), std::string::npos)
-      << off.err;
+  EXPECT_TRUE(Contains(off.err, "give 990 samples/s, the header gives 1000 frames/s"));
   EXPECT_EQ(test::ReadFile(dir.file("c.png")), test::ReadFile(dir.file("a.png")));
 }
 
@@ -129,7 +129,7 @@ TEST(TextInputs, SynthFrfWritesAUniversalFileThatStabilityReads) {
   const CommandResult fromCsv = Cli("stability " + dir.file("f.csv") + " -o " + dir.file("a.pb"));
   const CommandResult fromUff = Cli("stability " + dir.file("f.uff") + " -o " + dir.file("b.pb"));
   ASSERT_EQ(fromUff.status, 0) << fromUff.err;
-  EXPECT_NE(fromUff.out.find("3 +Z"), std::string::npos) << fromUff.out;
+  EXPECT_TRUE(Contains(fromUff.out, "3 +Z"));
   // The file's abscissa (start and step) has six digits, so the modes move
   // by a few mHz.
   const std::vector<double> want = ModeFrequencies(fromCsv.out), got = ModeFrequencies(fromUff.out);
