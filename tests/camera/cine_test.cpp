@@ -5,12 +5,11 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <fstream>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "camera/video_source.h"
+#include "camera/camera_test_util.h"
 #include "support/test_support.h"
 
 namespace frfcam::camera {
@@ -58,11 +57,6 @@ std::string Pixels(const Cine& c, const Frame& frame) {
   return out;
 }
 
-void Save(const std::string& bytes, const std::string& path) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc)
-      .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
-
 std::string Write(const Cine& c, const std::string& path) {
   const std::size_t n = c.frames.size(), setup = 84, setup_len = 1000, table = setup + setup_len;
   std::string s(table + 8 * n, '\0');
@@ -99,7 +93,7 @@ std::string Write(const Cine& c, const std::string& path) {
     Put(&image, ann - 4, px.size(), 4);
     s += image + px;
   }
-  Save(s, path);
+  test_util::Save(path, s);
   return s;
 }
 
@@ -167,7 +161,7 @@ TEST(Cine, DamagedFilesGiveOneLine) {
   const std::string path = dir.file("bad.cine");
   const std::string whole = Write(good, path);
   auto open_fails = [&](const std::string& bytes, const char* about) {
-    Save(bytes, path);
+    test_util::Save(path, bytes);
     std::string error;
     EXPECT_FALSE(OpenCine(path, &error)) << about;
     ExpectOneLine(error, path, about);
@@ -192,7 +186,7 @@ TEST(Cine, DamagedFilesGiveOneLine) {
 
   // Read-time damage: a cut through the last image's pixels, and 16-bit
   // samples beyond the real bits the setup gives.
-  Save(whole.substr(0, whole.size() - 3), path);
+  test_util::Save(path, whole.substr(0, whole.size() - 3));
   std::string error;
   Frame got(good.frames[0].size());
   auto source = OpenCine(path, &error);

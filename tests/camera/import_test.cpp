@@ -21,12 +21,7 @@ namespace {
 class FakeSource : public VideoSource {
  public:
   FakeSource(unsigned w, unsigned h, std::int64_t frames, int bits, double fps) {
-    info_.format = "fake";
-    info_.width = w;
-    info_.height = h;
-    info_.frames = frames;
-    info_.bits = bits;
-    info_.fps = fps;
+    info_ = {"fake", w, h, frames, fps, bits, false, ""};
   }
   static std::uint16_t Code(std::int64_t f, unsigned x, unsigned y, int bits) {
     const std::uint32_t v = static_cast<std::uint32_t>(f * 7919 + x * 104729 + y * 1299709);
@@ -105,12 +100,8 @@ TEST(Import, SamplesFramesAndRegions) {
   // a single frame.
   FakeSource src(33, 17, 9, 12, 500.0);
   ImportOptions o;
-  o.firstFrame = 8;
-  o.lastFrame = 8;
-  o.roiX = 30;
-  o.roiY = 10;
-  o.roiWidth = 3;
-  o.roiHeight = 7;
+  o.firstFrame = o.lastFrame = 8;
+  o.roiX = 30, o.roiY = 10, o.roiWidth = 3, o.roiHeight = 7;
   std::string error;
   ASSERT_TRUE(Import(src, "fake.src", dir.file("roi.hdr"), o, nullptr, &error)) << error;
   ExpectSamples(dir.file("roi.hdr"), src, o, 12);
@@ -144,12 +135,7 @@ TEST(Import, StoredFramesGoStraightIntoTheSameCapture) {
   for (const int bits : {8, 12}) {
     for (const unsigned width : {34u, 33u}) {
       const FakeSource codes(width, 10, 5, bits, 500.0);
-      MrawSetup setup;
-      setup.width = width;
-      setup.height = 10;
-      setup.frames = 5;
-      setup.fps = 500.0;
-      setup.bits = bits;
+      const MrawSetup setup{width, 10, 5, 500.0, bits};
       const std::string cih =
           dir.file("r" + std::to_string(bits) + "_" + std::to_string(width) + ".cih");
       std::string error;
@@ -204,9 +190,7 @@ TEST(Import, RefusalsAndFailuresLeaveNoCapture) {
   o.lastFrame = 5;
   refused(src, o, "not within its 5 frames");
   o = {};
-  o.roiX = 4;
-  o.roiWidth = 5;
-  o.roiHeight = 1;
+  o.roiX = 4, o.roiWidth = 5, o.roiHeight = 1;
   refused(src, o, "region 4,0,5,1");
   FakeSource noRate(8, 6, 5, 12, 0.0);
   refused(noRate, {}, "give --fps");

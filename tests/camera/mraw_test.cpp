@@ -2,15 +2,17 @@
 // text or XML, codes packed by a writer of our own) read back code for code.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include "camera/video_source.h"
+#include "camera/camera_test_util.h"
 #include "support/test_support.h"
 
 namespace frfcam::camera {
 namespace {
+
+using test_util::Save;
 
 struct Recording {
   unsigned width = 7, height = 3;  // an odd pixel count
@@ -61,18 +63,10 @@ std::string Data(const Recording& r) {
   return out;
 }
 
-void Write(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-}
-
 void ExpectFrames(VideoSource& s, const Recording& r) {
-  std::vector<std::uint16_t> samples(std::size_t{r.width} * r.height);
-  std::string error;
   for (int f = 0; f < r.frames; ++f) {
-    ASSERT_TRUE(s.ReadFrame(f, samples.data(), &error)) << error;
-    for (std::size_t i = 0; i < samples.size(); ++i) {
-      ASSERT_EQ(samples[i], Code(r, f, i)) << "frame " << f << " pixel " << i;
-    }
+    test_util::ExpectFrame(s, f,
+                           [&](unsigned x, unsigned y) { return Code(r, f, y * r.width + x); });
   }
 }
 
@@ -94,19 +88,17 @@ TEST(Mraw, ReadsEveryDepthAndSideCodeForCode) {
     SCOPED_TRACE(k);
     const Recording& r = cases[k];
     const std::string stem = dir.file("rec" + std::to_string(k));
-    Write(stem + ".cih", Cih(r));
-    Write(stem + ".mraw", Data(r));
+    Save(stem + ".cih", Cih(r));
+    Save(stem + ".mraw", Data(r));
     std::string error;
     // Named by either file.
     auto s = OpenMraw(stem + (k % 2 ? ".mraw" : ".cih"), &error);
     ASSERT_TRUE(s) << error;
-    EXPECT_EQ(s->info().format, "MRAW");
-    EXPECT_EQ(s->info().width, r.width);
-    EXPECT_EQ(s->info().height, r.height);
-    EXPECT_EQ(s->info().frames, r.frames);
-    EXPECT_EQ(s->info().bits, r.effective);
-    EXPECT_EQ(s->info().fps, r.extra.empty() ? 20000.0 : 5000.0);
-    EXPECT_EQ(s->info().notes.find("big-endian") != std::string::npos, r.big_endian);
+    const SourceInfo& i = s->info();
+    EXPECT_EQ(std::tie(i.format, i.width, i.height, i.frames, i.bits, i.fps),
+              std::make_tuple("MRAW", r.width, r.height, std::int64_t{r.frames}, r.effective,
+                              r.extra.empty() ? 20000.0 : 5000.0));
+    EXPECT_EQ(i.notes.find("big-endian") != std::string::npos, r.big_endian);
     ExpectFrames(*s, r);
   }
 }
@@ -124,15 +116,15 @@ TEST(Mraw, ReadsCihxHeaders) {
       "<bit>12</bit></colorInfo><effectiveBit><depth>11</depth><side>Higher</side>"
       "</effectiveBit></imageDataInfo><imageFileInfo><fileFormat>MRaw</fileFormat>"
       "</imageFileInfo></cih>";
-  Write(dir.file("x.cihx"), xml);
-  Write(dir.file("x.mraw"), Data(r));
+  Save(dir.file("x.cihx"), xml);
+  Save(dir.file("x.mraw"), Data(r));
   std::string error;
   auto s = OpenMraw(dir.file("x.mraw"), &error);
   ASSERT_TRUE(s) << error;
   EXPECT_EQ(s->info().fps, 1000.0);
   EXPECT_EQ(s->info().bits, 11);
   ExpectFrames(*s, r);
-  Write(dir.file("x.cihx"), xml.substr(0, xml.size() - 20));
+  Save(dir.file("x.cihx"), xml.substr(0, xml.size() - 20));
   EXPECT_FALSE(OpenMraw(dir.file("x.cihx"), &error));
   EXPECT_NE(error.find("breaks off"), std::string::npos) << error;
 }
@@ -143,21 +135,16 @@ TEST(Mraw, RefusesDamagedRecordingsInOneLine) {
   Recording r;
   const auto refuse = [&](const std::string& header, const std::string& data,
                           const std::string& what) {
-    Write(dir.file("d.cih"), header);
+    Save(dir.file("d.cih"), header);
     std::filesystem::remove(dir.file("d.mraw"));
-    if (!data.empty()) Write(dir.file("d.mraw"), data);
+    if (!data.empty()) Save(dir.file("d.mraw"), data);
     std::string error;
     EXPECT_FALSE(OpenMraw(dir.file("d.cih"), &error)) << what;
-    EXPECT_NE(error.find(what), std::string::npos) << error;
-    EXPECT_NE(error.find(dir.file("d.")), std::string::npos) << error;
-    EXPECT_EQ(error.find('\n'), std::string::npos) << error;
+    test_util::ExpectOneLine(error, {what, dir.file("d.")});
   };
   const std::string data = Data(r);
   refuse(Cih(r), data.substr(0, data.size() - 1), "claims 3 frames");
   refuse(Cih(r), "", "is missing");
-  Recording more = r;
-  more.frames = 5;
-  refuse(Cih(more), data, "the file holds 3");
   Recording empty = r;
   empty.width = empty.height = 0;
   refuse(Cih(empty), data, "0x0");
@@ -169,8 +156,8 @@ TEST(Mraw, RefusesDamagedRecordingsInOneLine) {
   // A file that shrinks after opening fails its frames, not the process.
   FRFCAM_SKIP_ON_WINDOWS(
       "removing or cutting a file another object holds open (Windows refuses it)");
-  Write(dir.file("d.cih"), Cih(r));
-  Write(dir.file("d.mraw"), data);
+  Save(dir.file("d.cih"), Cih(r));
+  Save(dir.file("d.mraw"), data);
   std::string error;
   auto s = OpenMraw(dir.file("d.cih"), &error);
   ASSERT_TRUE(s) << error;

@@ -82,9 +82,6 @@ TEST(Npy, DamagedFilesGiveTheirCodes) {
   ASSERT_EQ(WriteNpy(dir.file("v.npy"), {100}, v.data()), NpyStatus::kOk);
   EXPECT_EQ(ReadNpy(dir.file("v.npy"), &a, 799), NpyStatus::kTooLarge);
 
-  NpyType type;
-  std::vector<std::uint64_t> shape;
-  ASSERT_EQ(WriteNpy(dir.file("huge.npy"), {1}, v.data()), NpyStatus::kOk);
   {
     // Same header length, an overflowing shape: refused before allocating.
     std::string h = NpyHeader(NpyType::kFloat64, {1});
@@ -99,6 +96,8 @@ TEST(Npy, DamagedFilesGiveTheirCodes) {
   std::ofstream(dir.file("claim.npy"), std::ios::binary)
       << NpyHeader(NpyType::kFloat64, {std::uint64_t{1} << 30});
   EXPECT_EQ(ReadNpy(dir.file("claim.npy"), &a), NpyStatus::kTruncated);
+  NpyType type;
+  std::vector<std::uint64_t> shape;
   EXPECT_EQ(ParseNpyHeader("{'descr': '<f8', 'shape': (2,), }", &type, &shape),
             NpyStatus::kBadHeader);
   EXPECT_EQ(ParseNpyHeader("{'descr': '<f8', 'fortran_order': False, 'shape': (2,", &type, &shape),

@@ -8,7 +8,6 @@
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <limits>
 #include <sstream>
 #include <tuple>
@@ -74,8 +73,6 @@ Uff58 Function(int type, bool even) {
 
 TEST(Uff58Read, AsciiFunctionsOfEveryLayout) {
   const std::string text =
-      // A dataset of another kind first: skipped whatever it holds.
-      File({"    -1", "   151", "model name", "    -1"}) +
       // Complex single precision, even abscissa from 10 Hz in steps of 2.5;
       // a three-digit exponent leaves no blank between two fields.
       Dataset(
@@ -93,9 +90,7 @@ TEST(Uff58Read, AsciiFunctionsOfEveryLayout) {
       Dataset("    58", "         6         2         0  0.00000E+00  0.00000E+00  0.00000E+00",
               File({"  1.00000E+00 -1.000000000000D+00  2.500000000000E-01",
                     "  2.00000E+00  1.000000000000E+00 -2.500000000000E-01"}));
-  int skipped = -1;
-  const std::vector<Uff58> f = Parse(text, &skipped);
-  EXPECT_EQ(skipped, 1);
+  const std::vector<Uff58> f = Parse(text);
   ASSERT_EQ(f.size(), 3u);
 
   EXPECT_EQ(std::tie(f[0].idLines[0], f[0].abscissa.units, f[0].numerator.label),
@@ -120,57 +115,30 @@ TEST(Uff58Read, AsciiFunctionsOfEveryLayout) {
   EXPECT_EQ(f[2].y, (std::vector<std::complex<double>>{{-1, 0.25}, {1, -0.25}}));
 }
 
-// A 58b dataset: the binary header line, 11 ASCII lines, then raw values.
-template <class T>
-std::string Binary(int byteOrder, const std::string& record7, const std::vector<T>& values) {
-  std::string data;
-  for (T v : values) {
-    char b[sizeof v];
-    std::memcpy(b, &v, sizeof v);
-    if (byteOrder == 2) std::reverse(b, b + sizeof v);
-    data.append(b, sizeof v);
-  }
-  char header[81];
-  std::snprintf(header, sizeof header, "%6d%c%6d%6d%12d%12zu%6d%6d%12d%12d", 58, 'b', byteOrder, 2,
-                11, data.size(), 0, 0, 0, 0);
-  return Dataset(header, record7, data + "\n");
-}
-
-TEST(Uff58Read, BinaryInBothByteOrders) {
-  const std::string little =
-      Binary<double>(1, "         6         2         1  5.00000E+00  5.00000E-01  0.00000E+00",
-                     {1.0, -2.0, 0.125, 1e-300});
-  const std::string big =
-      Binary<float>(2, "         2         2         0  0.00000E+00  0.00000E+00  0.00000E+00",
-                    {3.0f, 0.5f, 7.0f, -1.5f});
-  const std::vector<Uff58> f = Parse(little + big);
-  ASSERT_EQ(f.size(), 2u);
-  EXPECT_EQ(f[0].x, (std::vector<double>{5.0, 5.5}));
-  EXPECT_EQ(f[0].y, (std::vector<std::complex<double>>{{1, -2}, {0.125, 1e-300}}));
-  EXPECT_EQ(f[1].x, (std::vector<double>{3.0, 7.0}));
-  EXPECT_EQ(f[1].y, (std::vector<std::complex<double>>{{0.5, 0}, {-1.5, 0}}));
-
-  // The binary data may hold bytes that look like line ends and delimiters.
-  const std::string tricky =
-      Binary<double>(1, "         4         2         1  0.00000E+00  1.00000E+00  0.00000E+00",
-                     {std::bit_cast<double>(0x0a312d2020202020ull), 2.0});
-  ASSERT_EQ(Parse(tricky).size(), 1u);
+// The binary data may hold bytes that look like line ends and delimiters:
+// the byte count, not the bytes, ends it.
+TEST(Uff58Read, BinaryDataEndsByItsByteCount) {
+  Uff58 u = Function(kUffRealDouble, true);
+  u.y[0] = std::bit_cast<double>(0x0a312d2020202020ull);
+  const std::string tricky = FormatUff58({u}, true);
+  const std::vector<Uff58> f = Parse(tricky);
+  ASSERT_EQ(f.size(), 1u);
+  EXPECT_EQ(f[0].y, u.y);
   // Line numbers after binary data are those an editor shows, the data's
   // line-end bytes counted.
   const std::string after = tricky + "oops\n";
   EXPECT_EQ(ParseError(after),
             "t.uff:" + std::to_string(std::count(after.begin(), after.end(), '\n')) +
                 ": expected -1 (the start of a dataset), found 'oops'");
-
-  EXPECT_NE(ParseError(little.substr(0, little.size() - 20)).find("ends inside the binary"),
+  EXPECT_NE(ParseError(tricky.substr(0, tricky.size() - 20)).find("ends inside the binary"),
             std::string::npos);
 }
 
-// Big-endian doubles, byte by byte as a big-endian machine stores them: no
+// Big-endian values, byte by byte as a big-endian machine stores them: no
 // helper of the library or the test computes them. The uneven abscissa is
 // a 4-byte float as the format has it, or an 8-byte double where the
 // header's byte count says so.
-TEST(Uff58Read, BigEndianDoublesFromHandWrittenBytes) {
+TEST(Uff58Read, BigEndianValuesFromHandWrittenBytes) {
   const std::string b32 =
       "    58b     2     2          11          32     0     0           0           0";
   const std::string one("\x3f\xf0\x00\x00\x00\x00\x00\x00", 8);       // 1.0
@@ -189,15 +157,21 @@ TEST(Uff58Read, BigEndianDoublesFromHandWrittenBytes) {
       // Real double, uneven, abscissa as a double: 16 bytes a point.
       Dataset(
           b32, "         4         2         0  0.00000E+00  0.00000E+00  0.00000E+00",
-          x20d + minus2p5 + x20d.substr(0, 1) + std::string("\x3e", 1) + x20d.substr(2) + tenth);
+          x20d + minus2p5 + x20d.substr(0, 1) + std::string("\x3e", 1) + x20d.substr(2) + tenth) +
+      // Real single, even: 3.0f and -1.5f.
+      Dataset("    58b     2     2          11           8     0     0           0           0",
+              "         2         2         1  3.00000E+00  4.00000E+00  0.00000E+00",
+              std::string("\x40\x40\x00\x00\xbf\xc0\x00\x00", 8));
   const std::vector<Uff58> f = Parse(text);
-  ASSERT_EQ(f.size(), 3u);
+  ASSERT_EQ(f.size(), 4u);
   EXPECT_EQ(f[0].x, (std::vector<double>{5.0, 5.5}));
   EXPECT_EQ(f[0].y, (std::vector<std::complex<double>>{{1.0, -2.5}, {0.1, 1.0}}));
   EXPECT_EQ(f[1].x, (std::vector<double>{12.5}));
   EXPECT_EQ(f[1].y, (std::vector<std::complex<double>>{{0.1, -2.5}}));
   EXPECT_EQ(f[2].x, (std::vector<double>{20.0, 30.0}));  // 0x403e... is 30.0
   EXPECT_EQ(f[2].y, (std::vector<std::complex<double>>{{-2.5, 0}, {0.1, 0}}));
+  EXPECT_EQ(f[3].x, (std::vector<double>{3.0, 7.0}));
+  EXPECT_EQ(f[3].y, (std::vector<std::complex<double>>{{3.0, 0}, {-1.5, 0}}));
 }
 
 TEST(Uff58Read, MalformedFilesNameTheLine) {

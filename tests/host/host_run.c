@@ -41,29 +41,30 @@ static void check(int ok, const char* what) {
 
 /* The name comes back as UTF-16; the host owns it and frees it as the header
  * says for this platform. */
-static void check_name(FrfMapCalcs* calcs, const char* expected) {
 #if defined(_WIN32)
-  BSTR name = GetFrfMapCalcsName(calcs);
-  check(name != NULL, "GetFrfMapCalcsName gave NULL");
-  if (name == NULL) return;
-  size_t n = SysStringLen(name);
-  check(n == strlen(expected), "name length differs");
-  for (size_t i = 0; i < n && i < strlen(expected); ++i) {
-    check(name[i] == (unsigned char)expected[i], "name differs");
-  }
-  SysFreeString(name);
+typedef BSTR Name;
+static size_t name_length(BSTR name) { return SysStringLen(name); }
+static void free_name(BSTR name) { SysFreeString(name); }
 #else
-  char16_t* name = GetFrfMapCalcsName(calcs);
-  check(name != NULL, "GetFrfMapCalcsName gave NULL");
-  if (name == NULL) return;
+typedef char16_t* Name;
+static size_t name_length(const char16_t* name) {
   size_t n = 0;
   while (name[n] != 0) ++n;
+  return n;
+}
+static void free_name(char16_t* name) { free(name); }
+#endif
+
+static void check_name(FrfMapCalcs* calcs, const char* expected) {
+  Name name = GetFrfMapCalcsName(calcs);
+  check(name != NULL, "GetFrfMapCalcsName gave NULL");
+  if (name == NULL) return;
+  size_t n = name_length(name);
   check(n == strlen(expected), "name length differs");
   for (size_t i = 0; i < n && i < strlen(expected); ++i) {
     check(name[i] == (unsigned char)expected[i], "name differs");
   }
-  free(name);
-#endif
+  free_name(name);
 }
 
 static void progress(int percent) { (void)percent; }
@@ -71,22 +72,12 @@ static void progress(int percent) { (void)percent; }
 static float* read_reference(const char* path, int* length) {
   FILE* f = fopen(path, "r");
   if (f == NULL) return NULL;
-  int cap = 1024, n = 0;
-  float* v = malloc(sizeof(float) * (size_t)cap);
   double x;
-  while (v != NULL && fscanf(f, "%lf", &x) == 1) {
-    if (n == cap) {
-      cap *= 2;
-      float* grown = realloc(v, sizeof(float) * (size_t)cap);
-      if (grown == NULL) {
-        free(v);
-        v = NULL;
-        break;
-      }
-      v = grown;
-    }
-    v[n++] = (float)x;
-  }
+  int n = 0;
+  while (fscanf(f, "%lf", &x) == 1) ++n;
+  rewind(f);
+  float* v = malloc(sizeof(float) * (size_t)(n > 0 ? n : 1));
+  for (int i = 0; v != NULL && i < n && fscanf(f, "%lf", &x) == 1; ++i) v[i] = (float)x;
   fclose(f);
   *length = n;
   return v;

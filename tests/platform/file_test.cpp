@@ -41,18 +41,12 @@ int InChild(const std::function<int()>& body) {
   return status;
 }
 
-void WriteBytes(const std::string& path, std::size_t n) {
-  std::vector<char> b(n);
-  for (std::size_t i = 0; i < n; ++i) b[i] = static_cast<char>(i * 7);
-  std::ofstream(path, std::ios::binary).write(b.data(), static_cast<std::streamsize>(n));
-}
-
 TEST(File, OpensRegularFilesOnlyAndNeverBlocks) {
   test::ScratchDir dir;
   const std::string fifo = dir.file("pipe.fft"), regular = dir.file("a.bin"),
                     link = dir.file("link.bin"), sub = dir.file("sub");
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  WriteBytes(regular, 100);
+  std::ofstream(regular) << std::string(100, 'x');
   fs::create_symlink(regular, link);
   fs::create_directory(sub);
 
