@@ -48,7 +48,6 @@ TEST(EstimatorRecovery, NoisyModesAreTheLastOrdersStablePoles) {
   const SyntheticFrfs data = SynthesizeFrfs(system);
   const EstimationResult r =
       Estimate(data.omega, data.frf, data.matrix, {36, 48}, 0.01, 0.1, false, false);
-  ASSERT_EQ(r.eigenFrequency.size(), r.dampingFactor.size());
   ASSERT_GT(r.eigenFrequency.size(), 0);
   for (const SyntheticMode& mode : system.modes) {
     const SyntheticMode want = Mapped(mode, system.fMinHz);
