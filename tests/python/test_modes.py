@@ -35,7 +35,6 @@ class ModesOfSyntheticPlate(unittest.TestCase):
                              (np.complex64, (3, 48, 64)))
             self.assertGreater(np.count_nonzero(result.shapes[0]), 1000)
             self.assertTrue(set(result.chart["class"]) <= set(frfcam.CLASSES))
-            self.assertEqual(result.line_hz.shape, result.sum_magnitude.shape)
             text = repr(result)
             self.assertTrue(text.startswith("ModesResult(3 modes at ") and "\n" not in text, text)
             self.assertLess(len(text), 200)
@@ -50,16 +49,15 @@ class ModesOfSyntheticPlate(unittest.TestCase):
                 np.testing.assert_array_equal(
                     again.shapes[k], np.load(os.path.join(out, f"mode_{k + 1}.npy")))
 
-            with self.assertRaisesRegex(FileNotFoundError, "missing.hdr"):
-                frfcam.modes(os.path.join(folder, "missing.hdr"), reference)
-            with self.assertRaisesRegex(ValueError, "orders"):
-                frfcam.modes(header, reference, orders=(40, 2))
-            with self.assertRaisesRegex(ValueError, "band"):
-                frfcam.modes(header, reference, band=(500, 100))
-            with self.assertRaisesRegex(ValueError, "shapes"):
-                frfcam.modes(header, reference, shapes="motion")
-            with self.assertRaisesRegex(ValueError, "all zeros"):
-                frfcam.modes(header, np.zeros(1000))
+            missing = os.path.join(folder, "missing.hdr")
+            for args, kwargs, error, words in [
+                    ((missing, reference), {}, FileNotFoundError, "missing.hdr"),
+                    ((header, reference), dict(orders=(40, 2)), ValueError, "orders"),
+                    ((header, reference), dict(band=(500, 100)), ValueError, "band"),
+                    ((header, reference), dict(shapes="motion"), ValueError, "shapes"),
+                    ((header, np.zeros(1000)), {}, ValueError, "all zeros")]:
+                with self.subTest(words=words), self.assertRaisesRegex(error, words):
+                    frfcam.modes(*args, **kwargs)
             self.assertEqual(result.kind, "brightness")
             self.assertIsNone(result.displacement)
 

@@ -1,6 +1,7 @@
 """compute_stability, read_record and plot_stability through the installed
 package, on the five-mode system of `frfcam synth-frf`."""
 import os
+import re
 import subprocess
 import tempfile
 import unittest
@@ -41,7 +42,6 @@ class Stability(unittest.TestCase):
         self.assertEqual(r.synthesised.shape, self.frf.shape)
         error = np.abs(r.synthesised - self.frf).max(axis=0) / np.abs(self.frf).max(axis=0)
         self.assertTrue(np.all(error < 0.02), error)
-        self.assertEqual(r.upper_residual.shape, (3,))
         text = repr(r)
         self.assertRegex(text, r"^StabilityResult\(5 modes at [0-9., ]+, \.\.\. Hz; orders \d+\.\.40; "
                                rf"{self.frf.shape[0]} lines x 3 channels\)$")
@@ -50,7 +50,6 @@ class Stability(unittest.TestCase):
     def test_chart_rows_and_classes(self):
         chart = self.result.chart
         np.testing.assert_array_equal(self.result.orders, np.arange(3, 41))
-        self.assertEqual(self.result.num_orders, 39)
         self.assertEqual(set(chart["class"]) - set(frfcam.CLASSES), set())
         stable = self.result.chart_of("s")
         self.assertGreater(stable.size, 50)
@@ -65,21 +64,7 @@ class Stability(unittest.TestCase):
         np.testing.assert_allclose(back.residues[0], self.result.residues[1])
         np.testing.assert_allclose(back.synthesised[:, 0], self.result.synthesised[:, 1])
 
-    def test_plot_draws_classes_magnitude_and_modes(self):
-        import matplotlib
-        matplotlib.use("Agg")
-        import matplotlib.pyplot as plt
-        ax = frfcam.plot_stability(self.result)
-        self.assertEqual(len(ax.collections), 4)
-        marked = [l for l in ax.lines if len(l.get_xdata()) and l.get_xdata()[0] in self.result.selected_frequency]
-        self.assertEqual(len(marked), 5)
-        out = os.path.join(self.dir.name, "chart.png")
-        ax.figure.savefig(out)
-        self.assertGreater(os.path.getsize(out), 1000)
-        plt.close("all")
-
-    def test_plot_classes_look_as_on_the_command_line_chart(self):
-        import re
+    def test_plot_draws_classes_and_modes_as_the_command_line_chart(self):
         import matplotlib
         matplotlib.use("Agg")
         import matplotlib.colors
@@ -94,6 +79,7 @@ class Stability(unittest.TestCase):
         self.assertEqual(len(symbols), 4, legend)
         cli = dict(zip("sfdo", symbols))
         ax = frfcam.plot_stability(self.result)
+        self.assertEqual(len(ax.collections), 4)
         for collection in ax.collections:
             cls = collection.get_label()[0]
             drawn = {matplotlib.colors.to_hex(c) for c in
@@ -102,7 +88,11 @@ class Stability(unittest.TestCase):
         selected = re.search(r'stroke="(#[0-9a-f]{6})"[^>]*stroke-dasharray', legend).group(1)
         marked = [l for l in ax.lines if len(l.get_xdata())
                   and l.get_xdata()[0] in self.result.selected_frequency]
+        self.assertEqual(len(marked), 5)
         self.assertEqual(matplotlib.colors.to_hex(marked[0].get_color()), selected)
+        out = os.path.join(self.dir.name, "chart.png")
+        ax.figure.savefig(out)
+        self.assertGreater(os.path.getsize(out), 1000)
         plt.close("all")
 
     def test_command_line_uses_the_same_defaults(self):
@@ -120,27 +110,25 @@ class Stability(unittest.TestCase):
 
     def test_bad_input_raises_before_any_work(self):
         missing = os.path.join(self.dir.name, "no", "r.pb")
-        cases = [
-            (dict(orders=(2, 2)), ValueError, "two orders"),
-            (dict(orders=(2.5, 9)), ValueError, "integers"),
-            (dict(reference_channel=3), ValueError, "reference_channel"),
-            (dict(record=missing), RuntimeError, "r.pb"),
-            (dict(record=self.dir.name), RuntimeError, "folder"),
-            (dict(record=b"r.pb"), ValueError, "bytes"),
-        ]
-        for kwargs, error, words in cases:
-            with self.subTest(**{k: str(v) for k, v in kwargs.items()}):
-                with self.assertRaises(error) as e:
-                    frfcam.compute_stability(self.freq, self.frf, **kwargs)
-                self.assertIn(words, str(e.exception))
-        with self.assertRaisesRegex(ValueError, "one frequency per line"):
-            frfcam.compute_stability(self.freq[:-1], self.frf)
         bad = self.frf.copy()
         bad[3, 0] = np.nan
-        with self.assertRaisesRegex(ValueError, "not finite"):
-            frfcam.compute_stability(self.freq, bad)
-        with self.assertRaisesRegex(ValueError, "too few lines .* 6 spectral line"):
-            frfcam.compute_stability(self.freq[:6], self.frf[:6], orders=(10, 20))
+        f, h = self.freq, self.frf
+        cases = [
+            (f, h, dict(orders=(2, 2)), ValueError, "two orders"),
+            (f, h, dict(orders=(2.5, 9)), ValueError, "integers"),
+            (f, h, dict(reference_channel=3), ValueError, "reference_channel"),
+            (f, h, dict(record=missing), RuntimeError, "r.pb"),
+            (f, h, dict(record=self.dir.name), RuntimeError, "folder"),
+            (f, h, dict(record=b"r.pb"), ValueError, "bytes"),
+            (f[:-1], h, {}, ValueError, "one frequency per line"),
+            (f, bad, {}, ValueError, "not finite"),
+            (f[:6], h[:6], dict(orders=(10, 20)), ValueError, "too few lines .* 6 spectral line"),
+        ]
+        for freq, frf, kwargs, error, words in cases:
+            with self.subTest(words=words):
+                with self.assertRaises(error) as e:
+                    frfcam.compute_stability(freq, frf, **kwargs)
+                self.assertRegex(str(e.exception), words)
         with self.assertRaises(FileNotFoundError):
             frfcam.read_record(missing)
         self.assertFalse(os.path.exists(missing))
