@@ -34,7 +34,7 @@ build-asan: deps
 
 build-tsan: deps
 	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFRFCAM_TSAN=ON -DFRFCAM_BUILD_BENCH=OFF
-	cmake --build $(TSAN_BUILD) -j $(JOBS) --target test_frfmap
+	cmake --build $(TSAN_BUILD) -j $(JOBS) --target test_frfmap test_view
 
 # The demo needs the tool alone, and only the packages that build it: the
 # tests, benchmarks and Python module, and what they need, wait for
@@ -54,10 +54,12 @@ test-asan: build-asan
 	  LSAN_OPTIONS=suppressions=$(CURDIR)/tests/lsan.supp \
 	  ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
 
-# The render and cancellation tests under ThreadSanitizer (see
-# tests/frfmap/tsan_isolation.cpp for how the worker pool is kept out of it).
+# The render and cancellation tests, and the viewer's server under many
+# clients, under ThreadSanitizer (see tests/support/tsan_isolation.cpp for
+# how the worker pool is kept out of it).
 test-tsan: build-tsan
 	TSAN_OPTIONS=halt_on_error=1 ./$(TSAN_BUILD)/test_frfmap --gtest_filter='RenderCube.*:CubeRecord.*'
+	TSAN_OPTIONS=halt_on_error=1 ./$(TSAN_BUILD)/test_view
 
 test: test-release test-asan test-tsan
 
