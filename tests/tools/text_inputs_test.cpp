@@ -87,7 +87,8 @@ TEST(TextInputs, ReferenceWithTimesIsItsValuesAndItsRateIsChecked) {
   ASSERT_EQ(Cli("synth " + hdr + " --width 40 --height 30 --frames 100 --fps 1000").status, 0);
   ASSERT_EQ(Cli("render " + hdr).status, 0);
   std::ifstream in(dir.file("plate_reference.txt"));
-  std::ofstream same(dir.file("timed.csv")), slow(dir.file("slow.txt"));
+  std::ofstream same(dir.file("timed.csv")), slow(dir.file("slow.txt")),
+      comma(dir.file("comma.txt"));
   same << "time;force\ns;N\n";
   std::string value;
   for (int i = 0; in >> value; ++i) {
@@ -96,9 +97,11 @@ TEST(TextInputs, ReferenceWithTimesIsItsValuesAndItsRateIsChecked) {
     same << Replace(t, '.', ',') << ";" << Replace(value, '.', ',') << "\n";
     std::snprintf(t, sizeof t, "%.6f", i / 990.0);
     slow << t << "\t" << value << "  # N\n";
+    comma << Replace(value, '.', ',') << "\n";
   }
   same.close();
   slow.close();
+  comma.close();
 
   const auto map = [&](const std::string& reference, const std::string& png) {
     return Cli("map " + hdr + " --freq 150 --reference " + dir.file(reference) + " -o " +
@@ -117,6 +120,12 @@ TEST(TextInputs, ReferenceWithTimesIsItsValuesAndItsRateIsChecked) {
   EXPECT_EQ(std::count(off.err.begin(), off.err.end(), '\n'), 1) << off.err;
   EXPECT_TRUE(Contains(off.err, "give 990 samples/s, the header gives 1000 frames/s"));
   EXPECT_EQ(test::ReadFile(dir.file("c.png")), test::ReadFile(dir.file("a.png")));
+
+  // One column with decimal commas reads as (integer part, fraction) pairs,
+  // whose "times" soon fall back: the refusal names the likely cause.
+  const CommandResult commas = map("comma.txt", "d.png");
+  EXPECT_EQ(commas.status, 1);
+  EXPECT_TRUE(Contains(commas.err, "one value a line with decimal commas? Write points\n"));
 }
 
 TEST(TextInputs, SynthFrfWritesAUniversalFileThatStabilityReads) {
