@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <fstream>
 
-#include "commands.h"
+#include "command_error.h"
 #include "platform/platform.h"
 #include "talproto.pb.h"
 

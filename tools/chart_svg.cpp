@@ -12,7 +12,7 @@
 #include <memory>
 #include <sstream>
 
-#include "commands.h"
+#include "command_error.h"
 
 namespace frfcam::cli {
 

@@ -2,22 +2,11 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
-#include <stdexcept>
 #include <string>
-#include <vector>
+
+#include "command_error.h"
 
 namespace frfcam::cli {
-
-// A failure that the tool reports as one line on stderr with exit code 1.
-struct CommandError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
-// Ends the tool with `code` after the command has reported what happened
-// (for example 130 after a cancelled render).
-struct ExitWith {
-  int code;
-};
 
 // Checks for numeric options whose refusals read as people write numbers
 // (CLI11's own print the range's end, the largest double, in full).

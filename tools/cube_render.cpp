@@ -6,7 +6,7 @@
 #include <csignal>
 #include <cstdio>
 
-#include "commands.h"
+#include "command_error.h"
 #include "cube_state.h"
 #include "frfmap/capture_header.h"
 #include "frfmap/cube_files.h"

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "chart_svg.h"
-#include "commands.h"
+#include "command_error.h"
 #include "figure_svg.h"
 #include "png_writer.h"
 

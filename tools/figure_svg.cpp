@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <sstream>
 
-#include "commands.h"
+#include "command_error.h"
 #include "svg_raster.h"
 
 namespace frfcam::cli {

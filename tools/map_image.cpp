@@ -5,7 +5,7 @@
 #include <mutex>
 #include <string>
 
-#include "commands.h"
+#include "command_error.h"
 #include "cube_state.h"
 #include "frfmap/capture_header.h"
 #include "frfmap/fft.h"

@@ -7,7 +7,6 @@
 #include <fstream>
 #include <memory>
 #include <numbers>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -76,17 +75,29 @@ void RenderIfNeeded(const std::string& header, const frfmap::CaptureHeader& load
   RenderWithProgress(calcs.c, header, "rendering the cube: ");
 }
 
-// Removes what an earlier run of `modes` wrote into `dir`: modes.csv,
-// chart.svg, chart.json and mode_K.npy/.png/.gif, mode_K_disp.npy/.png and
-// mode_K_motion.gif. Nothing else is touched. Returns how many went.
+// Whether `name` is one that `modes` writes: modes.csv, chart.svg,
+// chart.json, mode_K.npy/.png/.gif, mode_K_disp.npy/.png, mode_K_motion.gif.
+bool WrittenByModes(const std::string& name) {
+  if (name == "modes.csv" || name == "chart.svg" || name == "chart.json") return true;
+  if (name.rfind("mode_", 0) != 0) return false;
+  std::size_t i = 5;
+  while (i < name.size() && name[i] >= '0' && name[i] <= '9') ++i;
+  if (i == 5) return false;
+  const std::string rest = name.substr(i);
+  for (const char* suffix : {".npy", ".png", ".gif", "_disp.npy", "_disp.png", "_motion.gif"}) {
+    if (rest == suffix) return true;
+  }
+  return false;
+}
+
+// Removes what an earlier run of `modes` wrote into `dir`; nothing else is
+// touched. Returns how many went.
 std::size_t RemovePreviousOutputs(const std::string& dir) {
-  static const std::regex kOurs(
-      R"((modes\.csv|chart\.(svg|json)|mode_[0-9]+(\.npy|\.png|\.gif|_disp\.npy|_disp\.png|_motion\.gif)))");
   std::size_t removed = 0;
   std::error_code ec;
   for (const auto& entry : std::filesystem::directory_iterator(platform::PathFromUtf8(dir), ec)) {
     const std::string name = entry.path().filename().string();
-    if (!std::regex_match(name, kOurs) || !platform::IsRegularFile(entry.path())) continue;
+    if (!WrittenByModes(name) || !platform::IsRegularFile(entry.path())) continue;
     std::error_code gone;
     if (std::filesystem::remove(entry.path(), gone)) ++removed;
   }

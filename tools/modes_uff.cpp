@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "commands.h"
+#include "command_error.h"
 #include "formats/output_file.h"
 #include "formats/uff.h"
 #include "formats/uff_shapes.h"

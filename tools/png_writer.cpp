@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
+#include "command_error.h"
 
 namespace frfcam::cli {
 

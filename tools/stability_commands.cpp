@@ -471,7 +471,7 @@ void RunStability(StabilityOptions o) {
   }
 }
 
-struct SynthOptions {
+struct SynthFrfOptions {
   std::string output;
   int lines = 1000;
   int channels = 4;
@@ -505,7 +505,7 @@ std::vector<formats::Uff58> SynthAsUff(const FrfTable& table) {
   return out;
 }
 
-void RunSynth(const SynthOptions& o) {
+void RunSynthFrf(const SynthFrfOptions& o) {
   const std::string ext = Extension(o.output);
   const bool uff = ext == ".uff" || ext == ".unv";
   if (!uff && ext != ".csv") {
@@ -618,7 +618,7 @@ void RegisterStabilityCommands(CLI::App& app) {
   chart->add_option("--size", co->size, "PNG size WIDTHxHEIGHT")->capture_default_str();
   chart->callback([co] { RunChart(*co); });
 
-  auto sy = std::make_shared<SynthOptions>();
+  auto sy = std::make_shared<SynthFrfOptions>();
   CLI::App* synth = app.add_subcommand(
       "synth-frf", "Write the FRFs of a known five-mode system as a table for `stability`");
   synth->add_option("output", sy->output, "file to write: .csv, or .uff/.unv (dataset 58)")
@@ -633,7 +633,7 @@ void RegisterStabilityCommands(CLI::App& app) {
       ->capture_default_str()
       ->check(NonNegative());
   synth->add_option("--seed", sy->seed, "noise seed")->capture_default_str();
-  synth->callback([sy] { RunSynth(*sy); });
+  synth->callback([sy] { RunSynthFrf(*sy); });
 }
 
 }  // namespace frfcam::cli

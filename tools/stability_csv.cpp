@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "commands.h"
+#include "command_error.h"
 #include "platform/platform.h"
 #include "text_table.h"
 

@@ -1,6 +1,6 @@
 #include "svg_raster.h"
 
-#include "commands.h"
+#include "command_error.h"
 
 #if defined(FRFCAM_HAVE_RSVG)
 #include <cairo.h>

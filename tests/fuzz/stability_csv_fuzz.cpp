@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "commands.h"
+#include "command_error.h"
 #include "fuzz_support.h"
 #include "stability_csv.h"
 

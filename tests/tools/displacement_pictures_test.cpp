@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
+#include "command_error.h"
 #include "png_reader.h"
 #include "support/contains.h"
 #include "support/test_support.h"

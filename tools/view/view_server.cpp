@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "chart_data.h"
-#include "commands.h"
+#include "command_error.h"
 #include "cube_render.h"
 #include "cube_state.h"
 #include "frfmap/capture_header.h"
