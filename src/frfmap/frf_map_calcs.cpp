@@ -34,8 +34,7 @@ int FrfMapCalcs::OpenCube(const std::string& header_path) {
   const std::int32_t frames = h.frame_count();
   if (!h.Problem().empty()) return kOpenBadCapture;
   const auto bins = static_cast<std::uint32_t>(frames / 2 + 1);
-  const CubeLayout layout = CubeLayout::For(h.pixels(), bins);
-  if (layout.bins_per_file == 0 || layout.FileCount() > kMaxFileNumber) return kOpenBadCapture;
+  const CubeLayout layout = CubeLayout::For(h.pixels(), bins);  // within limits: Problem() says so
 
   // What a render of one row at a time and the transform need must be there
   // now; asking for more would only fail later, or slowly.
