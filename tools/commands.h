@@ -13,6 +13,10 @@ namespace frfcam::cli {
 const CLI::Validator& NonNegative();
 const CLI::Validator& Positive();
 
+// LOW:HIGH, two numbers, into *a and *b; a CommandError naming `option`
+// when `text` is not that (the order of the two is the caller's to check).
+void ParsePair(const std::string& text, const char* option, double* a, double* b);
+
 void RegisterCaptureCommands(CLI::App& app);    // synth, info
 void RegisterCubeCommands(CLI::App& app);       // render, map, delete
 void RegisterStabilityCommands(CLI::App& app);  // stability, synth-frf

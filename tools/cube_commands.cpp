@@ -193,8 +193,7 @@ void RunMap(const MapOptions& o) {
   // A cube that was never rendered, or whose render stopped, is not data.
   std::string why;
   if (frfmap::CheckCube(o.header, header, &why) != frfmap::CubeState::kReady) {
-    std::string missing;
-    if (!FrameDataPresent(o.header, header, &missing)) RequireFrameData(o.header);
+    RequireFrameData(o.header);  // the likelier cause, when it holds
     throw CommandError(why);
   }
   if (o.figure) RequireSvgRaster("map --figure");
@@ -204,18 +203,8 @@ void RunMap(const MapOptions& o) {
   std::vector<float> reference;
   std::vector<std::complex<double>> reference_spectrum;
   if (!o.reference.empty()) {
-    double fpsFromTimes = 0;
-    reference = ReadReference(o.reference, &fpsFromTimes);
-    WarnIfReferenceRateDiffers(o.reference, fpsFromTimes, fps,
-                               o.fps > 0 ? "--fps gives" : "the header gives");
-    if (static_cast<int>(reference.size()) != frames) {
-      throw CommandError(o.reference + ": " + std::to_string(reference.size()) +
-                         " samples, but the capture has " + std::to_string(frames) +
-                         " frames (one per frame is needed)");
-    }
-    if (std::all_of(reference.begin(), reference.end(), [](float v) { return v == 0.0f; })) {
-      throw CommandError(o.reference + ": every sample is zero; a reference divides the spectra");
-    }
+    reference = ReadCaptureReference(o.reference, frames, fps,
+                                     o.fps > 0 ? "--fps gives" : "the header gives");
     SetReference(calcs.c, reference.data(), static_cast<int>(reference.size()));
     reference_spectrum = ReferenceSpectrum(reference, frames);
   }
@@ -225,10 +214,9 @@ void RunMap(const MapOptions& o) {
     std::string band = "all bins above 0 Hz";
     if (!o.band.empty()) {
       double lo = 0, hi = 0;
-      char tail = 0;
-      if (std::sscanf(o.band.c_str(), "%lf:%lf%c", &lo, &hi, &tail) != 2 || !(lo < hi)) {
+      ParsePair(o.band, "--band", &lo, &hi);
+      if (!(lo < hi))
         throw CommandError("--band " + o.band + ": expected LO:HI in Hz, LO below HI");
-      }
       first = BinOf(lo, fps, frames, "--band");
       last = BinOf(hi, fps, frames, "--band");
       band = Hz(lo) + ".." + Hz(hi);

@@ -51,20 +51,6 @@ struct ModesCliOptions {
 // UFF exports hold the windows of a grid of at most this many.
 constexpr int kUffWindows = 400;
 
-void ParsePair(const std::string& text, const char* option, double* a, double* b) {
-  const auto colon = text.find(':');
-  try {
-    if (colon == std::string::npos) throw std::invalid_argument(text);
-    std::size_t u1 = 0, u2 = 0;
-    const std::string x = text.substr(0, colon), y = text.substr(colon + 1);
-    *a = std::stod(x, &u1);
-    *b = std::stod(y, &u2);
-    if (u1 != x.size() || u2 != y.size()) throw std::invalid_argument(text);
-  } catch (const std::logic_error&) {
-    throw CommandError(std::string(option) + ": expected LOW:HIGH, got '" + text + "'");
-  }
-}
-
 void RenderIfNeeded(const std::string& header, const frfmap::CaptureHeader& loaded) {
   const frfmap::CubeState state = frfmap::CheckCube(header, loaded);
   if (state == frfmap::CubeState::kReady) return;
@@ -278,15 +264,9 @@ void RunModes(const ModesCliOptions& o) {
   if (!o.writeUff.empty()) options.exportWindows = kUffWindows;
   options.stride = o.stride;
   options.cancel = InterruptScope::cancelled();
-  double fpsFromTimes = 0;
-  const std::vector<float> reference = ReadReference(o.reference, &fpsFromTimes);
-  WarnIfReferenceRateDiffers(o.reference, fpsFromTimes, options.fps,
-                             o.fps > 0 ? "--fps gives" : "the header gives");
-  if (static_cast<std::int64_t>(reference.size()) != header.frame_count()) {
-    throw CommandError(o.reference + ": " + std::to_string(reference.size()) +
-                       " samples, but the capture has " + std::to_string(header.frame_count()) +
-                       " frames");
-  }
+  const std::vector<float> reference =
+      ReadCaptureReference(o.reference, header.frame_count(), options.fps,
+                           o.fps > 0 ? "--fps gives" : "the header gives");
   if (o.figure) RequireSvgRaster("modes --figure");
   std::error_code ec;
   std::filesystem::create_directories(o.output, ec);

@@ -1,6 +1,7 @@
-// Numeric option checks with plain messages.
+// Numeric option checks with plain messages, and LOW:HIGH pairs.
 #include <cmath>
 #include <cstdlib>
+#include <stdexcept>
 #include <string>
 
 #include "commands.h"
@@ -22,6 +23,20 @@ std::string Check(const std::string& text, bool zero_allowed) {
 }
 
 }  // namespace
+
+void ParsePair(const std::string& text, const char* option, double* a, double* b) {
+  const auto colon = text.find(':');
+  try {
+    if (colon == std::string::npos) throw std::invalid_argument(text);
+    std::size_t u1 = 0, u2 = 0;
+    const std::string x = text.substr(0, colon), y = text.substr(colon + 1);
+    *a = std::stod(x, &u1);
+    *b = std::stod(y, &u2);
+    if (u1 != x.size() || u2 != y.size()) throw std::invalid_argument(text);
+  } catch (const std::logic_error&) {
+    throw CommandError(std::string(option) + ": expected LOW:HIGH, got '" + text + "'");
+  }
+}
 
 const CLI::Validator& NonNegative() {
   static const CLI::Validator v([](std::string& s) { return Check(s, true); }, "NUMBER >= 0");

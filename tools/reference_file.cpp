@@ -1,14 +1,14 @@
 #include "reference_file.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <memory>
 
+#include "command_error.h"
 #include "text_table.h"
 
 namespace frfcam::cli {
-
-std::vector<float> ReadReference(const std::string& path) { return ReadReference(path, nullptr); }
 
 std::vector<float> ReadReference(const std::string& path, double* fpsFromTimes) {
   std::unique_ptr<TextTableReader> reader;
@@ -64,6 +64,22 @@ void WarnIfReferenceRateDiffers(const std::string& path, double fpsFromTimes, do
                "frfcam: warning: the times of %s give %.6g samples/s, %s %.6g frames/s; "
                "the reference is taken one value per frame\n",
                path.c_str(), fpsFromTimes, source, fps);
+}
+
+std::vector<float> ReadCaptureReference(const std::string& path, std::int64_t frames, double fps,
+                                        const char* source) {
+  double fpsFromTimes = 0;
+  std::vector<float> reference = ReadReference(path, &fpsFromTimes);
+  WarnIfReferenceRateDiffers(path, fpsFromTimes, fps, source);
+  if (static_cast<std::int64_t>(reference.size()) != frames) {
+    throw CommandError(path + ": " + std::to_string(reference.size()) +
+                       " samples, but the capture has " + std::to_string(frames) +
+                       " frames (one per frame is needed)");
+  }
+  if (std::all_of(reference.begin(), reference.end(), [](float v) { return v == 0.0f; })) {
+    throw CommandError(path + ": every sample is zero; a reference divides the spectra");
+  }
+  return reference;
 }
 
 }  // namespace frfcam::cli

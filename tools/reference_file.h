@@ -3,6 +3,7 @@
 // recorder's export), read as text_table.h reads tables.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -11,12 +12,9 @@ namespace frfcam::cli {
 // The values of a reference file: one per line, or the second column of a
 // two-column file. Throws TextTableError (a std::invalid_argument) naming the
 // file and the line of the first problem, when the file cannot be read, or
-// when it holds no value.
-std::vector<float> ReadReference(const std::string& path);
-
-// As above; `*fpsFromTimes` is the sampling rate the times of a two-column
-// file give ((count - 1) / (last time - first time)), 0 for one column or a
-// single row. The times must increase.
+// when it holds no value. `*fpsFromTimes` (when given) is the sampling rate
+// the times of a two-column file give ((count - 1) / (last time - first
+// time)), 0 for one column or a single row. The times must increase.
 std::vector<float> ReadReference(const std::string& path, double* fpsFromTimes);
 
 // Writes one warning line on stderr when a reference's times give a rate
@@ -25,5 +23,12 @@ std::vector<float> ReadReference(const std::string& path, double* fpsFromTimes);
 // from ("the header", "--fps").
 void WarnIfReferenceRateDiffers(const std::string& path, double fpsFromTimes, double fps,
                                 const char* source);
+
+// The reference of a capture of `frames` frames at `fps` (`source` as
+// above): read by ReadReference, with the rate warning, and refused with a
+// CommandError unless it has one value per frame, not all zero (a reference
+// divides the spectra).
+std::vector<float> ReadCaptureReference(const std::string& path, std::int64_t frames, double fps,
+                                        const char* source);
 
 }  // namespace frfcam::cli
